@@ -1,0 +1,37 @@
+# add_subdirectory() for every child folder of DIR that has a CMakeLists.txt, so that
+# new components join the build without editing a shared list.
+function(as_add_subdirectories dir)
+  file(GLOB _children LIST_DIRECTORIES true "${CMAKE_CURRENT_SOURCE_DIR}/${dir}/*")
+  list(SORT _children)
+  foreach(_child IN LISTS _children)
+    if(IS_DIRECTORY "${_child}" AND EXISTS "${_child}/CMakeLists.txt")
+      add_subdirectory("${_child}")
+    endif()
+  endforeach()
+endfunction()
+
+# Every source file learns the name that its errors and traces carry: its path below
+# ROOT without the extension ("core/linex/create_process").
+function(as_set_source_names root)
+  foreach(_src IN LISTS ARGN)
+    get_filename_component(_abs "${_src}" ABSOLUTE)
+    file(RELATIVE_PATH _rel "${root}" "${_abs}")
+    string(REGEX REPLACE "\\.[^./]*$" "" _name "${_rel}")
+    set_property(SOURCE "${_abs}" APPEND PROPERTY COMPILE_DEFINITIONS "AS_SOURCE_NAME=\"${_name}\"")
+  endforeach()
+endfunction()
+
+# as_add_test(NAME SOURCES... [LIBS ...] [LABELS ...] [TIMEOUT n])
+# One GoogleTest program, registered with ctest under the given labels ("unit",
+# "machine", "threaded", "vm").
+function(as_add_test name)
+  cmake_parse_arguments(T "" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+  add_executable(${name} ${T_SOURCES})
+  as_set_source_names("${PROJECT_SOURCE_DIR}" ${T_SOURCES})
+  target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock GTest::gtest_main as_warnings)
+  if(NOT T_TIMEOUT)
+    set(T_TIMEOUT 300)
+  endif()
+  add_test(NAME ${name} COMMAND ${name})
+  set_tests_properties(${name} PROPERTIES LABELS "${T_LABELS}" TIMEOUT ${T_TIMEOUT})
+endfunction()

@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs a build into a staging prefix and uses it the way a client would: through
+# find_package and through pkg-config. Also checks what the shared library exports.
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+build=$(cd "$1" && pwd)
+stage="$build/stage"
+rm -rf "$stage" "$build/consumer"
+cmake --install "$build" --prefix "$stage" >/dev/null
+
+lib="$stage/lib/libappliance_storage.so"
+[ "$(readlink "$lib")" = "libappliance_storage.so.18" ] || { echo "SONAME link missing"; exit 1; }
+exports=$(nm -D --defined-only "$lib")
+for sym in major_version minor_version build_number MsgFileName _ErrorModuleName REG_LINUX_DIR \
+           REG_MAC_DIR LIBRARY_MAC_DIR DefaultTextsBase TextsFromMessageFileBase GetTextFromMessageFile; do
+  grep -q "$sym" <<<"$exports" || { echo "not exported: $sym"; exit 1; }
+done
+if grep -E "ErrorImpl|ErrorAccess|AsInternal|Detail|St6vector" <<<"$exports"; then
+  echo "internal names leak from the shared library"; exit 1
+fi
+
+cmake -S "$here/consumer" -B "$build/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$stage" >/dev/null
+cmake --build "$build/consumer" >/dev/null
+LD_LIBRARY_PATH="$stage/lib" "$build/consumer/consumer" | tee "$build/consumer/out.txt"
+grep -q "18.0.38811" "$build/consumer/out.txt"
+
+flags=$(PKG_CONFIG_PATH="$stage/lib/pkgconfig" pkg-config --cflags --libs appliance_storage)
+# shellcheck disable=SC2086
+c++ -std=c++17 "$here/consumer/consumer.cpp" $flags -o "$build/consumer/consumer_pc"
+LD_LIBRARY_PATH="$stage/lib" "$build/consumer/consumer_pc" >/dev/null
+echo "installed package works through find_package and pkg-config"

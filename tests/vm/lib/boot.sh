@@ -1,0 +1,98 @@
+# Runs QEMU, watches the guest reach its command, answers the guest's
+# monitor requests and enforces the time limits. Sourced by vmrun; expects
+# VM_RUN, VM_DIR, VM_QEMU_PID and die().
+
+vm_now() { date +%s.%N; }
+vm_elapsed() { awk -v a="$1" -v b="$(vm_now)" 'BEGIN { printf "%.1f", b - a }'; }
+vm_older_than() { awk -v a="$1" -v b="$(vm_now)" -v s="$2" 'BEGIN { exit !(b - a > s) }'; }
+
+# The guest asks for monitor commands by leaving monitor/req.N (one HMP line)
+# in the run share; the answer goes to monitor/rep.N: the exit status on the
+# first line, QEMU's text after it. See guest/vmlib.sh.
+vm_serve_monitor() {
+    local req n line out rc
+    for req in "$VM_RUN"/guest/monitor/req.*; do
+        [ -e "$req" ] || return 0
+        n=${req##*.}
+        [[ $n =~ ^[0-9]+$ ]] || continue
+        IFS= read -r line < "$req"
+        out=$(perl "$VM_DIR/lib/qmp.pl" "$VM_RUN/qmp.sock" "$line" 2>&1)
+        rc=$?
+        echo "vmrun: monitor: $line -> $rc" >> "$VM_RUN/monitor.log"
+        printf '%s\n%s\n' "$rc" "$out" > "$VM_RUN/guest/monitor/rep.$n.tmp"
+        mv "$VM_RUN/guest/monitor/rep.$n.tmp" "$VM_RUN/guest/monitor/rep.$n"
+        rm -f "$req"
+    done
+}
+
+# Prints everything the guest and QEMU said, for a run that went wrong.
+vm_report_failure() {
+    echo "vmrun: $*" >&2
+    local f
+    for f in stdout stderr; do
+        if [ -s "$VM_RUN/guest/$f" ]; then
+            echo "----- guest command $f (so far) -----" >&2
+            cat "$VM_RUN/guest/$f" >&2
+        fi
+    done
+    if [ -s "$VM_RUN/qemu.log" ]; then
+        echo "----- qemu -----" >&2
+        cat "$VM_RUN/qemu.log" >&2
+    fi
+    echo "----- guest console -----" >&2
+    cat "$VM_RUN/console.log" >&2 2>/dev/null
+    echo "----- end of guest console -----" >&2
+}
+
+vm_stop_qemu() {
+    [ -n "${VM_QEMU_PID:-}" ] || return 0
+    if kill -0 "$VM_QEMU_PID" 2>/dev/null; then
+        kill "$VM_QEMU_PID" 2>/dev/null
+        for _ in 1 2 3 4 5 6 7 8 9 10; do
+            kill -0 "$VM_QEMU_PID" 2>/dev/null || break
+            sleep 0.2
+        done
+        kill -9 "$VM_QEMU_PID" 2>/dev/null
+    fi
+    wait "$VM_QEMU_PID" 2>/dev/null
+    VM_QEMU_PID=
+}
+
+# vm_boot BOOT_TIMEOUT TIMEOUT QEMU_ARGS...
+# Sets VM_BOOT_SECONDS and VM_COMMAND_SECONDS; returns 0 when the guest
+# reported the command's status, 1 after printing why not.
+vm_boot() {
+    local boot_timeout=$1 timeout=$2
+    shift 2
+    local t0 t_started="" rc
+    t0=$(vm_now)
+    qemu-system-x86_64 "$@" > "$VM_RUN/qemu.log" 2>&1 < /dev/null &
+    VM_QEMU_PID=$!
+    while kill -0 "$VM_QEMU_PID" 2>/dev/null; do
+        if [ -z "$t_started" ]; then
+            if [ -e "$VM_RUN/guest/started" ]; then
+                t_started=$(vm_now)
+                VM_BOOT_SECONDS=$(vm_elapsed "$t0")
+            elif vm_older_than "$t0" "$boot_timeout"; then
+                vm_stop_qemu
+                vm_report_failure "the guest did not reach the command within $boot_timeout s"
+                return 1
+            fi
+        elif vm_older_than "$t_started" "$timeout"; then
+            vm_stop_qemu
+            vm_report_failure "the command did not finish within $timeout s"
+            return 1
+        fi
+        vm_serve_monitor
+        sleep 0.2
+    done
+    wait "$VM_QEMU_PID"
+    rc=$?
+    VM_QEMU_PID=
+    [ -n "$t_started" ] && VM_COMMAND_SECONDS=$(vm_elapsed "$t_started")
+    if [ ! -e "$VM_RUN/guest/status" ]; then
+        vm_report_failure "QEMU exited with status $rc before the guest reported the command's status"
+        return 1
+    fi
+    return 0
+}

@@ -1,0 +1,101 @@
+# Builds the guest's initramfs (busybox, the init script and the few modules
+# the test machines need) and keeps it in a cache that outlives /tmp.
+# Sourced by vmrun; expects VM_DIR (tests/vm) and die().
+
+# Drivers of every controller the bed offers, 9p for the host root, overlay
+# for /etc, ext4 and loop for the tests. crc32c_generic is named because ext4
+# only pulls crc32c in through a soft dependency.
+VM_MODULES="virtio_pci virtio_scsi sd_mod sym53c8xx megaraid_sas vmw_pvscsi mptsas
+            ahci ata_piix 9p 9pnet_virtio overlay ext4 crc32c_generic loop"
+
+vm_cache_dir() {
+    echo "${VM_CACHE_DIR:-${XDG_CACHE_HOME:-$HOME/.cache}/appliance_storage/vm}"
+}
+
+# The newest installed kernel whose modules are also installed; the guest's
+# modprobe (run from the host root) needs both to match.
+vm_kernel_version() {
+    if [ -n "${VM_KERNEL_VERSION:-}" ]; then
+        echo "$VM_KERNEL_VERSION"
+        return
+    fi
+    local k kver
+    kver=$(for k in /boot/vmlinuz-*; do
+               k=${k#/boot/vmlinuz-}
+               [ -d "/lib/modules/$k/kernel" ] && echo "$k"
+           done | sort -V | tail -n 1)
+    [ -n "$kver" ] || die "no kernel in /boot with modules in /lib/modules; install linux-image-amd64"
+    echo "$kver"
+}
+
+vm_busybox() {
+    local b
+    for b in /bin/busybox /usr/bin/busybox; do
+        # A dynamically linked busybox cannot run in an initramfs without libc.
+        if [ -x "$b" ] && ! LC_ALL=C ldd "$b" >/dev/null 2>&1; then
+            echo "$b"
+            return
+        fi
+    done
+    die "no statically linked busybox found; install busybox-static"
+}
+
+# Prints the module files (relative to /) in load order, each once.
+vm_module_files() {
+    local kver=$1 mod out all=""
+    for mod in $VM_MODULES; do
+        out=$(modprobe -S "$kver" --show-depends "$mod" 2>&1) \
+            || die "module $mod of kernel $kver: $out"
+        all+=$out$'\n'
+    done
+    printf '%s' "$all" | awk '$1 == "insmod" { sub("^/", "", $2); if (!seen[$2]++) print $2 }'
+}
+
+# A subshell, so that the trap only cleans up this build.
+vm_build_initramfs() (
+    local kver=$1 out=$2 busybox=$3 root ko
+    root=$(mktemp -d "${TMPDIR:-/tmp}/vm-initramfs.XXXXXX") || die "mktemp failed"
+    trap 'rm -rf "$root"' EXIT
+    mkdir -p "$root"/{bin,dev,proc,sys,etc,tmp}
+    cp "$busybox" "$root/bin/busybox"
+    cp "$VM_DIR/guest/init" "$root/init"
+    chmod 755 "$root/init" "$root/bin/busybox"
+
+    vm_module_files "$kver" > "$root/modules.order.boot"
+    while read -r ko; do
+        mkdir -p "$root/$(dirname "$ko")"
+        cp "/$ko" "$root/$ko"
+        # busybox insmod reads plain .ko files only.
+        case $ko in
+            *.xz)  xz -d "$root/$ko" ;;
+            *.zst) zstd -q -d --rm "$root/$ko" ;;
+            *.gz)  gzip -d "$root/$ko" ;;
+        esac
+    done < "$root/modules.order.boot"
+    sed -i -E 's/\.ko\.(xz|zst|gz)$/.ko/' "$root/modules.order.boot"
+    cp "/lib/modules/$kver/modules.order" "/lib/modules/$kver/modules.builtin" "/lib/modules/$kver/modules.builtin.modinfo" "$root/lib/modules/$kver/" 2>/dev/null
+    depmod -b "$root" "$kver" || die "depmod failed"
+
+    local cpio_cmd=(cpio --quiet -o -H newc)
+    command -v cpio >/dev/null || cpio_cmd=("$busybox" cpio -o -H newc)
+    (cd "$root" && find . | LC_ALL=C sort | "${cpio_cmd[@]}" | gzip -1) > "$out.tmp.$$" \
+        || die "cannot pack the initramfs"
+    mv "$out.tmp.$$" "$out"
+    rm -rf "$root"
+)
+
+# Prints the path of an initramfs for kernel $1, building it when the cache
+# has none for this kernel, busybox and these inputs.
+vm_initramfs() {
+    local kver=$1 busybox key dir out
+    busybox=$(vm_busybox)
+    key=$( { cat "$VM_DIR/guest/init" "$VM_DIR/lib/initramfs.sh"; echo "$VM_MODULES";
+             sha256sum "$busybox"; } | sha256sum | cut -c1-16)
+    dir=$(vm_cache_dir)
+    out="$dir/initramfs-$kver-$key.cpio.gz"
+    if [ ! -s "$out" ]; then
+        mkdir -p "$dir" || die "cannot create the cache directory $dir"
+        vm_build_initramfs "$kver" "$out" "$busybox"
+    fi
+    echo "$out"
+}
