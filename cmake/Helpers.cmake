@@ -35,3 +35,35 @@ function(as_add_test name)
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES LABELS "${T_LABELS}" TIMEOUT ${T_TIMEOUT})
 endfunction()
+
+# as_add_bench(NAME SOURCES... [LIBS ...]): a Google Benchmark program.
+function(as_add_bench name)
+  cmake_parse_arguments(B "" "" "SOURCES;LIBS" ${ARGN})
+  find_package(benchmark REQUIRED)
+  add_executable(${name} ${B_SOURCES})
+  as_set_source_names("${PROJECT_SOURCE_DIR}" ${B_SOURCES})
+  target_link_libraries(${name} PRIVATE ${B_LIBS} benchmark::benchmark as_warnings)
+endfunction()
+
+# as_add_fuzzer(NAME SOURCES... [LIBS ...] [CORPUS dir] [SECONDS n]): a libFuzzer
+# target, registered with ctest (label "fuzz") to run for a bounded time from its
+# seed corpus. Built only with clang (AS_BUILD_FUZZ).
+function(as_add_fuzzer name)
+  cmake_parse_arguments(F "" "CORPUS;SECONDS" "SOURCES;LIBS" ${ARGN})
+  add_executable(${name} ${F_SOURCES})
+  as_set_source_names("${PROJECT_SOURCE_DIR}" ${F_SOURCES})
+  target_link_libraries(${name} PRIVATE ${F_LIBS} as_warnings)
+  target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+  if(NOT F_SECONDS)
+    set(F_SECONDS 60)
+  endif()
+  set(_work "${CMAKE_CURRENT_BINARY_DIR}/${name}_corpus")
+  file(MAKE_DIRECTORY "${_work}")
+  set(_args "${_work}")
+  if(F_CORPUS)
+    list(APPEND _args "${F_CORPUS}")
+  endif()
+  add_test(NAME ${name} COMMAND ${name} -max_total_time=${F_SECONDS} -timeout=10 -rss_limit_mb=2048
+           -print_final_stats=1 ${_args})
+  set_tests_properties(${name} PROPERTIES LABELS fuzz TIMEOUT 600)
+endfunction()
