@@ -67,7 +67,10 @@ ErrorImpl* CloneBytes(const ErrorImpl* node) {
   const size_t bytes = NodeBytes(node);
   ErrorImpl* copy = Allocate(bytes);
   if (copy == nullptr) return nullptr;
-  std::memcpy(static_cast<void*>(copy), static_cast<const void*>(node), bytes);
+  // Everything but the count, which other threads may be changing right now.
+  constexpr size_t kSkip = sizeof(std::atomic<uint64_t>);
+  static_assert(offsetof(ErrorImpl, code) == kSkip, "the count comes first");
+  std::memcpy(reinterpret_cast<char*>(copy) + kSkip, reinterpret_cast<const char*>(node) + kSkip, bytes - kSkip);
   new (&copy->refs) std::atomic<uint64_t>(1);
   copy->cause = nullptr;
   return copy;
