@@ -1,0 +1,12 @@
+#pragma once
+// Assertions of the launcher and the shell services name a fixed file and line, so
+// that a report reads the same whichever file holds the check.
+#include "core/common/assert.h"
+
+#define AS_ASSERT_AT(expr, file, line) \
+  ((expr) ? static_cast<void>(0) : ::Common::AssertionFailed(#expr, (file), (line)))
+
+namespace Linex {
+constexpr const char* kLauncherFile = "core/linex/create_process";
+constexpr const char* kShellFile = "core/linex/linux_misc";
+}  // namespace Linex

@@ -1,0 +1,73 @@
+#pragma once
+// Helpers of the launcher and shell tests: run the probe child, read what it reports,
+// count the test process's own descriptors.
+#include <dirent.h>
+#include <unistd.h>
+
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "core/linex/create_process.h"
+
+namespace LinexTest {
+
+inline std::string ReadAll(int fd) {
+  std::string text;
+  char buffer[4096];
+  ssize_t n;
+  while ((n = read(fd, buffer, sizeof buffer)) > 0) text.append(buffer, static_cast<size_t>(n));
+  close(fd);
+  return text;
+}
+
+struct Result {
+  int status = -2;
+  std::string out;
+};
+
+// Runs `child` with its descriptor 1 on a pipe and collects the output.
+inline Result Run(ChildProcess& child) {
+  int out = -1;
+  child.AddRedirection(1, &out, true);
+  Result result;
+  if (child.ForkExec() == -1) return result;
+  result.out = ReadAll(out);
+  result.status = child.Wait();
+  return result;
+}
+
+// Runs the probe program in `mode`.
+inline Result Probe(ChildProcess& child, const char* mode) {
+  child.Args = {AS_CHILD_PROBE, mode};
+  return Run(child);
+}
+
+inline std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+// "<fd> <target>" lines of the probe's "fds" mode.
+inline std::map<int, std::string> Descriptors(const std::string& text) {
+  std::map<int, std::string> fds;
+  for (const std::string& line : Lines(text)) {
+    const size_t space = line.find(' ');
+    fds[std::stoi(line.substr(0, space))] = line.substr(space + 1);
+  }
+  return fds;
+}
+
+inline int CountOwnFds() {
+  int count = 0;
+  if (DIR* dir = opendir("/proc/self/fd")) {
+    while (const dirent* entry = readdir(dir)) count += entry->d_name[0] != '.';
+    closedir(dir);
+  }
+  return count - 1;  // the directory itself
+}
+
+}  // namespace LinexTest
