@@ -10,6 +10,14 @@
 #include "core/linex/create_process.h"
 #include "core/linex/libc_entries_internal.h"
 
+#if defined(__SANITIZE_THREAD__)
+#define AS_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define AS_THREAD_SANITIZER 1
+#endif
+#endif
+
 namespace {
 
 enum class ClosePolicy { kAbort, kBreak, kIgnore };
@@ -50,6 +58,12 @@ const LibcEntries& GetLibcEntries() noexcept {
       e.fclose = reinterpret_cast<int (*)(FILE*)>(dlsym(libc, "fclose"));
       e.clone = reinterpret_cast<int (*)(int (*)(void*), void*, int, void*, ...)>(dlsym(libc, "clone"));
     }
+#ifdef AS_THREAD_SANITIZER
+    // ThreadSanitizer tracks descriptors through its own close and fclose; a close it
+    // does not see makes every later reuse of the number look like a data race.
+    e.close = ::close;
+    e.fclose = ::fclose;
+#endif
     return e;
   }();
   return entries;
