@@ -1,0 +1,34 @@
+#pragma once
+// Tells from outside whether the file lock behind a shared mutex is held.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <string>
+
+namespace SyncTest {
+
+inline std::string LockPath(const std::string& name) { return "/tmp/.SharedMutex_" + name; }
+
+inline bool FileLockHeld(const std::string& name) {
+  const int fd = open(LockPath(name).c_str(), O_RDWR | O_CLOEXEC);
+  if (fd == -1) return false;
+  const bool held = flock(fd, LOCK_EX | LOCK_NB) != 0;
+  close(fd);
+  return held;
+}
+
+// A name of this test run's own, so that runs never meet.
+inline std::string UniqueName(const char* what) { return std::string("zl_test_") + what + "_" + std::to_string(getpid()); }
+
+inline int CountOwnFds() {
+  int count = -1;  // the directory itself
+  if (DIR* dir = opendir("/proc/self/fd")) {
+    while (const dirent* entry = readdir(dir)) count += entry->d_name[0] != '.';
+    closedir(dir);
+  }
+  return count;
+}
+
+}  // namespace SyncTest
