@@ -1,0 +1,140 @@
+#include "registry/document.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "core/common/unicode.h"
+#include "registry/errors.h"
+
+namespace {
+
+using Common::Str;
+using Registry::KeyNode;
+
+Common::Error Parse(const std::string& text, KeyNode& root) {
+  return Registry::ParseRegistryDocument(text.data(), text.size(), "/etc/Zemlora/T.xml", root);
+}
+
+KeyNode& Child(KeyNode& node, const String& name) {
+  auto& slot = node.children[name];
+  if (!slot) slot = std::make_unique<KeyNode>();
+  return *slot;
+}
+
+TEST(RegistryDocument, WritesReadableXml) {
+  KeyNode root;
+  KeyNode& key = Child(Child(root, Str(u"Software")), Str(u"A&B"));
+  key.values[String()] = Registry::MultiString{Str(u"Temporary"), Str(u"1")};
+  key.values[Str(u"n")] = uint32_t{42};
+  key.values[Str(u"b")] = Registry::Binary{0x00, 0xFF};
+  EXPECT_EQ(Registry::SerializeRegistryDocument(root, Str(u"HKEY_LOCAL_MACHINE")),
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+            "<registry root=\"HKEY_LOCAL_MACHINE\" version=\"1\">\n"
+            "  <key name=\"Software\">\n"
+            "    <key name=\"A&amp;B\">\n"
+            "      <value type=\"multistring\">\n"
+            "        <string>Temporary</string>\n"
+            "        <string>1</string>\n"
+            "      </value>\n"
+            "      <value name=\"b\" type=\"binary\">00ff</value>\n"
+            "      <value name=\"n\" type=\"dword\">42</value>\n"
+            "    </key>\n"
+            "  </key>\n"
+            "</registry>\n");
+}
+
+TEST(RegistryDocument, EveryValueTypeAndNameSurvivesARoundTrip) {
+  KeyNode root;
+  const String hostileKey = String{'<', '&', 0, 0xD800, '"', ' '} + Str(u"\U0001F600]]>");
+  const String hostile = hostileKey + Str(u"\\");
+  KeyNode& key = Child(Child(root, hostileKey), Str(u" "));
+  key.values[String()] = String();
+  key.values[hostile] = hostile;
+  key.values[Str(u"empty list")] = Registry::MultiString{};
+  key.values[Str(u"list")] = Registry::MultiString{String(), Str(u"  "), hostile};
+  key.values[Str(u"max32")] = uint32_t{0xFFFFFFFF};
+  key.values[Str(u"max64")] = uint64_t{0xFFFFFFFFFFFFFFFF};
+  key.values[Str(u"zero64")] = uint64_t{0};
+  key.values[Str(u"no bytes")] = Registry::Binary{};
+  Child(root, Str(u"other"));
+
+  const std::string text = Registry::SerializeRegistryDocument(root, Str(u"HKEY_USERS"));
+  KeyNode read;
+  ASSERT_FALSE(Parse(text, read)) << text;
+  ASSERT_EQ(read.children.size(), 2u);
+  const KeyNode& back = *read.children.at(hostileKey)->children.at(Str(u" "));
+  EXPECT_EQ(back.values, key.values);
+  EXPECT_TRUE(back.children.empty());
+  EXPECT_EQ(Registry::SerializeRegistryDocument(read, Str(u"HKEY_USERS")), text);
+}
+
+TEST(RegistryDocument, AcceptsHandWrittenVariants) {
+  KeyNode root;
+  ASSERT_FALSE(Parse("<registry/>", root));
+  ASSERT_FALSE(Parse("\xEF\xBB\xBF<?xml version='1.0'?><!-- edited --><registry>"
+                     "<key name='k'><value name='b' type='binary'>0A bC\n 0d</value>"
+                     "<value type='string'><![CDATA[<raw>]]></value></key></registry>",
+                     root));
+  const KeyNode& key = *root.children.at(Str(u"k"));
+  EXPECT_EQ(std::get<Registry::Binary>(key.values.at(Str(u"b"))), (Registry::Binary{0x0A, 0xBC, 0x0D}));
+  EXPECT_EQ(std::get<String>(key.values.at(String())), Str(u"<raw>"));
+}
+
+TEST(RegistryDocument, RefusesWhatALaterWriteWouldLose) {
+  const struct {
+    const char* name;
+    std::string text;
+  } cases[] = {
+      {"empty file", ""},
+      {"not XML", "registry"},
+      {"truncated", "<registry><key name='a'>"},
+      {"other root element", "<config/>"},
+      {"two roots", "<registry/><registry/>"},
+      {"newer version", "<registry version='2'/>"},
+      {"unknown element", "<registry><group/></registry>"},
+      {"unknown attribute", "<registry><key name='a' hidden='1'/></registry>"},
+      {"stray text", "<registry>text<key name='a'/></registry>"},
+      {"key without name", "<registry><key/></registry>"},
+      {"empty key name", "<registry><key name=''/></registry>"},
+      {"backslash in key name", "<registry><key name='a\\\\b'/></registry>"},
+      {"duplicate key", "<registry><key name='a'/><key name='a'/></registry>"},
+      {"duplicate value", "<registry><value type='dword'>1</value><value name='' type='dword'>2</value></registry>"},
+      {"value without type", "<registry><value name='a'>1</value></registry>"},
+      {"unknown type", "<registry><value type='float'>1</value></registry>"},
+      {"dword too big", "<registry><value type='dword'>4294967296</value></registry>"},
+      {"qword too big", "<registry><value type='qword'>18446744073709551616</value></registry>"},
+      {"negative number", "<registry><value type='dword'>-1</value></registry>"},
+      {"empty number", "<registry><value type='qword'/></registry>"},
+      {"odd hex digits", "<registry><value type='binary'>abc</value></registry>"},
+      {"not hex", "<registry><value type='binary'>zz</value></registry>"},
+      {"text split by a comment", "<registry><value type='string'>a<!--x-->b</value></registry>"},
+      {"element inside a string", "<registry><value type='string'><b/></value></registry>"},
+      {"text inside a multistring", "<registry><value type='multistring'>a</value></registry>"},
+      {"bad escape", "<registry><value type='string'>\\q</value></registry>"},
+      {"invalid UTF-8", "<registry><key name='\xC3'/></registry>"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    KeyNode root;
+    Child(root, Str(u"untouched"));
+    const Common::Error error = Parse(c.text, root);
+    ASSERT_EQ(error.GetCode(), Registry::kErrorFileCorrupt);
+    EXPECT_STREQ(error.GetFieldNames(), "path,$module");
+    EXPECT_STREQ(error.GetStringField("path"), "/etc/Zemlora/T.xml");
+    EXPECT_EQ(error.GetText(), Str(u"Registry file '/etc/Zemlora/T.xml' is corrupt."));
+    EXPECT_EQ(error.GetCause().GetCode(), Registry::kErrorFileFormat);
+    EXPECT_EQ(root.children.count(Str(u"untouched")), 1u);
+  }
+}
+
+TEST(RegistryDocument, RefusesKeysNestedTooDeep) {
+  std::string deep = "<registry>";
+  for (size_t i = 0; i <= Registry::kMaxKeyDepth; ++i) deep += "<key name='k'>";
+  for (size_t i = 0; i <= Registry::kMaxKeyDepth; ++i) deep += "</key>";
+  deep += "</registry>";
+  KeyNode root;
+  EXPECT_EQ(Parse(deep, root).GetCode(), Registry::kErrorFileCorrupt);
+}
+
+}  // namespace
