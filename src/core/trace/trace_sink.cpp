@@ -1,0 +1,133 @@
+// The process-wide trace sink. Readers never lock: registrations publish a new
+// immutable list and keep the old ones to the end of the process, so an event that
+// is being delivered never sees a list freed under it. Registrations are rare.
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "core/trace/trace_tools.h"
+
+namespace TraceTools {
+
+namespace {
+
+struct Registration {
+  uint64_t handle;
+  TraceCallback callback;
+  PlainTraceCallback plain;
+  void* context;
+};
+
+struct Lists {
+  std::vector<TraceSubscriber*> subscribers;
+  std::vector<Registration> callbacks;
+  bool anyWantsEvery = false;
+};
+
+std::atomic<int32_t> gMinimumLevel{Common::EventLevelNotice};
+
+class Sink {
+ public:
+  const Lists* Current() const noexcept { return current_.load(std::memory_order_acquire); }
+
+  template <class Change>
+  void Update(Change change) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto next = std::make_unique<Lists>(*Current());
+    change(*next);
+    next->anyWantsEvery = std::any_of(next->subscribers.begin(), next->subscribers.end(),
+                                      [](const TraceSubscriber* s) { return s->WantsEveryEvent(); });
+    current_.store(next.get(), std::memory_order_release);
+    retired_.push_back(std::move(next));
+  }
+
+  uint64_t NextHandle() { return ++lastHandle_; }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::unique_ptr<Lists>> retired_{[] {
+    std::vector<std::unique_ptr<Lists>> v;
+    v.push_back(std::make_unique<Lists>());
+    return v;
+  }()};
+  std::atomic<const Lists*> current_{retired_.front().get()};
+  uint64_t lastHandle_ = 0;
+};
+
+// Never destroyed: events may be traced from any static destructor.
+Sink& TheSink() {
+  static Sink* sink = new Sink;
+  return *sink;
+}
+
+}  // namespace
+
+TraceSubscriber::~TraceSubscriber() = default;
+
+void Subscribe(TraceSubscriber* subscriber) {
+  if (subscriber == nullptr) return;
+  TheSink().Update([subscriber](Lists& l) { l.subscribers.push_back(subscriber); });
+}
+
+void Unsubscribe(TraceSubscriber* subscriber) {
+  TheSink().Update([subscriber](Lists& l) {
+    l.subscribers.erase(std::remove(l.subscribers.begin(), l.subscribers.end(), subscriber), l.subscribers.end());
+  });
+}
+
+uint64_t RegisterCallback(TraceCallback callback, void* context) {
+  Sink& sink = TheSink();
+  uint64_t handle = 0;
+  sink.Update([&](Lists& l) {
+    handle = sink.NextHandle();
+    l.callbacks.push_back({handle, callback, nullptr, context});
+  });
+  return handle;
+}
+
+uint64_t RegisterCallback(PlainTraceCallback callback) {
+  Sink& sink = TheSink();
+  uint64_t handle = 0;
+  sink.Update([&](Lists& l) {
+    handle = sink.NextHandle();
+    l.callbacks.push_back({handle, nullptr, callback, nullptr});
+  });
+  return handle;
+}
+
+void UnregisterCallback(uint64_t handle) {
+  TheSink().Update([handle](Lists& l) {
+    l.callbacks.erase(std::remove_if(l.callbacks.begin(), l.callbacks.end(),
+                                     [handle](const Registration& r) { return r.handle == handle; }),
+                      l.callbacks.end());
+  });
+}
+
+void SetMinimumLevel(int32_t level) noexcept { gMinimumLevel.store(level, std::memory_order_relaxed); }
+
+int32_t GetMinimumLevel() noexcept { return gMinimumLevel.load(std::memory_order_relaxed); }
+
+bool IsTraced(int32_t level) noexcept {
+  const Lists* lists = TheSink().Current();
+  if (lists->anyWantsEvery) return true;
+  return level >= GetMinimumLevel() && (!lists->subscribers.empty() || !lists->callbacks.empty());
+}
+
+void TraceText(Common::EventLevel level, int32_t code, const String& text) {
+  const Lists* lists = TheSink().Current();
+  const TraceEvent event{level, code, 0, text.c_str(), text.size()};
+  const bool aboveMinimum = level >= GetMinimumLevel();
+  for (TraceSubscriber* s : lists->subscribers)
+    if (aboveMinimum || s->WantsEveryEvent()) s->OnTraceEvent(event);
+  if (!aboveMinimum) return;
+  for (const Registration& r : lists->callbacks) {
+    if (r.callback != nullptr)
+      r.callback(r.context, event);
+    else if (r.plain != nullptr)
+      r.plain(event);
+  }
+}
+
+}  // namespace TraceTools
