@@ -28,6 +28,15 @@ Node* Find(Node& root, const std::vector<String>& names) {
   return node;
 }
 
+// The names of a key's children or values, in their order.
+template <typename Map>
+std::vector<String> NamesOf(const Map& map) {
+  std::vector<String> names;
+  names.reserve(map.size());
+  for (const auto& entry : map) names.push_back(entry.first);
+  return names;
+}
+
 bool IsKeyName(const String& name) { return !name.empty() && name.find('\\') == String::npos; }
 
 Impl::RegistryFile FileOf(uint32_t root) { return Impl::RegistryFile(Impl::RootName(root)); }
@@ -127,10 +136,7 @@ Common::Error Key::CreateKeyRecursive(const String& path, Key& key) const {
 
 Common::Error Key::EnumerateChildren(std::vector<String>& names) const {
   return Read([&](const KeyNode&, const KeyNode& node) {
-    std::vector<String> found;
-    found.reserve(node.children.size());
-    for (const auto& child : node.children) found.push_back(child.first);
-    names.swap(found);
+    names = NamesOf(node.children);
     return Common::Error();
   });
 }
@@ -177,10 +183,7 @@ Common::Error Key::DeleteValue(const String& name) const {
 
 Common::Error Key::EnumerateValues(std::vector<String>& names) const {
   return Read([&](const KeyNode&, const KeyNode& node) {
-    std::vector<String> found;
-    found.reserve(node.values.size());
-    for (const auto& value : node.values) found.push_back(value.first);
-    names.swap(found);
+    names = NamesOf(node.values);
     return Common::Error();
   });
 }
