@@ -251,16 +251,9 @@ void FakeMachine::Mounted(const std::string& device, const std::string& mountPoi
 
 std::vector<std::pair<std::string, std::string>> FakeMachine::Mounts() const {
   std::vector<std::pair<std::string, std::string>> mounts;
-  std::string table;
-  ReadText(StateDir() + "/mounts", table);
-  size_t start = 0;
-  while (start < table.size()) {
-    size_t end = table.find('\n', start);
-    if (end == std::string::npos) end = table.size();
-    std::string line = table.substr(start, end - start);
+  for (const std::string& line : ReadLines(StateDir() + "/mounts")) {
     size_t space = line.find(' ');
     if (space != std::string::npos) mounts.emplace_back(line.substr(0, space), line.substr(space + 1));
-    start = end + 1;
   }
   return mounts;
 }
@@ -273,17 +266,8 @@ void FakeMachine::FailTool(const std::string& tool, int status) {
 
 std::vector<std::string> FakeMachine::Calls(const std::string& tool) const {
   std::vector<std::string> calls;
-  std::string log;
-  ReadText(StateDir() + "/calls", log);
-  size_t start = 0;
-  while (start < log.size()) {
-    size_t end = log.find('\n', start);
-    if (end == std::string::npos) end = log.size();
-    std::string line = log.substr(start, end - start);
-    if (tool.empty() || line.compare(0, tool.size() + 1, tool + " ") == 0 || line == tool) {
-      calls.push_back(line);
-    }
-    start = end + 1;
+  for (const std::string& line : ReadLines(StateDir() + "/calls")) {
+    if (tool.empty() || line == tool || line.compare(0, tool.size() + 1, tool + " ") == 0) calls.push_back(line);
   }
   return calls;
 }

@@ -19,5 +19,7 @@ bool PathExists(const std::string& path);
 std::string Dirname(const std::string& path);
 std::string Basename(const std::string& path);
 std::vector<std::string> ListDir(const std::string& path);  // sorted, without . and ..
+// The lines of a file, without their line feeds; none when it cannot be read.
+std::vector<std::string> ReadLines(const std::string& path);
 
 }  // namespace FakeMachineTesting
