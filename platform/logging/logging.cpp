@@ -42,7 +42,7 @@ const char* LevelName(int level) {
   return "critical";
 }
 
-std::string Message(const char* format, va_list args) {
+__attribute__((format(printf, 1, 0))) std::string Message(const char* format, va_list args) {
   if (format == nullptr) return std::string();
   char small[512];
   va_list copy;

@@ -24,7 +24,7 @@ LOGGING_API void Logging_BuildLineTag(_log_line_tag* tag, const char* file, cons
 // Levels: 1 debug, 2 notice, 3 warning, 4 error, 5 and above critical. A null
 // component or format is allowed.
 LOGGING_API void Logging_LogWithTag(const _log_line_tag* tag, const char* component, int level,
-                                    const char* format, va_list args);
+                                    const char* format, va_list args) __attribute__((format(printf, 4, 0)));
 
 LOGGING_API void Logging_SetStandardError(int enabled);
 }

@@ -77,25 +77,22 @@ void Unsubscribe(TraceSubscriber* subscriber) {
   });
 }
 
-uint64_t RegisterCallback(TraceCallback callback, void* context) {
+namespace {
+
+uint64_t Register(Registration registration) {
   Sink& sink = TheSink();
-  uint64_t handle = 0;
   sink.Update([&](Lists& l) {
-    handle = sink.NextHandle();
-    l.callbacks.push_back({handle, callback, nullptr, context});
+    registration.handle = sink.NextHandle();
+    l.callbacks.push_back(registration);
   });
-  return handle;
+  return registration.handle;
 }
 
-uint64_t RegisterCallback(PlainTraceCallback callback) {
-  Sink& sink = TheSink();
-  uint64_t handle = 0;
-  sink.Update([&](Lists& l) {
-    handle = sink.NextHandle();
-    l.callbacks.push_back({handle, nullptr, callback, nullptr});
-  });
-  return handle;
-}
+}  // namespace
+
+uint64_t RegisterCallback(TraceCallback callback, void* context) { return Register({0, callback, nullptr, context}); }
+
+uint64_t RegisterCallback(PlainTraceCallback callback) { return Register({0, nullptr, callback, nullptr}); }
 
 void UnregisterCallback(uint64_t handle) {
   TheSink().Update([handle](Lists& l) {

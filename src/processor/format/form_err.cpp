@@ -116,17 +116,12 @@ void SubformatError::Format(const Variant& argument, TextBuffer& out, const Segm
     Common::AssertionFailed("a->GetType() == Variant::TError", AS_SOURCE_NAME, __LINE__);
     return;
   }
-  const TextView style = segments.count > SEGMENT_STYLE ? Trim(segments[SEGMENT_STYLE]) : TextView{};
-  ErrorStyle s = ErrorStyle::kFull;
-  if (Equals(style, u"code"))
-    s = ErrorStyle::kCode;
-  else if (Equals(style, u"tag"))
-    s = ErrorStyle::kTag;
-  else if (Equals(style, u"message"))
-    s = ErrorStyle::kMessage;
-  else if (Equals(style, u"field"))
-    s = ErrorStyle::kField;
-  const TextView field = segments.count > SEGMENT_EXTRA ? Trim(segments[SEGMENT_EXTRA]) : TextView{};
+  static const std::pair<std::u16string_view, ErrorStyle> kStyles[] = {{u"code", ErrorStyle::kCode},
+                                                                        {u"tag", ErrorStyle::kTag},
+                                                                        {u"message", ErrorStyle::kMessage},
+                                                                        {u"field", ErrorStyle::kField}};
+  const ErrorStyle s = Select(segments.Style(), kStyles, ErrorStyle::kFull);
+  const TextView field = segments.Extra();
   AppendErrorText(argument.GetError(), s, field, out);
 }
 

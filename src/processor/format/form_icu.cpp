@@ -81,11 +81,11 @@ void NumberFormatICU::Format(const Variant& value, TextBuffer& out) const {
 
 void SubformatNumber::Format(const Variant& argument, TextBuffer& out, const Segments& segments) const {
   if (!IsNumeric(argument)) return AppendSimple(holder_, argument, out);
-  const TextView style = segments.count > SEGMENT_STYLE ? Trim(segments[SEGMENT_STYLE]) : TextView{};
+  const TextView style = segments.Style();
   if (Equals(style, u"hex")) return holder_.Hex().Format(argument, out);
   if (Equals(style, u"simple")) return holder_.Decimal().Format(argument, out);
   if (Equals(style, u"integer")) {
-    const TextView pattern = segments.count > SEGMENT_EXTRA ? Trim(segments[SEGMENT_EXTRA]) : TextView{};
+    const TextView pattern = segments.Extra();
     if (const auto format = holder_.PatternNumber(pattern)) return format->Format(argument, out);
   }
   holder_.DefaultNumber().Format(argument, out);
@@ -95,14 +95,9 @@ void SubformatNumber::Format(const Variant& argument, TextBuffer& out, const Seg
 
 void SubformatDate::Format(const Variant& argument, TextBuffer& out, const Segments& segments) const {
   if (argument.GetType() != Variant::TDate) return out.append(u"<unexpected type of date format>");
-  const TextView style = segments.count > SEGMENT_STYLE ? Trim(segments[SEGMENT_STYLE]) : TextView{};
-  DateStyle s = DateStyle::kDefault;
-  if (Equals(style, u"full"))
-    s = DateStyle::kFull;
-  else if (Equals(style, u"long"))
-    s = DateStyle::kLong;
-  else if (Equals(style, u"medium"))
-    s = DateStyle::kMedium;
+  static const std::pair<std::u16string_view, DateStyle> kStyles[] = {
+      {u"full", DateStyle::kFull}, {u"long", DateStyle::kLong}, {u"medium", DateStyle::kMedium}};
+  const DateStyle s = Select(segments.Style(), kStyles, DateStyle::kDefault);
   const DateMode mode = mode_ == kDate ? DateMode::kDate : mode_ == kTime ? DateMode::kTime : DateMode::kDateTime;
   const size_t before = out.size();
   if (!holder_.FormatDate(mode, s, argument.GetDouble(), out)) {

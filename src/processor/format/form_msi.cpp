@@ -75,6 +75,10 @@ TextView Trim(TextView text) noexcept {
   return {text.data + b, e - b};
 }
 
+TextView Segments::Style() const noexcept { return count > SEGMENT_STYLE ? Trim(part[SEGMENT_STYLE]) : TextView{}; }
+
+TextView Segments::Extra() const noexcept { return count > SEGMENT_EXTRA ? Trim(part[SEGMENT_EXTRA]) : TextView{}; }
+
 bool Equals(TextView text, std::u16string_view literal) noexcept {
   return text.size == literal.size() &&
          std::equal(literal.begin(), literal.end(), text.data,

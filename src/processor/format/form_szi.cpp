@@ -29,7 +29,7 @@ void SubformatSize::Format(const Variant& argument, TextBuffer& out, const Segme
   const double bytes = numeric ? NumericValue(argument) : NAN;
   if (!(bytes >= 0) || std::isinf(bytes)) return AppendSimple(holder_, argument, out);
 
-  const bool plain = segments.count > SEGMENT_STYLE && Equals(Trim(segments[SEGMENT_STYLE]), u"bytes");
+  const bool plain = Equals(segments.Style(), u"bytes");
   if (plain || bytes < 1024) {
     if (argument.IsInteger())
       holder_.Decimal().Format(argument, out);

@@ -17,7 +17,7 @@
 AS_EXPORT void Log(const _log_line_tag& tag, int level, const char* component, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 AS_EXPORT void VLog(const _log_line_tag& tag, int level, const char* component, const char* format,
-                    va_list args);
+                    va_list args) __attribute__((format(printf, 4, 0)));
 
 namespace LogDetail {
 inline _log_line_tag MakeTag(const char* file, const char* function, int line) {

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+#include <utility>
 
 #include "processor/format/impl/text_buffer.h"
 #include "processor/utils/variant.h"
@@ -19,6 +20,9 @@ struct Segments {
   int count = 0;  // segments present: 2 for "{0}", 3 for "{0,number}"...
 
   TextView operator[](size_t i) const noexcept { return part[i]; }
+  // The style and the text after a fourth comma, blanks trimmed; empty when absent.
+  TextView Style() const noexcept;
+  TextView Extra() const noexcept;
 };
 
 class FormatersHolder;
@@ -100,6 +104,13 @@ class SubformatTimeSpan final : public SubformatBase {
 // Helpers shared by the subformats.
 TextView Trim(TextView text) noexcept;
 bool Equals(TextView text, std::u16string_view literal) noexcept;
+// The value that `word` names in `table`, else `otherwise`.
+template <class E, size_t N>
+E Select(TextView word, const std::pair<std::u16string_view, E> (&table)[N], E otherwise) noexcept {
+  for (const auto& entry : table)
+    if (Equals(word, entry.first)) return entry.second;
+  return otherwise;
+}
 // Reads a whole decimal number after optional blanks; false when there are no digits.
 // Values too large for 64 bits saturate.
 bool ParseUnsigned(TextView text, uint64_t& value) noexcept;
