@@ -46,7 +46,7 @@ TEST(RegistryDocument, WritesReadableXml) {
 
 TEST(RegistryDocument, EveryValueTypeAndNameSurvivesARoundTrip) {
   KeyNode root;
-  const String hostileKey = String{'<', '&', 0, 0xD800, '"', ' '} + Str(u"\U0001F600]]>");
+  const String hostileKey = String{'<', '&', 0, '\t', 0xD800, 0xFFFF, '"', ' '} + Str(u"\U0001F600]]>");
   const String hostile = hostileKey + Str(u"\\");
   KeyNode& key = Child(Child(root, hostileKey), Str(u" "));
   key.values[String()] = String();
