@@ -1,0 +1,301 @@
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/common/message_ids.h"
+#include "core/common/shared_mutex.h"
+#include "core/common/unicode.h"
+#include "core/include/file/file.h"
+#include "core/linex/linux_misc.h"
+#include "core/trace/trace_tools.h"
+#include "dsk_supp.h"
+#include "processor/format/format_string.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/disk.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/impl/host.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/impl/notification.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/impl/utils.h"
+
+namespace SCSI {
+
+bool operator<(const Disk& a, const Disk& b) {
+  if (a.type != b.type) return a.type < b.type;
+  if (a.host != b.host) return a.host < b.host;
+  return a.target < b.target;
+}
+
+DiskSubsystem::~DiskSubsystem() = default;
+
+namespace {
+
+using Impl::MessageText;
+
+constexpr int32_t kTraceCode = 83;
+constexpr uint32_t kErrorDisk = 0x530040;
+constexpr uint32_t kChangeTimeoutMs = 600000;  // ten minutes
+constexpr char kSerialCommand[] = "scsi_id --page=0x83 --export --whitelisted --device=";
+constexpr char kSerialKey[] = "ID_SCSI_SERIAL=";
+
+// Built once, at load.
+const std::string kRunning = "running";
+const std::string kOffline = "offline";
+const std::string kDevPrefix = "/dev/";
+const String kStatePattern = Common::Str(u"/sys/block/{0}/device/state");
+
+// Traces how long an operation took, but only when it is left by an exception; a
+// normal exit is not worth a line.
+class OperationTimer {
+ public:
+  explicit OperationTimer(const char* name)
+      : name_(name), start_(std::chrono::steady_clock::now()), exceptions_(std::uncaught_exceptions()) {}
+  ~OperationTimer() {
+    if (std::uncaught_exceptions() <= exceptions_) return;
+    const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start_);
+    char text[32];
+    std::snprintf(text, sizeof text, "%lld ms", static_cast<long long>(elapsed.count()));
+    TraceTools::DbgTraceInfo(kTraceCode, MessageText(Messages::OperationTime), name_, text);
+  }
+
+ private:
+  const char* name_;
+  std::chrono::steady_clock::time_point start_;
+  int exceptions_;
+};
+
+// Traces an error object at the given level, with no context line of its own.
+void TraceErrorObject(Common::EventLevel level, const Common::Error& error) {
+  TraceTools::Trace(level, kTraceCode, "{0}", error);
+}
+
+Common::Error InvalidWalk(const Common::ErrorLocation& where, FileSystem::Directory& dir) {
+  return Common::Error(FileSystem::kErrorInvalidFileObject, MessageText(Messages::InvalidFileObject), where)
+      .WithCause(dir.TakeLastError());
+}
+
+bool SplitAddress(const std::string& entry, uint32_t& host, uint32_t& target) {
+  std::vector<std::string_view> parts;
+  std::string_view rest(entry);
+  for (size_t colon; (colon = rest.find(':')) != std::string_view::npos; rest.remove_prefix(colon + 1))
+    parts.push_back(rest.substr(0, colon));
+  parts.push_back(rest);
+  return parts.size() == 4 && Impl::ParseUnsigned(parts[0], host) && Impl::ParseUnsigned(parts[2], target);
+}
+
+class DiskSubsystemImpl : public DiskSubsystem, public std::enable_shared_from_this<DiskSubsystemImpl> {
+ public:
+  DiskSubsystemImpl();
+
+  std::shared_ptr<Common::SharedMutex> Lock() override;
+  Common::Error Refresh() override;
+  Common::Error Enumerate(std::vector<Disk>& disks) override;
+  Common::Error AddDisk(const Disk& disk, String& name) override;
+  Common::Error RemoveDisk(const Disk& disk) override;
+  Common::Error GetScsiSerialID(const String& devicePath, GUID& id) override;
+
+ private:
+  void EnumerateDisks(std::vector<Disk>& disks);
+  bool IsDiskOffline(const std::string& name);
+
+  std::unique_ptr<Common::SharedMutex> mutex_;
+};
+
+DiskSubsystemImpl::DiskSubsystemImpl() : mutex_(Common::SharedMutex::Create("SCSISubsystemLocker")) {
+  dsk_supp::ecodes code = dsk_supp::ec_ok;
+  if (!dsk_supp::InitInternals(code))
+    throw Common::Error(kErrorDisk, MessageText(Messages::FailedToInitializeDiskSubsystem),
+                        AS_LOCATION("DiskSubsystemImpl", 333));
+  if (dsk_supp::Instance.load() == nullptr)
+    throw Common::Error(kErrorDisk, MessageText(Messages::FailedToInitializeDiskSubsystem),
+                        AS_LOCATION("DiskSubsystemImpl", 338));
+}
+
+std::shared_ptr<Common::SharedMutex> DiskSubsystemImpl::Lock() {
+  mutex_->Lock();
+  // The holder keeps the subsystem, and so the mutex, alive until it unlocks.
+  std::shared_ptr<DiskSubsystemImpl> self = shared_from_this();
+  return std::shared_ptr<Common::SharedMutex>(mutex_.get(), [self](Common::SharedMutex* m) { m->Unlock(); });
+}
+
+Common::Error DiskSubsystemImpl::Refresh() {
+  try {
+    Impl::HostTable hosts;
+    Impl::EnumerateHosts(hosts);
+    for (const auto& host : hosts) Impl::RefreshHost(host.first);
+    std::vector<Disk> disks;
+    if (Common::Error e = Enumerate(disks)) throw e;
+    for (const Disk& disk : disks) {
+      const std::string rescan = Core::FormatString("/sys/block/{0}/device/rescan", disk.name);
+      if (Common::Error e = Impl::WriteCommand(rescan, "- - -\n")) throw e;
+    }
+    return Common::Error();
+  } catch (const Common::Error& e) {
+    return Common::Error(kErrorDisk, MessageText(Messages::FailedToRefreshScsiSubsystem), AS_LOCATION("Refresh", 366))
+        .WithCause(e);
+  }
+}
+
+Common::Error DiskSubsystemImpl::Enumerate(std::vector<Disk>& disks) {
+  try {
+    EnumerateDisks(disks);
+    return Common::Error();
+  } catch (const Common::Error& e) {
+    return Common::Error(kErrorDisk, MessageText(Messages::FailedToEnumerateDisks), AS_LOCATION("Enumerate", 430))
+        .WithCause(e);
+  }
+}
+
+void DiskSubsystemImpl::EnumerateDisks(std::vector<Disk>& out) {
+  Impl::HostTable hosts;
+  Impl::EnumerateHosts(hosts);
+  std::vector<Disk> disks;
+  std::unique_ptr<FileSystem::Directory> blocks = FileSystem::Directory::Open("/sys/block");
+  if (!blocks) {
+    out.swap(disks);
+    return;
+  }
+  FileSystem::Directory::Entry entry;
+  std::vector<uint8_t> buffer;
+  while (blocks->Next(entry)) {
+    if (entry.name.compare(0, 2, "sd") != 0 || entry.kind != FileSystem::kDirectoryLink) continue;
+    std::unique_ptr<FileSystem::Directory> block = blocks->OpenChild(entry.name);
+    if (!block) continue;
+    std::unique_ptr<FileSystem::Directory> addresses = block->OpenChild("device/scsi_disk");
+    if (!addresses) continue;
+
+    Disk disk;
+    disk.name = Common::FromUtf8(entry.name);
+    bool found = false;
+    FileSystem::Directory::Entry address;
+    while (!found && addresses->Next(address)) {
+      if (Common::Error e = GetScsiSerialID(Common::FromUtf8(kDevPrefix + entry.name), disk.id)) throw e;
+      uint32_t host = 0, target = 0;
+      if (!SplitAddress(address.name, host, target)) continue;
+      const auto known = hosts.find(host);
+      if (known == hosts.end()) continue;
+      disk.type = known->second;
+      disk.host = host;
+      disk.target = target;
+      found = true;
+    }
+    if (!found) {
+      if (addresses->Status() != FileSystem::kStatusEndOfDirectory)
+        throw InvalidWalk(AS_LOCATION("Enumerate", 401), *addresses);
+      continue;
+    }
+    disk.readable = !IsDiskOffline(entry.name) && Impl::ReadFile(kDevPrefix + entry.name, buffer, 512) == 512;
+    disks.push_back(std::move(disk));
+  }
+  if (blocks->Status() != FileSystem::kStatusEndOfDirectory) throw InvalidWalk(AS_LOCATION("Enumerate", 384), *blocks);
+  std::sort(disks.begin(), disks.end());
+  out.swap(disks);
+}
+
+bool DiskSubsystemImpl::IsDiskOffline(const std::string& name) {
+  std::vector<uint8_t> buffer;
+  const size_t count = Impl::ReadFile(Common::ToUtf8(Core::FormatString(kStatePattern, name)), buffer, 32);
+  const std::string state(reinterpret_cast<const char*>(buffer.data()), count);
+  if (state.find(kOffline) != std::string::npos) return true;
+  if (state.find(kRunning) == std::string::npos) {
+    // An unknown state never fails the enumeration: the disk counts as online.
+    TraceErrorObject(Common::EventLevelNotice,
+                     Common::Error(kErrorDisk, Core::FormatString(MessageText(Messages::ScsiDiskUnknownState), name, state),
+                                   AS_LOCATION("IsDiskOffline", 120)));
+  }
+  return false;
+}
+
+Common::Error DiskSubsystemImpl::GetScsiSerialID(const String& devicePath, GUID& id) {
+  FILE* stream = POpen(kSerialCommand + Common::ToUtf8(devicePath), "rt");
+  if (stream == nullptr)
+    return Common::Error(0x530113, Core::FormatString(MessageText(Messages::FailedToGetScsiId), devicePath),
+                         AS_LOCATION("GetScsiSerialID", 499));
+  std::string value;
+  bool seen = false;
+  char line[1024];
+  while (!seen && std::fgets(line, sizeof line, stream) != nullptr) {
+    if (std::strncmp(line, kSerialKey, sizeof kSerialKey - 1) == 0) {
+      value = line + sizeof kSerialKey - 1;  // line feed included
+      seen = true;
+    }
+  }
+  PClose(stream);
+
+  // Both thresholds count the trailing line feed.
+  std::string text;
+  if (value.find('-') != std::string::npos) {
+    if (value.size() >= 36) text = value.substr(0, 36);
+  } else if (value.size() >= 32) {
+    text = value.substr(0, 8) + "-" + value.substr(8, 4) + "-" + value.substr(12, 4) + "-" + value.substr(16, 4) + "-" +
+           value.substr(20, 12);
+  }
+  GUID parsed;
+  if (!text.empty() && GUID::Parse(text, parsed)) {
+    id = parsed;
+    return Common::Error();
+  }
+  TraceErrorObject(Common::EventLevelNotice,
+                   Common::Error(0x530114, Core::FormatString(MessageText(Messages::ScsiIdIsEmpty), devicePath),
+                                 AS_LOCATION("GetScsiSerialID", 538)));
+  id = GUID();
+  return Common::Error();
+}
+
+Common::Error DiskSubsystemImpl::AddDisk(const Disk& disk, String& name) {
+  try {
+    dsk_supp::UnixVolID expected;
+    expected.ScsiHost = disk.host;
+    expected.ScsiTarget = disk.target;
+    auto handler = std::make_shared<Impl::AddDiskHandler>(expected);
+    OperationTimer timer("DiskSubsystemImpl::AddDisk");
+    bool done;
+    {
+      Impl::AttachedHandler attached(handler);
+      done = handler->Execute(kChangeTimeoutMs);
+    }
+    if (!done)
+      throw Common::Error(kErrorDisk, MessageText(Messages::CannotFindAttachedDisks), AS_LOCATION("AddDisk", 447));
+    const std::string& node = handler->Volume().DevNode;
+    const size_t slash = node.rfind('/');
+    name = Common::Widen(slash == std::string::npos ? node : node.substr(slash + 1));
+    return Common::Error();
+  } catch (const Common::Error& e) {
+    return Common::Error(kErrorDisk, Core::FormatString(MessageText(Messages::FailedToAddScsiDisk), disk.host, disk.target),
+                         AS_LOCATION("AddDisk", 456))
+        .WithCause(e);
+  }
+}
+
+Common::Error DiskSubsystemImpl::RemoveDisk(const Disk& disk) {
+  try {
+    dsk_supp::UnixVolID volume;
+    volume.DevNode = kDevPrefix + Common::ToUtf8(disk.name);
+    dsk_supp::index_t index = 0;
+    if (!dsk_supp::IndexbyDevName(volume, dsk_supp::mt_disk, index) ||
+        !dsk_supp::VolIDbyIndex(index, dsk_supp::mt_disk, volume))
+      throw Common::Error(kErrorDisk, MessageText(Messages::CannotFindAttachedDisks), AS_LOCATION("RemoveDisk", 474));
+    auto handler = std::make_shared<Impl::RemoveDiskHandler>(disk.name, volume.Major, volume.Minor);
+    OperationTimer timer("DiskSubsystemImpl::RemoveDisk");
+    bool done;
+    {
+      Impl::AttachedHandler attached(handler);
+      done = handler->Execute(kChangeTimeoutMs);
+    }
+    if (!done)
+      throw Common::Error(kErrorDisk, MessageText(Messages::DiskSubsystemUpdateTimedOut), AS_LOCATION("RemoveDisk", 483));
+    return Common::Error();
+  } catch (const Common::Error& e) {
+    return Common::Error(kErrorDisk, Core::FormatString(MessageText(Messages::FailedToDeleteScsiDisk), disk.name),
+                         AS_LOCATION("RemoveDisk", 490))
+        .WithCause(e);
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<DiskSubsystem> CreateDiskSubsystem() { return std::make_shared<DiskSubsystemImpl>(); }
+
+}  // namespace SCSI

@@ -1,0 +1,86 @@
+#include "quillenmark/raw/common/scsi_disk_helpers/impl/host.h"
+
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "core/common/assert.h"
+#include "core/common/message_ids.h"
+#include "core/include/file/file.h"
+#include "processor/format/format_string.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/impl/utils.h"
+
+namespace SCSI {
+namespace Impl {
+namespace {
+
+// The kernel's proc_name texts, line feed included, in lookup order. The values
+// are not in table order; they are what disks carry and sort by.
+const std::vector<std::pair<std::string, HostType>> kHostTypes = {
+    {"mptspi\n", HostTypeMptSpi},           {"mptsas\n", HostTypeMptSas},
+    {"BusLogic\n", HostTypeBusLogic},       {"ata_piix\n", HostTypeAtaPiix},
+    {"vmw_pvscsi\n", HostTypePvScsi},       {"virtio_scsi\n", HostTypeVirtioScsi},
+    {"ahci\n", HostTypeAhci},               {"sym53c8xx\n", HostTypeSym53c8xx},
+    {"megaraid_sas\n", HostTypeMegaraidSas},
+};
+
+constexpr char kHostsDir[] = "/sys/class/scsi_host";
+
+// A host that an appliance does not know is worth one report per process, not one
+// per enumeration.
+std::atomic<bool> gUnknownHostReported{false};
+
+const HostType* FindHostType(const char* text, size_t length) {
+  for (const auto& entry : kHostTypes)
+    if (entry.first.size() == length && std::memcmp(entry.first.data(), text, length) == 0) return &entry.second;
+  return nullptr;
+}
+
+}  // namespace
+
+void EnumerateHosts(HostTable& table) {
+  HostTable hosts;
+  std::unique_ptr<FileSystem::Directory> dir = FileSystem::Directory::Open(kHostsDir);
+  if (dir) {
+    FileSystem::Directory::Entry entry;
+    while (dir->Next(entry)) {
+      if (entry.kind != FileSystem::kDirectoryLink) continue;
+      std::unique_ptr<FileSystem::Directory> host = dir->OpenChild(entry.name);
+      if (!host) continue;
+
+      FileSystem::File procName;
+      if (FileSystem::File::Open(host->FullPath() + "/proc_name", FileSystem::File::kRead, procName)) {
+        AS_ASSERT(!"No hostN/proc_name entry");
+        continue;
+      }
+      char text[32] = {};
+      size_t count = 0;
+      if (procName.Read(text, sizeof text - 1, count)) continue;
+
+      const HostType* type = FindHostType(text, count);
+      if (type == nullptr) {
+        if (!gUnknownHostReported.exchange(true)) AS_ASSERT(!"Unknown scsi host type");
+        continue;
+      }
+      uint32_t number = 0;
+      if (entry.name.compare(0, 4, "host") == 0 && ParseUnsigned(std::string_view(entry.name).substr(4), number))
+        hosts[number] = *type;
+    }
+    if (dir->Status() != FileSystem::kStatusEndOfDirectory)
+      throw Common::Error(FileSystem::kErrorInvalidFileObject, MessageText(Messages::InvalidFileObject),
+                          AS_LOCATION("EnumerateHosts", 88))
+          .WithCause(dir->TakeLastError());
+  }
+  table.swap(hosts);
+}
+
+void RefreshHost(unsigned int host) {
+  const std::string scan = Core::FormatString("/sys/class/scsi_host/host{0}/scan", host);
+  if (Common::Error e = WriteCommand(scan, "- - -\n"))
+    throw Common::Error(0x530040, MessageText(Messages::InternalError), AS_LOCATION("RefreshHost", 137)).WithCause(e);
+}
+
+}  // namespace Impl
+}  // namespace SCSI
