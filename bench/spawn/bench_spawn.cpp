@@ -94,7 +94,7 @@ int main(int argc, char** argv) {
       for (const auto& s : spawns) {
         const std::string name = std::string(s.name) + (large ? "/rss_4GB" : "/rss_10MB") +
                                  (highLimit ? "/nofile_max" : "/nofile_1024");
-        benchmark::RegisterBenchmark(name.c_str(), Cell, s.spawn, highLimit, large)->Unit(benchmark::kMicrosecond);
+        benchmark::RegisterBenchmark(name.c_str(), Cell, s.spawn, highLimit, large)->Unit(benchmark::kMicrosecond)->UseRealTime();
       }
     }
   }
