@@ -27,7 +27,7 @@ std::weak_ptr<DiskNotificationProxy> gProxy;
 }  // namespace
 
 bool AddDiskHandler::Execute(uint32_t timeout) {
-  RefreshHost(volume_.ScsiHost);
+  RefreshHost(host_);
   return event_.Wait(timeout);
 }
 
@@ -38,7 +38,9 @@ bool AddDiskHandler::OnDeviceEvent(uint32_t major, uint32_t minor) {
   dsk_supp::index_t index = 0;
   if (!dsk_supp::IndexbyDev(found, dsk_supp::mt_disk, index)) return false;
   if (!dsk_supp::VolIDbyIndex(index, dsk_supp::mt_disk, found)) return false;
-  if (found.ScsiHost != volume_.ScsiHost || found.ScsiTarget != volume_.ScsiTarget) return false;
+  if (found.ScsiHost != host_ || found.ScsiTarget != target_) return false;
+  // The kernel may announce the disk again while the caller reads the first answer.
+  if (claimed_.exchange(true)) return false;
   volume_ = found;  // read by the caller only after the event, which orders it
   event_.Set();
   return true;

@@ -4,6 +4,7 @@
 // process-wide proxy; the driver's callback, on its own thread, offers every updated
 // device to the handlers until one claims it, and the claiming handler sets the
 // event its call waits on.
+#include <atomic>
 #include <cstdint>
 #include <list>
 #include <memory>
@@ -31,16 +32,20 @@ class DiskSubsystemHandler {
 class AddDiskHandler : public DiskSubsystemHandler {
  public:
   // Expects the disk at `expected`'s SCSI host and target.
-  explicit AddDiskHandler(const dsk_supp::UnixVolID& expected) : volume_(expected) {}
+  explicit AddDiskHandler(const dsk_supp::UnixVolID& expected)
+      : host_(expected.ScsiHost), target_(expected.ScsiTarget), volume_(expected) {}
   bool Execute(uint32_t timeout) override;
   bool OnDeviceEvent(uint32_t major, uint32_t minor) override;
   // The volume found; read it after Execute returned true.
   const dsk_supp::UnixVolID& Volume() const { return volume_; }
 
  private:
+  const unsigned int host_;
+  const unsigned int target_;
   // Kept by the handler, not borrowed from the caller: a notification may still
   // arrive after the call has given up and gone.
   dsk_supp::UnixVolID volume_;
+  std::atomic<bool> claimed_{false};
 };
 
 class RemoveDiskHandler : public DiskSubsystemHandler {
