@@ -1,0 +1,98 @@
+#include "quillenmark/raw/common/scsi_disk_helpers/impl/attributes.h"
+
+#include <set>
+#include <stdexcept>
+
+#include "core/common/assert.h"
+#include "core/common/message_ids.h"
+#include "core/common/unicode.h"
+#include "core/trace/trace_tools.h"
+#include "processor/format/format_string.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/impl/utils.h"
+#include "registry/roots.h"
+#include "resource_api.h"
+
+namespace SCSI {
+namespace Impl {
+namespace {
+
+constexpr int32_t kTraceCode = 83;
+constexpr uint32_t kErrorDisk = 0x530040;
+
+const String& AttributesRootPath() {
+  static const String path = [] {
+    const char* registryBrandKey = ResourceApi::GetResourceString("registry_brand_key");
+    AS_ASSERT(registryBrandKey || !"Failed to get keyname");
+    if (registryBrandKey == nullptr) throw std::logic_error("no registry brand key among the resource strings");
+    return Common::FromUtf8(registryBrandKey) + Common::Str(u"\\Quillenmark\\SCSIDevices");
+  }();
+  return path;
+}
+
+}  // namespace
+
+Registry::Key OpenAttributesRoot() {
+  Registry::Key machine, root;
+  if (Common::Error e = Registry::Key::OpenPredefined(Registry::HKEY_LOCAL_MACHINE, machine)) throw e;
+  if (machine.Open(AttributesRootPath(), root))
+    if (Common::Error e = machine.CreateKeyRecursive(AttributesRootPath(), root)) throw e;
+  return root;
+}
+
+Common::Error LoadDiskAttributes(const GUID& id, DiskAttributes& attributes) {
+  const String text = id.ToWideString();
+  try {
+    DiskAttributes loaded;
+    Registry::Key record;
+    if (OpenAttributesRoot().OpenChild(text, record)) {
+      attributes.swap(loaded);  // no record, no attributes
+      return Common::Error();
+    }
+    Registry::Value value;
+    if (Common::Error e = record.QueryValue(String(), value)) throw e;
+    if (const auto* strings = std::get_if<Registry::MultiString>(&value)) {
+      AS_ASSERT(strings->size() % 2 == 0);
+      for (size_t i = 0; i + 1 < strings->size(); i += 2) loaded.emplace((*strings)[i], (*strings)[i + 1]);
+    } else {
+      AS_ASSERT(!"Invalid registry key type");
+    }
+    attributes.swap(loaded);
+    return Common::Error();
+  } catch (const Common::Error& e) {
+    return Common::Error(kErrorDisk, Core::FormatString(MessageText(Messages::FailedToGetDiskAttributes), text),
+                         AS_LOCATION("GetDiskAttributes", 131))
+        .WithCause(e);
+  }
+}
+
+std::optional<String> GetDiskAttributes(const GUID& id, const String& name) {
+  DiskAttributes attributes;
+  if (LoadDiskAttributes(id, attributes)) return std::nullopt;
+  const auto found = attributes.find(name);
+  if (found == attributes.end()) return std::nullopt;
+  return found->second;
+}
+
+void SyncDisksAttributes(const std::vector<Disk>& disks) {
+  try {
+    std::set<String> present;
+    for (const Disk& disk : disks) present.insert(disk.id.ToWideString());
+    const Registry::Key root = OpenAttributesRoot();
+    std::vector<String> children;
+    if (Common::Error e = root.EnumerateChildren(children)) throw e;
+    std::set<String> orphans;
+    for (String& name : children)
+      if (present.count(name) == 0) orphans.insert(std::move(name));
+    for (const String& name : orphans) {
+      TraceTools::DbgTraceInfo(kTraceCode, MessageText(Messages::DroppingOrphanedAttributeNode));
+      if (Common::Error e = root.DeleteChild(name)) throw e;
+    }
+  } catch (const Common::Error& e) {
+    throw Common::Error(kErrorDisk, MessageText(Messages::FailedToSyncDiskAttributes),
+                        AS_LOCATION("SyncDisksAttributes", 162))
+        .WithCause(e);
+  }
+}
+
+}  // namespace Impl
+}  // namespace SCSI

@@ -1,0 +1,36 @@
+#pragma once
+// Per-disk attributes that other programs of the appliance keep in the registry,
+// one record per disk below HKLM\<brand>\Quillenmark\SCSIDevices, keyed by the
+// disk's serial identifier in its upper-case text form. The record's default value
+// is a multistring of (name, value) pairs. This library only reads them ("Temporary"
+// hides a disk) and drops the records of disks that are gone.
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "core/common/error.h"
+#include "core/common/guid.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/disk.h"
+#include "registry/key.h"
+
+namespace SCSI {
+namespace Impl {
+
+using DiskAttributes = std::map<String, String>;
+
+// The root of the records, created when missing. Throws.
+Registry::Key OpenAttributesRoot();
+
+// Fills `attributes` from the disk's record; a disk without one has none. Returns
+// 0x530040 with the cause when the record cannot be read.
+Common::Error LoadDiskAttributes(const GUID& id, DiskAttributes& attributes);
+
+// The attribute's value, absent when the disk has no such attribute or its record
+// cannot be read: an unreadable record hides nothing.
+std::optional<String> GetDiskAttributes(const GUID& id, const String& name);
+
+// Deletes the record of every disk not in `disks`. Throws 0x530040 with the cause.
+void SyncDisksAttributes(const std::vector<Disk>& disks);
+
+}  // namespace Impl
+}  // namespace SCSI
