@@ -37,6 +37,16 @@ icu::UnicodeString Unicode(TextView text) {
 
 // ---- NumberFormatICU ----------------------------------------------------------------------
 
+// ICU compiles a formatter on its third use, behind atomics of its own; doing that
+// here, before any other thread can see the formatter, keeps the shared object
+// untouched afterwards.
+NumberFormatICU::NumberFormatICU(const icu::number::LocalizedNumberFormatter& formatter) : formatter_(formatter) {
+  for (int i = 0; i < 4; ++i) {
+    UErrorCode status = U_ZERO_ERROR;
+    formatter_.formatInt(0, status);
+  }
+}
+
 std::unique_ptr<NumberFormatICU> NumberFormatICU::FromPattern(TextView pattern) {
   UErrorCode status = U_ZERO_ERROR;
   icu::DecimalFormat format(Unicode(pattern), status);

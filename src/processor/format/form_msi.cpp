@@ -56,6 +56,13 @@ class FrameStack {
   size_t size_ = 0;
 };
 
+// Units that change the parser's state where they stand.
+bool IsSpecial(unsigned short c, bool inside, bool quoted) {
+  if (c == kQuotationMark) return true;
+  if (quoted) return false;
+  return c == '{' || (inside && (c == '}' || c == ','));
+}
+
 Segments SegmentsOf(const Frame& f, const TextBuffer& arena) {
   Segments s;
   s.count = f.segment + 1;
@@ -160,6 +167,14 @@ void MessageFormatImpl::FormatTo(TextBuffer& out, TextView pattern, const Varian
   for (size_t i = 0; i < pattern.size; ++i) {
     const unsigned short c = pattern[i];
     const bool inside = !frames.empty();
+    if (!IsSpecial(c, inside, quoted)) {
+      // A run of ordinary units goes over in one piece.
+      size_t end = i + 1;
+      while (end < pattern.size && !IsSpecial(pattern[end], inside, quoted)) ++end;
+      (inside ? arena : out).append(pattern.data + i, end - i);
+      i = end - 1;
+      continue;
+    }
     if (c == kQuotationMark) {
       quoted = !quoted;
       if (inside) arena.push_back(c);

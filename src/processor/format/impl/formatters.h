@@ -48,7 +48,7 @@ class NumberFormatHEX final : public NumberFormat {
 
 class NumberFormatICU final : public NumberFormat {
  public:
-  explicit NumberFormatICU(const icu::number::LocalizedNumberFormatter& formatter) : formatter_(formatter) {}
+  explicit NumberFormatICU(const icu::number::LocalizedNumberFormatter& formatter);
   // From a DecimalFormat pattern; null when ICU refuses the pattern.
   static std::unique_ptr<NumberFormatICU> FromPattern(TextView pattern);
   void Format(const Variant& value, TextBuffer& out) const override;
