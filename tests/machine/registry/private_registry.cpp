@@ -1,7 +1,5 @@
 #include "private_registry.h"
 
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,33 +11,14 @@
 
 const char PrivateRegistryTest::kMachineFile[] = "/etc/Zemlora/HKEY_LOCAL_MACHINE.xml";
 
-namespace {
-
-// Empty when the process is in a private mount namespace, else why not.
-const std::string& EnterPrivateNamespace() {
-  static const std::string failure = []() -> std::string {
-    if (::unshare(CLONE_NEWNS) != 0) return std::string("unshare(CLONE_NEWNS): ") + std::strerror(errno);
-    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-      return std::string("making / private: ") + std::strerror(errno);
-    if (::mkdir("/etc/Zemlora", 0755) != 0 && errno != EEXIST)
-      return std::string("mkdir /etc/Zemlora: ") + std::strerror(errno);
-    return std::string();
-  }();
-  return failure;
-}
-
-}  // namespace
-
 void PrivateRegistryTest::SetUp() {
-  const std::string& failure = EnterPrivateNamespace();
-  if (!failure.empty()) GTEST_SKIP() << "needs root and a private mount namespace: " << failure;
-  ASSERT_EQ(::mount("tmpfs", "/etc/Zemlora", "tmpfs", 0, "mode=0755"), 0) << std::strerror(errno);
-  mounted_ = true;
+  std::string why;
+  if (!FakeMachineTesting::FakeMachine::Available(&why)) GTEST_SKIP() << why;
+  machine_ = std::make_unique<FakeMachineTesting::FakeMachine>();  // a fresh, empty /etc/Zemlora
+  machine_->Build();
 }
 
-void PrivateRegistryTest::TearDown() {
-  if (mounted_) ::umount2("/etc/Zemlora", MNT_DETACH);
-}
+void PrivateRegistryTest::TearDown() { machine_.reset(); }
 
 Registry::Key PrivateRegistryTest::Machine() {
   Registry::Key key;

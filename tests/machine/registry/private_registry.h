@@ -1,13 +1,15 @@
 #pragma once
-// Registry tests run in a private mount namespace with a fresh tmpfs over
-// /etc/Zemlora for each test, so that the library works unchanged on its real paths
-// and nothing reaches the host's registry. Needs root; skips where it cannot.
+// Registry tests run on the faked machine: a fresh tmpfs over /etc/Zemlora for each
+// test, so that the library works unchanged on its real paths and nothing reaches
+// the host's registry. Needs root; skips where it cannot.
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 
+#include "fake_machine.h"
 #include "registry/key.h"
 
 class PrivateRegistryTest : public ::testing::Test {
@@ -21,7 +23,7 @@ class PrivateRegistryTest : public ::testing::Test {
   static const char kMachineFile[];
 
  private:
-  bool mounted_ = false;
+  std::unique_ptr<FakeMachineTesting::FakeMachine> machine_;
 };
 
 std::string ReadBytes(const std::string& path);
