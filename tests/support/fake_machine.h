@@ -45,7 +45,7 @@ struct PartitionSpec {
   uint64_t sectors = 0;
 };
 
-// One block device. Setters return the spec so that a disk is described in one line.
+// One block device. Setters return the description so that a disk is described in one line.
 class DiskSpec {
  public:
   explicit DiskSpec(std::string name);

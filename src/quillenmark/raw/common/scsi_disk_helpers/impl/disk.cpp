@@ -76,6 +76,13 @@ Common::Error InvalidWalk(const Common::ErrorLocation& where, FileSystem::Direct
       .WithCause(dir.TakeLastError());
 }
 
+// Starts a change and waits for the kernel to report it, with the handler attached
+// to the notification proxy for exactly that long.
+bool WaitForChange(const std::shared_ptr<Impl::DiskSubsystemHandler>& handler) {
+  Impl::AttachedHandler attached(handler);
+  return handler->Execute(kChangeTimeoutMs);
+}
+
 bool SplitAddress(const std::string& entry, uint32_t& host, uint32_t& target) {
   std::vector<std::string_view> parts;
   std::string_view rest(entry);
@@ -251,12 +258,7 @@ Common::Error DiskSubsystemImpl::AddDisk(const Disk& disk, String& name) {
     expected.ScsiTarget = disk.target;
     auto handler = std::make_shared<Impl::AddDiskHandler>(expected);
     OperationTimer timer("DiskSubsystemImpl::AddDisk");
-    bool done;
-    {
-      Impl::AttachedHandler attached(handler);
-      done = handler->Execute(kChangeTimeoutMs);
-    }
-    if (!done)
+    if (!WaitForChange(handler))
       throw Common::Error(kErrorDisk, MessageText(Messages::CannotFindAttachedDisks), AS_LOCATION("AddDisk", 447));
     const std::string& node = handler->Volume().DevNode;
     const size_t slash = node.rfind('/');
@@ -279,12 +281,7 @@ Common::Error DiskSubsystemImpl::RemoveDisk(const Disk& disk) {
       throw Common::Error(kErrorDisk, MessageText(Messages::CannotFindAttachedDisks), AS_LOCATION("RemoveDisk", 474));
     auto handler = std::make_shared<Impl::RemoveDiskHandler>(disk.name, volume.Major, volume.Minor);
     OperationTimer timer("DiskSubsystemImpl::RemoveDisk");
-    bool done;
-    {
-      Impl::AttachedHandler attached(handler);
-      done = handler->Execute(kChangeTimeoutMs);
-    }
-    if (!done)
+    if (!WaitForChange(handler))
       throw Common::Error(kErrorDisk, MessageText(Messages::DiskSubsystemUpdateTimedOut), AS_LOCATION("RemoveDisk", 483));
     return Common::Error();
   } catch (const Common::Error& e) {
