@@ -42,6 +42,10 @@ struct Seen {
   bool malformed = false;
   bool unregisterInside = false;
 
+  int Batches() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return batches;
+  }
   bool WaitFor(uint32_t major, uint32_t minor) {
     std::unique_lock<std::mutex> lock(mutex);
     return changed.wait_for(lock, 20s, [&] { return devices.count({major, minor}) > 0; });
@@ -70,107 +74,58 @@ void RecordAndLeave(const LinuxEx::snap_message* messages, void* context) {
 
 void Other(const LinuxEx::snap_message* messages, void* context) { Record(messages, context); }
 
-// A loop device attached to a small file, and the uevents that its attach and detach cause.
-class LoopDevice {
- public:
-  static bool Usable(std::string& why) {
-    if (::geteuid() != 0) {
-      why = "needs root to attach loop devices";
-      return false;
-    }
-    if (RunShell("command -v losetup >/dev/null").status != 0) {
-      why = "losetup is not installed";
-      return false;
-    }
-    return true;
+// Attaches a loop device to a small file and detaches it again, which makes the kernel
+// report changes of its number; true with the device's numbers.
+bool CycleLoopDevice(uint32_t& major, uint32_t& minor) {
+  char file[] = "/tmp/lx_supp_testXXXXXX";
+  const int fd = ::mkstemp(file);
+  if (fd < 0) return false;
+  bool ok = ::ftruncate(fd, 1 << 20) == 0;
+  ::close(fd);
+  std::string device = ok ? RunShell(std::string("losetup -f --show ") + file).out : "";
+  while (!device.empty() && device.back() == '\n') device.pop_back();
+  struct stat st;
+  ok = !device.empty() && ::stat(device.c_str(), &st) == 0;
+  if (ok) {
+    major = major(st.st_rdev);
+    minor = minor(st.st_rdev);
   }
-
-  // Attaches and detaches once; true with the device's numbers.
-  bool Cycle(uint32_t& major, uint32_t& minor) {
-    char file[] = "/tmp/lx_supp_testXXXXXX";
-    int fd = ::mkstemp(file);
-    if (fd < 0) return false;
-    bool ok = ::ftruncate(fd, 1 << 20) == 0;
-    ::close(fd);
-    std::string device;
-    if (ok) {
-      device = RunShell(std::string("losetup -f --show ") + file).out;
-      while (!device.empty() && device.back() == '\n') device.pop_back();
-      struct stat st;
-      ok = !device.empty() && ::stat(device.c_str(), &st) == 0;
-      if (ok) {
-        major = major(st.st_rdev);
-        minor = minor(st.st_rdev);
-      }
-      if (!device.empty()) RunShell("losetup -d " + device);
-    }
-    ::unlink(file);
-    return ok;
-  }
-};
+  if (!device.empty()) RunShell("losetup -d " + device);
+  ::unlink(file);
+  return ok;
+}
 
 class LxSupp : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string why;
-    if (!LoopDevice::Usable(why)) GTEST_SKIP() << why;
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to attach loop devices";
+    if (RunShell("command -v losetup >/dev/null").status != 0) GTEST_SKIP() << "losetup is not installed";
     // Sanitizer runtimes start a helper thread with the first thread; counts start after it.
     std::thread([] {}).join();
   }
-  LoopDevice loop_;
 };
 
-TEST_F(LxSupp, DeliversTheKernelsDiskChangesAndStopsCleanly) {
-  int threads = Threads(), descriptors = Descriptors();
-  Seen seen;
-  ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Record, &seen));
-  EXPECT_EQ(threads + 1, Threads());
-  uint32_t major = 0, minor = 0;
-  ASSERT_TRUE(loop_.Cycle(major, minor));
-  EXPECT_TRUE(seen.WaitFor(major, minor)) << "no uevent for " << major << ":" << minor;
-  ASSERT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(Record));
-  EXPECT_EQ(threads, Threads());
-  EXPECT_EQ(descriptors, Descriptors());
-  std::lock_guard<std::mutex> lock(seen.mutex);
-  EXPECT_FALSE(seen.malformed);
-}
-
-TEST_F(LxSupp, RegistersAgainAfterUnregistering) {
-  for (int round = 0; round < 3; ++round) {
-    SCOPED_TRACE(round);
-    Seen seen;
-    ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Record, &seen));
-    uint32_t major = 0, minor = 0;
-    ASSERT_TRUE(loop_.Cycle(major, minor));
-    EXPECT_TRUE(seen.WaitFor(major, minor));
-    ASSERT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(Record));
-  }
-}
-
-TEST_F(LxSupp, EveryRegistrationHearsAndUnregisteringOneKeepsTheOther) {
-  int threads = Threads();
+// One listener thread serves every registration; unregistering one keeps the other,
+// and the last takes the thread and its socket away.
+TEST_F(LxSupp, EveryRegistrationHearsTheKernelUntilItLeaves) {
+  const int threads = Threads(), descriptors = Descriptors();
   Seen first, second;
   ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Record, &first));
   ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Other, &second));
   EXPECT_EQ(threads + 1, Threads()) << "one listener for all";
   uint32_t major = 0, minor = 0;
-  ASSERT_TRUE(loop_.Cycle(major, minor));
-  EXPECT_TRUE(first.WaitFor(major, minor));
+  ASSERT_TRUE(CycleLoopDevice(major, minor));
+  EXPECT_TRUE(first.WaitFor(major, minor)) << "no uevent for " << major << ":" << minor;
   EXPECT_TRUE(second.WaitFor(major, minor));
   ASSERT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(Record));
-  int batchesBefore;
-  {
-    std::lock_guard<std::mutex> lock(first.mutex);
-    batchesBefore = first.batches;
-  }
-  ASSERT_TRUE(loop_.Cycle(major, minor));
+  const int batchesBefore = first.Batches();
+  ASSERT_TRUE(CycleLoopDevice(major, minor));
   EXPECT_TRUE(second.WaitFor(major, minor));
-  {
-    std::lock_guard<std::mutex> lock(first.mutex);
-    EXPECT_EQ(batchesBefore, first.batches) << "called after unregistration";
-  }
+  EXPECT_EQ(batchesBefore, first.Batches()) << "called after unregistration";
   ASSERT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(Other));
   EXPECT_EQ(threads, Threads());
+  EXPECT_EQ(descriptors, Descriptors());
+  EXPECT_FALSE(first.malformed || second.malformed);
 }
 
 TEST_F(LxSupp, UnregisteringFromInsideTheCallbackEndsTheListener) {
@@ -178,7 +133,7 @@ TEST_F(LxSupp, UnregisteringFromInsideTheCallbackEndsTheListener) {
   Seen seen;
   ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(RecordAndLeave, &seen));
   uint32_t major = 0, minor = 0;
-  ASSERT_TRUE(loop_.Cycle(major, minor));
+  ASSERT_TRUE(CycleLoopDevice(major, minor));
   {
     std::unique_lock<std::mutex> lock(seen.mutex);
     ASSERT_TRUE(seen.changed.wait_for(lock, 20s, [&] { return seen.batches > 0; }));
@@ -192,7 +147,7 @@ TEST_F(LxSupp, UnregisteringFromInsideTheCallbackEndsTheListener) {
   EXPECT_EQ(ENOENT, LinuxEx::UnregisterSnapApiCallBack(RecordAndLeave));
   Seen again;
   ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Record, &again));
-  ASSERT_TRUE(loop_.Cycle(major, minor));
+  ASSERT_TRUE(CycleLoopDevice(major, minor));
   EXPECT_TRUE(again.WaitFor(major, minor));
   EXPECT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(Record));
 }

@@ -2,7 +2,6 @@
 //   fds      one line a descriptor: "<number> <target>"
 //   signals  "blocked <count>" and "<signal> dfl|ign|handler" for SIGPIPE, SIGUSR2, SIGCHLD
 //   env      the environment, one entry a line
-//   cwd      the working directory
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -64,7 +63,6 @@ int main(int argc, char** argv) {
   if (mode == "fds") Fds();
   else if (mode == "signals") Signals();
   else if (mode == "env") for (char** e = environ; *e != nullptr; ++e) std::printf("%s\n", *e);
-  else if (mode == "cwd") { char cwd[4096]; std::printf("%s\n", getcwd(cwd, sizeof cwd)); }
   else return 2;
   return 0;
 }

@@ -12,37 +12,32 @@ namespace {
 
 // The policy is read once at load, so each case runs in a freshly started copy of
 // this program with the variable set.
-class ClosePolicy : public ::testing::Test {
- protected:
-  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-  void TearDown() override { unsetenv("ZEMLORA_SAFE_CLOSE"); }
-};
-
-TEST_F(ClosePolicy, UnsetAborts) {
+TEST(SafeClose, PolicyDecidesWhatABadCloseDoes) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const struct {
+    const char* policy;  // nullptr: unset
+    bool file;           // SafeFclose(nullptr), else SafeClose(-1)
+    int signal;          // 0: only reported
+  } cases[] = {{nullptr, false, SIGABRT}, {"please-abort", false, SIGABRT}, {"abort,break", true, SIGTRAP},
+               {"0", false, 0}, {"0", true, 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.policy ? c.policy : "unset");
+    if (c.policy) setenv("ZEMLORA_SAFE_CLOSE", c.policy, 1);
+    else
+      unsetenv("ZEMLORA_SAFE_CLOSE");
+    auto badClose = [&] {
+      errno = 0;
+      const bool reported = c.file ? ChildProcess::SafeFclose(nullptr) == EOF
+                                   : ChildProcess::SafeClose(-1) == -1 && errno == EBADF;
+      std::exit(reported ? 0 : 1);
+    };
+    if (c.signal != 0) {
+      EXPECT_EXIT(badClose(), testing::KilledBySignal(c.signal), "");
+    } else {
+      EXPECT_EXIT(badClose(), testing::ExitedWithCode(0), "");
+    }
+  }
   unsetenv("ZEMLORA_SAFE_CLOSE");
-  EXPECT_EXIT(ChildProcess::SafeClose(-1), testing::KilledBySignal(SIGABRT), "");
-}
-
-TEST_F(ClosePolicy, AbortWord) {
-  setenv("ZEMLORA_SAFE_CLOSE", "please-abort", 1);
-  EXPECT_EXIT(ChildProcess::SafeClose(12345), testing::KilledBySignal(SIGABRT), "");
-}
-
-TEST_F(ClosePolicy, BreakTraps) {
-  setenv("ZEMLORA_SAFE_CLOSE", "abort,break", 1);
-  EXPECT_EXIT(ChildProcess::SafeFclose(nullptr), testing::KilledBySignal(SIGTRAP), "");
-}
-
-TEST_F(ClosePolicy, OtherValuesOnlyReport) {
-  setenv("ZEMLORA_SAFE_CLOSE", "0", 1);
-  EXPECT_EXIT(
-      {
-        errno = 0;
-        const bool reported = ChildProcess::SafeClose(-1) == -1 && errno == EBADF &&
-                              ChildProcess::SafeFclose(nullptr) == EOF;
-        std::exit(reported ? 0 : 1);
-      },
-      testing::ExitedWithCode(0), "");
 }
 
 TEST(SafeClose, ClosesGoodDescriptors) {

@@ -49,15 +49,6 @@ TEST(ChildEnvironment, Rules) {
   EXPECT_EQ(Linex::BuildChildEnvironment(nullptr, true, {"A=1"}), Strings{"A=1"});
 }
 
-TEST(ChildEnvironment, SetEnvReplacesByName) {
-  ChildProcess child;
-  child.SetEnv("A=1");
-  child.SetEnv("B");
-  child.SetEnv("A=2");
-  child.SetEnv("B=3");
-  EXPECT_EQ(child.Env, (Strings{"A=2", "B=3"}));
-}
-
 TEST(ChildEnvironment, ReachesTheChild) {
   setenv("LD_PRELOAD", "", 1);
   setenv("ZL_KEEP", "kept", 1);
@@ -71,26 +62,12 @@ TEST(ChildEnvironment, ReachesTheChild) {
   unsetenv("LD_PRELOAD");
   unsetenv("ZL_KEEP");
   unsetenv("ZL_GONE");
-  const auto lines = LinexTest::Lines(result.out);
-  auto has = [&](const std::string& prefix) {
-    for (const auto& l : lines)
-      if (l.rfind(prefix, 0) == 0) return true;
-    return false;
-  };
-  EXPECT_FALSE(has("LD_PRELOAD="));
-  EXPECT_FALSE(has("ZL_GONE="));
-  EXPECT_TRUE(has("ZL_KEEP=kept"));
-  EXPECT_EQ(lines.back(), "ZL_NEW=2");
-  EXPECT_FALSE(has("ZL_NEW=1"));
-}
-
-TEST(ChildEnvironment, NotInherited) {
-  ChildProcess child;
-  child.InheritEnv = false;
-  child.SetEnv("ONLY=1");
-  const auto result = LinexTest::Probe(child, "env");
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out, "ONLY=1\n");
+  const std::string out = "\n" + result.out;
+  EXPECT_EQ(out.find("\nLD_PRELOAD="), std::string::npos);
+  EXPECT_EQ(out.find("\nZL_GONE="), std::string::npos);
+  EXPECT_NE(out.find("\nZL_KEEP=kept\n"), std::string::npos);
+  EXPECT_EQ(out.find("ZL_NEW=1"), std::string::npos);
+  EXPECT_EQ(out.substr(out.size() - 9), "ZL_NEW=2\n");
 }
 
 }  // namespace

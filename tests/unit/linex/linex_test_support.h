@@ -1,13 +1,11 @@
 #pragma once
-// Helpers of the launcher and shell tests: run the probe child, read what it reports,
-// count the test process's own descriptors.
+// Running the probe child and reading what it reports; counting our own descriptors.
 #include <dirent.h>
 #include <unistd.h>
 
 #include <map>
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include "core/linex/create_process.h"
 
@@ -38,23 +36,16 @@ inline Result Run(ChildProcess& child) {
   return result;
 }
 
-// Runs the probe program in `mode`.
 inline Result Probe(ChildProcess& child, const char* mode) {
   child.Args = {AS_CHILD_PROBE, mode};
   return Run(child);
 }
 
-inline std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
-
 // "<fd> <target>" lines of the probe's "fds" mode.
 inline std::map<int, std::string> Descriptors(const std::string& text) {
   std::map<int, std::string> fds;
-  for (const std::string& line : Lines(text)) {
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
     const size_t space = line.find(' ');
     fds[std::stoi(line.substr(0, space))] = line.substr(space + 1);
   }
@@ -62,12 +53,12 @@ inline std::map<int, std::string> Descriptors(const std::string& text) {
 }
 
 inline int CountOwnFds() {
-  int count = 0;
+  int count = -1;  // the directory itself
   if (DIR* dir = opendir("/proc/self/fd")) {
     while (const dirent* entry = readdir(dir)) count += entry->d_name[0] != '.';
     closedir(dir);
   }
-  return count - 1;  // the directory itself
+  return count;
 }
 
 }  // namespace LinexTest
