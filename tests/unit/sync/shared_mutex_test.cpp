@@ -37,18 +37,10 @@ TEST_F(SharedMutexTest, LockFileIsPrivateAndOutlivesTheObject) {
   EXPECT_EQ(st.st_mode & 07777, 0600u);
 }
 
-TEST_F(SharedMutexTest, ExistingLockFileIsUsed) {
-  const int fd = open(LockPath(name_).c_str(), O_CREAT | O_WRONLY, 0644);
-  ASSERT_NE(fd, -1);
-  close(fd);
-  auto mutex = Common::SharedMutex::Create(name_.c_str());
-  mutex->Lock();
-  EXPECT_TRUE(FileLockHeld(name_));
-  mutex->Unlock();
-  EXPECT_FALSE(FileLockHeld(name_));
-}
-
-TEST_F(SharedMutexTest, RecursionKeepsTheFileLockUntilTheLastUnlock) {
+// A lock file left by an earlier process is taken over; recursion holds the file lock
+// until the last Unlock, and one Unlock too many is only reported.
+TEST_F(SharedMutexTest, ExistingFileAndRecursion) {
+  close(open(LockPath(name_).c_str(), O_CREAT | O_WRONLY, 0644));
   auto mutex = Common::SharedMutex::Create(name_.c_str());
   EXPECT_FALSE(FileLockHeld(name_));
   mutex->Lock();
@@ -57,7 +49,7 @@ TEST_F(SharedMutexTest, RecursionKeepsTheFileLockUntilTheLastUnlock) {
   EXPECT_TRUE(FileLockHeld(name_));
   mutex->Unlock();
   EXPECT_FALSE(FileLockHeld(name_));
-  mutex->Unlock();  // too many: reported, otherwise ignored
+  mutex->Unlock();
   mutex->Lock();
   EXPECT_TRUE(FileLockHeld(name_));
   mutex->Unlock();
@@ -66,13 +58,14 @@ TEST_F(SharedMutexTest, RecursionKeepsTheFileLockUntilTheLastUnlock) {
 TEST_F(SharedMutexTest, TwoObjectsOfOneNameAreTwoLocks) {
   auto first = Common::SharedMutex::Create(name_.c_str());
   auto second = Common::SharedMutex::Create(name_.c_str());
+  // Each object locks its own open file, so each Lock takes the file lock itself.
   first->Lock();
-  // The second object's lock is a different open file: it is refused while the first holds.
   EXPECT_TRUE(FileLockHeld(name_));
   first->Unlock();
   second->Lock();
   EXPECT_TRUE(FileLockHeld(name_));
   second->Unlock();
+  EXPECT_FALSE(FileLockHeld(name_));
 }
 
 TEST_F(SharedMutexTest, SecondProcessWaitsForTheFirst) {
