@@ -123,6 +123,10 @@ vm_machine_build() {
                 [ $ide_unit -lt 4 ] || die "the pc machine's IDE controller takes 4 disks"
                 args="ide-hd,drive=drive$i,bus=ide.$((ide_unit / 2)),unit=$((ide_unit % 2))"
                 ide_unit=$((ide_unit + 1)) ;;
+            mptsas)
+                # The 1068 reports a disk on a phy only when it has a SAS
+                # address; QEMU's default WWN of 0 leaves the disk unseen.
+                args="scsi-hd,drive=drive$i,bus=$id.0,wwn=$(printf '0x50000000d15c%04x' $((i + 1)))" ;;
             *)
                 args="scsi-hd,drive=drive$i,bus=$id.0" ;;
         esac
