@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Helpers for commands running inside the VM (bash). Source it:
 #   . "$VM_DIR/guest/vmlib.sh"
 # The run share /run/vm holds the disk table that vmrun wrote:
@@ -52,7 +53,7 @@ disk_ids() { awk '{ print $1 }' "$VM_SHARE/disks"; }
 # The serial as the guest reads it (VPD page 0x80), for sdX.
 serial_of() {
     local k v
-    while IFS== read -r k v; do
+    while IFS='=' read -r k v; do
         [ "$k" = ID_SCSI_SERIAL ] && echo "$v"
     done < <(/lib/udev/scsi_id --whitelisted --export --device="/dev/$1" 2>/dev/null)
 }

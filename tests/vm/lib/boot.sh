@@ -1,3 +1,5 @@
+# shellcheck disable=SC2034  # VM_BOOT_SECONDS and VM_COMMAND_SECONDS are for vmrun
+# shellcheck shell=bash
 # Runs QEMU, watches the guest reach its command, answers the guest's
 # monitor requests and enforces the time limits. Sourced by vmrun; expects
 # VM_RUN, VM_DIR, VM_QEMU_PID and die().

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Builds the guest's initramfs (busybox, the init script and the few modules
 # the test machines need) and keeps it in a cache that outlives /tmp.
 # Sourced by vmrun; expects VM_DIR (tests/vm) and die().

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Turns the disk descriptions of a vmrun command line into disk images and
 # QEMU arguments. Sourced by vmrun; expects VM_RUN and die().
 #
@@ -99,7 +100,7 @@ vm_add_controller_only() {
 # sparse images, and writes the disk table the guest reads:
 #   ID KIND#INSTANCE SIZE SERIAL PLUGGED DEVICE_ADD_ARGUMENTS
 vm_machine_build() {
-    local table=$1 key dev id i kind bus args ports_ahci=() ide_unit=0
+    local table=$1 key dev id i kind args ports_ahci=() ide_unit=0
     VM_QEMU_DEVICES=()
     for key in "${VM_CTRLS[@]}"; do
         dev=$(vm_controller_device "${key%%#*}")

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Each disk of the machine sits on a SCSI host whose driver is the one its
 # controller kind promises, with the size and serial it was given.
 . "$VM_DIR/guest/vmlib.sh"

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # The promises vmrun makes about the guest's system, which every later test
 # relies on without checking.
 . "$VM_DIR/guest/vmlib.sh"

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # The host pulls a disk out of the running machine and plugs it back, and
 # plugs in one the machine booted without, through the QEMU monitor.
 . "$VM_DIR/guest/vmlib.sh"

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # A disk deleted through sysfs leaves, and a host scan brings it back, each
 # announced by a uevent that a netlink socket in the guest receives.
 . "$VM_DIR/guest/vmlib.sh"

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # A blank disk becomes a labelled ext4 storage with the very command line the
 # appliance runs through /bin/sh, and mounts under /mnt/local_storages.
 . "$VM_DIR/guest/vmlib.sh"
