@@ -68,7 +68,10 @@ vm_boot() {
     shift 2
     local t0 t_started="" rc
     t0=$(vm_now)
-    qemu-system-x86_64 "$@" > "$VM_RUN/qemu.log" 2>&1 < /dev/null &
+    # Should vmrun be killed outright (a test driver's timeout), QEMU goes too.
+    local guard=()
+    setpriv --pdeathsig KILL true 2>/dev/null && guard=(setpriv --pdeathsig KILL)
+    "${guard[@]}" qemu-system-x86_64 "$@" > "$VM_RUN/qemu.log" 2>&1 < /dev/null &
     VM_QEMU_PID=$!
     while kill -0 "$VM_QEMU_PID" 2>/dev/null; do
         if [ -z "$t_started" ]; then
