@@ -12,28 +12,6 @@
 namespace FakeMachineTesting {
 namespace {
 
-// Files, directories and links, links kept as the kernel wrote them (relative).
-void CopyTree(const std::string& from, const std::string& to) {
-  struct stat st;
-  if (::lstat(from.c_str(), &st) != 0) throw std::runtime_error("cannot read fixture " + from);
-  if (S_ISLNK(st.st_mode)) {
-    char target[PATH_MAX];
-    ssize_t n = ::readlink(from.c_str(), target, sizeof target - 1);
-    if (n <= 0) throw std::runtime_error("cannot read link " + from);
-    target[n] = '\0';
-    MakeDirs(Dirname(to));
-    ::unlink(to.c_str());
-    if (::symlink(target, to.c_str()) != 0) throw std::runtime_error("cannot link " + to);
-  } else if (S_ISDIR(st.st_mode)) {
-    MakeDirs(to);
-    for (const std::string& entry : ListDir(from)) CopyTree(from + "/" + entry, to + "/" + entry);
-  } else if (S_ISREG(st.st_mode)) {
-    std::string text;
-    if (!ReadText(from, text)) throw std::runtime_error("cannot read fixture " + from);
-    WriteText(to, text);
-  }
-}
-
 std::string Trimmed(std::string text) {
   while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
   return text;
@@ -67,15 +45,86 @@ void CompleteBlockDevices() {
   }
 }
 
+// A value of the capture's text form: "\\", "\n", "\t" and "\xHH" escapes; the
+// capture dropped one final line feed, which the file gets back.
+std::string Unescape(const std::string& value) {
+  std::string out;
+  for (size_t i = 0; i < value.size(); ++i) {
+    if (value[i] != '\\' || i + 1 == value.size()) {
+      out += value[i];
+      continue;
+    }
+    const char c = value[++i];
+    if (c == 'n') out += '\n';
+    else if (c == 't') out += '\t';
+    else if (c == 'x' && i + 2 < value.size()) {
+      out += static_cast<char>(std::stoi(value.substr(i + 1, 2), nullptr, 16));
+      i += 2;
+    } else
+      out += c;
+  }
+  return out + "\n";
+}
+
+// "d PATH", "f PATH VALUE", "w PATH", "l PATH TARGET", in an order that puts every
+// link's target in place first.
+void ReplaySysfs(const std::string& file) {
+  for (const std::string& line : ReadLines(file)) {
+    if (line.size() < 3 || line[0] == '#' || line[1] != ' ') continue;
+    const size_t space = line.find(' ', 2);
+    const std::string path = line.substr(2, space == std::string::npos ? std::string::npos : space - 2);
+    const std::string rest = space == std::string::npos ? std::string() : line.substr(space + 1);
+    if (path.compare(0, 5, "/sys/") != 0) throw std::runtime_error("fixture path outside /sys: " + path);
+    switch (line[0]) {
+      case 'd': MakeDirs(path); break;
+      case 'f': MakeDirs(Dirname(path)); WriteText(path, Unescape(rest)); break;
+      case 'w': MakeDirs(Dirname(path)); WriteText(path, ""); break;
+      case 'l':
+        MakeDirs(Dirname(path));
+        ::unlink(path.c_str());
+        if (::symlink(rest.c_str(), path.c_str()) != 0) throw std::runtime_error("cannot link " + path);
+        break;
+      default: throw std::runtime_error("unknown fixture record: " + line);
+    }
+  }
+}
+
+// What scsi_id printed for each disk, for the fake scsi_id to print again.
+void ReplayTools(const std::string& file) {
+  std::string device, output;
+  int status = 0;
+  auto flush = [&] {
+    if (device.empty()) return;
+    WriteText(FakeMachine::StateDir() + "/scsi_id/" + device, output);
+    WriteText(FakeMachine::StateDir() + "/scsi_id/" + device + ".status", std::to_string(status) + "\n");
+  };
+  for (const std::string& line : ReadLines(file)) {
+    if (line.compare(0, 2, "$ ") == 0) {
+      flush();
+      device.clear();
+      output.clear();
+      status = 0;
+      const size_t at = line.find("--device=/dev/");
+      if (line.find("scsi_id") != std::string::npos && at != std::string::npos)
+        device = line.substr(at + 14, line.find(' ', at) - at - 14);
+    } else if (line.compare(0, 6, "[exit ") == 0) {
+      status = std::atoi(line.c_str() + 6);
+    } else if (!device.empty()) {
+      output += line + "\n";
+    }
+  }
+  flush();
+}
+
 }  // namespace
 
 void FakeMachine::Replay(const std::string& fixtureDir) {
   std::string dir = fixtureDir;
   if (dir.empty() || dir[0] != '/') dir = std::string(AS_SOURCE_ROOT) + "/" + dir;
-  // A capture holds the slices below sys/, at the paths they have in /sys.
-  std::string root = PathExists(dir + "/sys") ? dir + "/sys" : dir;
-  if (!PathExists(root)) throw std::runtime_error("no fixture at " + dir);
-  for (const std::string& entry : ListDir(root)) CopyTree(root + "/" + entry, "/sys/" + entry);
+  // A capture of the appliance VM: NAME.sysfs and NAME.tools (tests/vm/README.md).
+  if (!PathExists(dir + ".sysfs")) throw std::runtime_error("no fixture at " + dir + ".sysfs");
+  ReplaySysfs(dir + ".sysfs");
+  if (PathExists(dir + ".tools")) ReplayTools(dir + ".tools");
   CompleteBlockDevices();
 }
 
