@@ -88,6 +88,7 @@ TEST(Enumerate, StateDecidesWhetherTheDeviceIsRead) {
   EXPECT_EQ(2, unknown[0].level);
   EXPECT_EQ(83, unknown[0].code);
   EXPECT_NE(std::string::npos, unknown[0].text.find("SCSI disk 'sdb' has unknown state 'blocked\n'."));
+  EXPECT_NE(std::string::npos, unknown[0].text.find("0x530040"));
 }
 
 TEST(Enumerate, SerialForms) {
