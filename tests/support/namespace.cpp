@@ -22,6 +22,14 @@ namespace {
 const char* const kKeptDevices[] = {"null", "zero", "urandom", "full"};
 int g_kept[4] = {-1, -1, -1, -1};
 bool g_entered = false;
+
+// The project's trees (the fake tools, the fixtures, the kernel helper) stay reachable
+// when a checkout lies below a tree the machine covers, such as a clone under /tmp.
+struct KeptTree {
+  std::string path;
+  int fd;
+};
+std::vector<KeptTree> g_trees;
 std::string g_why = "the faked machine needs its own mount namespace; main() did not enter it";
 
 std::string Errno(const std::string& what) { return what + ": " + std::strerror(errno); }
@@ -81,6 +89,14 @@ bool EnterMachineNamespace(std::string& why) {
       return false;
     }
   }
+  for (const std::string& tree : {std::string(AS_SOURCE_ROOT), Dirname(AS_FAKE_MACHINE_KERNEL)}) {
+    const int fd = ::open(tree.c_str(), O_PATH | O_CLOEXEC);
+    if (fd < 0) {
+      why = Errno("open " + tree);
+      return false;
+    }
+    g_trees.push_back({tree, fd});
+  }
   // The appliance's /bin/sh is bash; the library's command lines rely on its echo -e.
   if (!Mount("/bin/bash", "/bin/sh", nullptr, MS_BIND, nullptr, why)) return false;
   try {
@@ -121,6 +137,18 @@ std::vector<std::string> CoverMachineTrees() {
     mounted.push_back(path);
   }
   MakeDirs("/dev/shm");
+  for (const KeptTree& tree : g_trees) {
+    bool covered = false;
+    for (const std::string& dir : mounted) covered = covered || tree.path.compare(0, dir.size() + 1, dir + "/") == 0;
+    if (!covered || PathExists(tree.path + "/.")) continue;
+    MakeDirs(tree.path);
+    const std::string source = "/proc/self/fd/" + std::to_string(tree.fd);
+    if (!Mount(source.c_str(), tree.path.c_str(), nullptr, MS_BIND | MS_REC, nullptr, why)) {
+      UncoverMachineTrees(mounted);
+      throw std::runtime_error(why);
+    }
+    mounted.push_back(tree.path);
+  }
   return mounted;
 }
 
