@@ -37,26 +37,33 @@ Registry::MultiString Strings(std::initializer_list<const char16_t*> texts) {
 
 const GUID kDisk = Id("6000C29A-1B2C-3D4E-5F60-718293A4B5C6");
 
+const char kOddCount[] =
+    "Assertion failed: multistring.size() % 2 == 0, file quillenmark/raw/common/scsi_disk_helpers/impl/attributes, "
+    "line 119";
+const char kWrongType[] =
+    "Assertion failed: !\"Invalid registry key type\", file quillenmark/raw/common/scsi_disk_helpers/impl/attributes, "
+    "line 124";
+
 TEST(DiskAttributes, HowRecordsRead) {
   struct Case {
     const char* what;
     std::function<void()> write;
     DiskAttributes expected;
-    size_t asserts;
+    const char* assertion;  // the one assertion expected, or none
   } cases[] = {
-      {"no record", [] {}, {}, 0},
+      {"no record", [] {}, {}, nullptr},
       {"first pair wins",
        [] { Record(kDisk.ToWideString(), Strings({u"Temporary", u"1", u"Temporary", u"0"})); },
        {{kTemporary, Str(u"1")}},
-       0},
+       nullptr},
       {"odd count: the last string is ignored",
        [] { Record(kDisk.ToWideString(), Strings({u"Temporary", u"1", u"Owner"})); },
        {{kTemporary, Str(u"1")}},
-       1},
-      {"one string", [] { Record(kDisk.ToWideString(), Strings({u"Temporary"})); }, {}, 1},
-      {"empty multistring", [] { Record(kDisk.ToWideString(), Registry::MultiString{}); }, {}, 0},
-      {"a number instead", [] { Record(kDisk.ToWideString(), uint32_t{1}); }, {}, 1},
-      {"a string instead", [] { Record(kDisk.ToWideString(), Str(u"Temporary")); }, {}, 1},
+       kOddCount},
+      {"one string", [] { Record(kDisk.ToWideString(), Strings({u"Temporary"})); }, {}, kOddCount},
+      {"empty multistring", [] { Record(kDisk.ToWideString(), Registry::MultiString{}); }, {}, nullptr},
+      {"a number instead", [] { Record(kDisk.ToWideString(), uint32_t{1}); }, {}, kWrongType},
+      {"a string instead", [] { Record(kDisk.ToWideString(), Str(u"Temporary")); }, {}, kWrongType},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -68,7 +75,10 @@ TEST(DiskAttributes, HowRecordsRead) {
     DiskAttributes attributes{{Str(u"stale"), Str(u"x")}};
     EXPECT_FALSE(SCSI::Impl::LoadDiskAttributes(kDisk, attributes));
     EXPECT_EQ(c.expected, attributes);
-    EXPECT_EQ(c.asserts, asserts.Texts().size());
+    if (c.assertion)
+      EXPECT_EQ(std::vector<std::string>{c.assertion}, asserts.Texts());
+    else
+      EXPECT_TRUE(asserts.Texts().empty());
     EXPECT_TRUE(traces.Events().empty());
     const auto temporary = SCSI::Impl::GetDiskAttributes(kDisk, kTemporary);
     if (c.expected.count(kTemporary))

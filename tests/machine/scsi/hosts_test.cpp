@@ -39,8 +39,11 @@ TEST(ScsiHosts, UnknownDriversAreLeftOutAndReportedOnce) {
   EXPECT_EQ((HostTable{{0, SCSI::HostTypeAtaPiix}, {10, SCSI::HostTypeAtaPiix}}), hosts);
   // Once per process for unknown drivers (this program's only such test), every time
   // for a host without proc_name.
-  EXPECT_EQ(1u, asserts.Count("Unknown scsi host type"));
-  EXPECT_EQ(2u, asserts.Count("No hostN/proc_name entry"));
+  EXPECT_EQ(1u, asserts.Count("Assertion failed: !\"Unknown scsi host type\", "
+                              "file quillenmark/raw/common/scsi_disk_helpers/impl/host, line 115"));
+  EXPECT_EQ(2u, asserts.Count("Assertion failed: !\"No hostN/proc_name entry\", "
+                              "file quillenmark/raw/common/scsi_disk_helpers/impl/host, line 121"));
+  EXPECT_EQ(3u, asserts.Texts().size());
 }
 
 TEST(ScsiHosts, NoHostDirectoryMeansNoHosts) {

@@ -3,9 +3,9 @@
 #include <set>
 #include <stdexcept>
 
-#include "core/common/assert.h"
 #include "core/common/message_ids.h"
 #include "core/common/unicode.h"
+#include "core/linex/assert_line_internal.h"
 #include "core/trace/trace_tools.h"
 #include "processor/format/format_string.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/utils.h"
@@ -22,7 +22,7 @@ constexpr uint32_t kErrorDisk = 0x530040;
 const String& AttributesRootPath() {
   static const String path = [] {
     const char* registryBrandKey = ResourceApi::GetResourceString("registry_brand_key");
-    AS_ASSERT(registryBrandKey || !"Failed to get keyname");
+    AS_ASSERT_AT(registryBrandKey || !"Failed to get keyname", AS_SOURCE_NAME, 42);
     if (registryBrandKey == nullptr) throw std::logic_error("no registry brand key among the resource strings");
     return Common::FromUtf8(registryBrandKey) + Common::Str(u"\\Quillenmark\\SCSIDevices");
   }();
@@ -51,10 +51,11 @@ Common::Error LoadDiskAttributes(const GUID& id, DiskAttributes& attributes) {
     Registry::Value value;
     if (Common::Error e = record.QueryValue(String(), value)) throw e;
     if (const auto* strings = std::get_if<Registry::MultiString>(&value)) {
-      AS_ASSERT(strings->size() % 2 == 0);
-      for (size_t i = 0; i + 1 < strings->size(); i += 2) loaded.emplace((*strings)[i], (*strings)[i + 1]);
+      const Registry::MultiString& multistring = *strings;
+      AS_ASSERT_AT(multistring.size() % 2 == 0, AS_SOURCE_NAME, 119);
+      for (size_t i = 0; i + 1 < multistring.size(); i += 2) loaded.emplace(multistring[i], multistring[i + 1]);
     } else {
-      AS_ASSERT(!"Invalid registry key type");
+      AS_ASSERT_AT(!"Invalid registry key type", AS_SOURCE_NAME, 124);
     }
     attributes.swap(loaded);
     return Common::Error();

@@ -6,8 +6,8 @@
 #include <utility>
 #include <vector>
 
-#include "core/common/assert.h"
 #include "core/common/message_ids.h"
+#include "core/linex/assert_line_internal.h"
 #include "core/include/file/file.h"
 #include "processor/format/format_string.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/utils.h"
@@ -52,7 +52,7 @@ void EnumerateHosts(HostTable& table) {
 
       FileSystem::File procName;
       if (FileSystem::File::Open(host->FullPath() + "/proc_name", FileSystem::File::kRead, procName)) {
-        AS_ASSERT(!"No hostN/proc_name entry");
+        AS_ASSERT_AT(!"No hostN/proc_name entry", AS_SOURCE_NAME, 121);
         continue;
       }
       char text[32] = {};
@@ -61,7 +61,7 @@ void EnumerateHosts(HostTable& table) {
 
       const HostType* type = FindHostType(text, count);
       if (type == nullptr) {
-        if (!gUnknownHostReported.exchange(true)) AS_ASSERT(!"Unknown scsi host type");
+        if (!gUnknownHostReported.exchange(true)) AS_ASSERT_AT(!"Unknown scsi host type", AS_SOURCE_NAME, 115);
         continue;
       }
       uint32_t number = 0;
