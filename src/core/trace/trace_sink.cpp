@@ -23,7 +23,6 @@ struct Registration {
 struct Lists {
   std::vector<TraceSubscriber*> subscribers;
   std::vector<Registration> callbacks;
-  bool anyWantsEvery = false;
 };
 
 std::atomic<int32_t> gMinimumLevel{Common::EventLevelNotice};
@@ -37,8 +36,6 @@ class Sink {
     std::lock_guard<std::mutex> lock(mutex_);
     auto next = std::make_unique<Lists>(*Current());
     change(*next);
-    next->anyWantsEvery = std::any_of(next->subscribers.begin(), next->subscribers.end(),
-                                      [](const TraceSubscriber* s) { return s->WantsEveryEvent(); });
     current_.store(next.get(), std::memory_order_release);
     retired_.push_back(std::move(next));
   }
@@ -108,8 +105,10 @@ int32_t GetMinimumLevel() noexcept { return gMinimumLevel.load(std::memory_order
 
 bool IsTraced(int32_t level) noexcept {
   const Lists* lists = TheSink().Current();
-  if (lists->anyWantsEvery) return true;
-  return level >= GetMinimumLevel() && (!lists->subscribers.empty() || !lists->callbacks.empty());
+  if (level >= GetMinimumLevel() && (!lists->subscribers.empty() || !lists->callbacks.empty())) return true;
+  // Asked each time, as delivery asks: a subscriber may change its mind while subscribed.
+  return std::any_of(lists->subscribers.begin(), lists->subscribers.end(),
+                     [](const TraceSubscriber* s) { return s->WantsEveryEvent(); });
 }
 
 void TraceText(Common::EventLevel level, int32_t code, const String& text) {

@@ -110,10 +110,15 @@ class EventPair {
   EventPair& operator=(const EventPair&) = delete;
   ~EventPair() {
     if (!IsTraced(Level)) return;
-    // Counted, not just tested: a guard made inside a destructor that runs during
-    // unwinding is left normally although an exception is in flight.
-    if (std::uncaught_exceptions() > exceptions_) closing_.insert(0, Common::String{'!', ' '});
-    TraceText(Level, code_, closing_);
+    // A destructor must not throw, least of all while unwinding: a subscriber's
+    // exception (or a failed allocation) costs the closing event, not the process.
+    try {
+      // Counted, not just tested: a guard made inside a destructor that runs during
+      // unwinding is left normally although an exception is in flight.
+      if (std::uncaught_exceptions() > exceptions_) closing_.insert(0, Common::String{'!', ' '});
+      TraceText(Level, code_, closing_);
+    } catch (...) {
+    }
   }
 
  private:

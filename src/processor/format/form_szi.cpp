@@ -29,8 +29,10 @@ void SubformatSize::Format(const Variant& argument, TextBuffer& out, const Segme
   const double bytes = numeric ? NumericValue(argument) : NAN;
   if (!(bytes >= 0) || std::isinf(bytes)) return AppendSimple(holder_, argument, out);
 
+  // One fraction digit is shown: a value that would round to 1024 takes the next unit.
+  constexpr double kNextUnit = 1023.95;
   const bool plain = Equals(segments.Style(), u"bytes");
-  if (plain || bytes < 1024) {
+  if (plain || bytes < kNextUnit) {
     if (argument.IsInteger())
       holder_.Decimal().Format(argument, out);
     else
@@ -39,7 +41,7 @@ void SubformatSize::Format(const Variant& argument, TextBuffer& out, const Segme
   }
   double value = bytes;
   int unit = 0;
-  while (value >= 1024 && unit + 1 < DISK_SIZE_FORMAT_COUNT) {
+  while (value >= kNextUnit && unit + 1 < DISK_SIZE_FORMAT_COUNT) {
     value /= 1024;
     ++unit;
   }

@@ -22,7 +22,10 @@ TEST(SizeFormat, PicksTheLargestUnit) {
       {1024, u"1 KB"},
       {1536, u"1.5 KB"},
       {10737418240ull, u"10 GB"},
-      {10737418239ull, u"10 GB"},  // rounded, never shown as 1024 MB
+      {10737418239ull, u"10 GB"},
+      // Just below a unit boundary: never shown as 1024 of the smaller unit.
+      {1048575, u"1 MB"},
+      {1073741823, u"1 GB"},
       {1099511627776ull * 3 / 2, u"1.5 TB"},
       {UINT64_MAX, u"16 EB"},
   };

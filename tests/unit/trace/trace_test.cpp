@@ -65,6 +65,15 @@ TEST_F(Trace, DeliveryByLevelAndSubscriberKind) {
   EXPECT_EQ(189, callbacks.events[0].code);
 }
 
+TEST_F(Trace, SubscriberMayStartWantingEveryEvent) {
+  Recorder later(false);
+  TraceTools::DbgTraceInfo(215, "before");
+  later.every = true;
+  TraceTools::DbgTraceInfo(215, "after");
+  ASSERT_EQ(1u, later.events.size());
+  EXPECT_EQ("after", later.events[0].text);
+}
+
 TEST_F(Trace, PlainCallbacksAndUnregistering) {
   static std::vector<std::string> seen;
   seen.clear();
@@ -118,6 +127,25 @@ TEST_F(Trace, EventPairMarksExceptionalExit) {
   std::vector<std::string> texts;
   for (const auto& e : every.events) texts.push_back(e.text);
   EXPECT_EQ((std::vector<std::string>{"Enter", "Leave", "Enter", "! Leave", "In", "Out"}), texts);
+}
+
+// A subscriber that throws must not turn the closing event into std::terminate.
+TEST_F(Trace, EventPairSurvivesAThrowingSubscriber) {
+  struct Thrower : TraceTools::TraceSubscriber {
+    bool WantsEveryEvent() const override { return true; }
+    void OnTraceEvent(const TraceTools::TraceEvent&) override { throw std::runtime_error("subscriber"); }
+  } thrower;
+  for (bool unwinding : {false, true}) {
+    SCOPED_TRACE(unwinding);
+    try {
+      TraceTools::EventPair<Common::EventLevelDebug> pair(215, Str(u"Enter"), Str(u"Leave"));
+      TraceTools::Subscribe(&thrower);
+      if (unwinding) throw std::logic_error("scope");
+    } catch (const std::logic_error& e) {
+      EXPECT_STREQ("scope", e.what());
+    }
+    TraceTools::Unsubscribe(&thrower);
+  }
 }
 
 // Unloading raises the minimum level to 6 before the formatting singletons go;
