@@ -15,7 +15,7 @@ std::vector<std::string> BuildChildEnvironment(char* const* parent, bool inherit
     const std::string_view name = text.substr(0, eq);
     const std::string* decided = nullptr;
     for (size_t i = 0; i < overrides.size(); ++i) {
-      if (used[i] || overrides[i].empty() || overrides[i][0] == '=' || EnvName(overrides[i]) != name) continue;
+      if (used[i] || EnvName(overrides[i]) != name) continue;
       used[i] = true;
       decided = &overrides[i];
     }

@@ -86,8 +86,8 @@ void ChildProcess::SetEnv(const std::string& entry) {
 }
 
 void ChildProcess::AddRedirection(int32_t fd, int32_t* newFd, bool output) {
-  AS_ASSERT_AT(newFd, Linex::kLauncherFile, 273);
-  AS_ASSERT_AT(fd >= 0, Linex::kLauncherFile, 274);
+  AS_ASSERT_TEXT_AT(newFd, "NewFd", Linex::kLauncherFile, 273);
+  AS_ASSERT_TEXT_AT(fd >= 0, "Fd >= 0", Linex::kLauncherFile, 274);
   if (newFd == nullptr || fd < 0) return;
   FdRedirection r;
   r.Fd = fd;
@@ -135,8 +135,9 @@ int32_t ChildProcess::ForkExec() {
   const int lowestPipeFd = std::max(3, Redirections.empty() ? 0 : Redirections.rbegin()->first + 1);
   for (auto& entry : Redirections) {
     FdRedirection& r = entry.second;
-    AS_ASSERT_AT(r.Status == FORK_STATUS_BEFORE, Linex::kLauncherFile, 325);
-    AS_ASSERT_AT(r.Pipe[0] == -1 && r.Pipe[1] == -1, Linex::kLauncherFile, 326);
+    AS_ASSERT_TEXT_AT(r.Status == FORK_STATUS_BEFORE, "Status == FORK_STATUS_BEFORE", Linex::kLauncherFile, 325);
+    AS_ASSERT_TEXT_AT(r.Pipe[0] == -1 && r.Pipe[1] == -1, "Pipe[0] == -1 && Pipe[1] == -1", Linex::kLauncherFile,
+                      326);
     if (!MakePipe(r.Pipe, lowestPipeFd)) {
       CleanupRedirections();
       return -1;

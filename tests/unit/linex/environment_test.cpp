@@ -37,7 +37,9 @@ TEST(ChildEnvironment, Rules) {
       {"last match decides, set", {"A=1"}, true, {"A", "A=3"}, {"A=3"}},
       {"first inherited of a name only", {"A=1", "A=2"}, true, {"A=x"}, {"A=x", "A=2"}},
       {"prefix is not a match", {"AB=1"}, true, {"A=2"}, {"AB=1", "A=2"}},
-      {"empty and = overrides ignored", {"=odd", "A=1"}, true, {"", "=x", "=", "A=5"}, {"=odd", "A=5"}},
+      {"empty and = overrides never appended", {"A=1"}, true, {"", "=x", "=", "A=5"}, {"A=5"}},
+      {"nameless entry replaced", {"=odd", "A=1"}, true, {"=x", "A=5"}, {"=x", "A=5"}},
+      {"nameless entry removed", {"=odd", "A=1"}, true, {"=x", ""}, {"A=1"}},
       {"empty value", {"A=1"}, true, {"A="}, {"A="}},
       {"not inherited", {"A=1", "B=2"}, false, {"B=3", "C", "D=4"}, {"B=3", "D=4"}},
   };
