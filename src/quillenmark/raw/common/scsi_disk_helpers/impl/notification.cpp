@@ -39,9 +39,9 @@ bool AddDiskHandler::OnDeviceEvent(uint32_t major, uint32_t minor) {
   if (!dsk_supp::IndexbyDev(found, dsk_supp::mt_disk, index)) return false;
   if (!dsk_supp::VolIDbyIndex(index, dsk_supp::mt_disk, found)) return false;
   if (found.ScsiHost != host_ || found.ScsiTarget != target_) return false;
-  // The kernel may announce the disk again while the caller reads the first answer.
-  if (claimed_.exchange(true)) return false;
-  volume_ = found;  // read by the caller only after the event, which orders it
+  // The kernel may announce the disk again while the caller reads the first answer:
+  // a repeat is still this handler's own, but the answer stays as it was.
+  if (!claimed_.exchange(true)) volume_ = found;  // read by the caller only after the event, which orders it
   event_.Set();
   return true;
 }

@@ -1,0 +1,146 @@
+// Device notifications: which records of a batch are offered, who claims them, and
+// the proxy's registration with the driver library. Batches are handed to the proxy
+// directly; the handlers' waits use short time-outs instead of ten minutes.
+#include <dirent.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "core/common/unicode.h"
+#include "fake_machine.h"
+#include "lx_supp.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/disk.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/impl/notification.h"
+
+namespace {
+
+using SCSI::Impl::AttachedHandler;
+using SCSI::Impl::DiskNotificationProxy;
+using Device = std::pair<uint32_t, uint32_t>;
+
+// Records what it is offered and claims one device. Only SCSI disk numbers (major 8)
+// are kept: the host's own kernel may announce its loop devices meanwhile.
+class Recorder : public SCSI::Impl::DiskSubsystemHandler {
+ public:
+  explicit Recorder(Device mine = {0, 0}) : mine_(mine) {}
+  bool Execute(uint32_t timeout) override { return event_.Wait(timeout); }
+  bool OnDeviceEvent(uint32_t major, uint32_t minor) override {
+    if (major != 8) return false;
+    std::lock_guard<std::mutex> lock(mutex_);
+    offered_.emplace_back(major, minor);
+    if (Device(major, minor) != mine_) return false;
+    event_.Set();
+    return true;
+  }
+  std::vector<Device> Offered() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return offered_;
+  }
+
+ private:
+  const Device mine_;
+  mutable std::mutex mutex_;
+  std::vector<Device> offered_;
+};
+
+std::vector<LinuxEx::snap_message> Batch(std::initializer_list<std::array<uint32_t, 3>> records) {
+  std::vector<LinuxEx::snap_message> batch;
+  for (const auto& r : records) batch.push_back({r[0], r[1], r[2], {}});
+  return batch;
+}
+
+size_t Threads() {
+  size_t n = 0;
+  if (DIR* d = opendir("/proc/self/task")) {
+    while (const dirent* e = readdir(d)) n += e->d_name[0] != '.';
+    closedir(d);
+  }
+  return n;
+}
+
+TEST(Notifications, OnlyUpdatedDevicesBeforeTheEndAreOffered) {
+  auto proxy = DiskNotificationProxy::Obtain();
+  auto recorder = std::make_shared<Recorder>();
+  const auto node = proxy->Attach(recorder);
+  proxy->Deliver(Batch({{2, 8, 0}, {1, 8, 16}, {0, 8, 32}, {1, 8, 48}}).data());
+  proxy->Detach(node);
+  EXPECT_EQ((std::vector<Device>{{8, 16}}), recorder->Offered());
+}
+
+TEST(Notifications, TheFirstClaimEndsTheBatch) {
+  auto proxy = DiskNotificationProxy::Obtain();
+  auto first = std::make_shared<Recorder>(Device{8, 16});
+  auto second = std::make_shared<Recorder>(Device{8, 32});
+  const auto a = proxy->Attach(first);
+  const auto b = proxy->Attach(second);
+  proxy->Deliver(Batch({{1, 8, 16}, {1, 8, 32}, {0, 0, 0}}).data());
+  EXPECT_TRUE(first->Execute(0));
+  EXPECT_FALSE(second->Execute(0));  // still waiting
+  EXPECT_TRUE(second->Offered().empty());
+  proxy->Detach(a);
+  proxy->Detach(b);
+}
+
+TEST(Notifications, RemoveWaitsForItsOwnDevice) {
+  AS_FAKE_MACHINE(m);
+  m.Host(2, "virtio_scsi\n");
+  m.Disk("sdc").At(2, 0, 2, 0);
+  m.Build();
+  auto handler = std::make_shared<SCSI::Impl::RemoveDiskHandler>(Common::Str(u"sdc"), 8, 32);
+  AttachedHandler attached(handler);
+  auto proxy = DiskNotificationProxy::Obtain();
+
+  proxy->Deliver(Batch({{1, 8, 33}, {0, 0, 0}}).data());
+  EXPECT_FALSE(handler->Execute(50));  // timed out
+  EXPECT_EQ("1\n", m.ReadFile("/sys/block/sdc/device/delete"));
+  proxy->Deliver(Batch({{1, 8, 32}, {0, 0, 0}}).data());
+  EXPECT_TRUE(handler->Execute(50));
+}
+
+TEST(Notifications, AddClaimsTheDiskAtItsAddressAndKeepsTheFirstAnswer) {
+  AS_FAKE_MACHINE(m);
+  m.Host(2, "virtio_scsi\n");
+  m.Disk("sdb").At(2, 0, 1, 0);  // 8:16
+  m.Disk("sdd").At(2, 0, 3, 0);  // 8:48
+  m.Build();
+  auto subsystem = SCSI::CreateDiskSubsystem();  // the disk library is initialised
+  dsk_supp::UnixVolID expected;
+  expected.ScsiHost = 2;
+  expected.ScsiTarget = 3;
+  auto handler = std::make_shared<SCSI::Impl::AddDiskHandler>(expected);
+  auto behind = std::make_shared<Recorder>();
+  AttachedHandler attachedHandler(handler);
+  AttachedHandler attachedBehind(behind);
+  auto proxy = DiskNotificationProxy::Obtain();
+
+  proxy->Deliver(Batch({{1, 8, 16}, {0, 0, 0}}).data());
+  EXPECT_FALSE(handler->Execute(50));  // timed out: another target
+  EXPECT_EQ("- - -\n", m.ReadFile("/sys/class/scsi_host/host2/scan"));
+  proxy->Deliver(Batch({{1, 8, 48}, {0, 0, 0}}).data());
+  EXPECT_TRUE(handler->Execute(50));
+  EXPECT_EQ("/dev/sdd", handler->Volume().DevNode);
+  // Announced again: still the handler's own, so nobody behind it is asked.
+  proxy->Deliver(Batch({{1, 8, 48}, {0, 0, 0}}).data());
+  EXPECT_EQ((std::vector<Device>{{8, 16}}), behind->Offered());
+  EXPECT_EQ("/dev/sdd", handler->Volume().DevNode);
+}
+
+// The driver library runs a listener thread exactly while a callback is registered.
+TEST(Notifications, RegisteredWhileAnyCallIsAttached) {
+  const size_t idle = Threads();
+  auto first = DiskNotificationProxy::Obtain();
+  EXPECT_EQ(idle + 1, Threads());
+  auto second = DiskNotificationProxy::Obtain();
+  EXPECT_EQ(first, second);
+  first.reset();
+  EXPECT_EQ(idle + 1, Threads());
+  second.reset();
+  EXPECT_EQ(idle, Threads());
+  auto again = DiskNotificationProxy::Obtain();
+  EXPECT_EQ(idle + 1, Threads());
+}
+
+}  // namespace
