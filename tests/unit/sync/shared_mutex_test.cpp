@@ -2,6 +2,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <string>
@@ -61,10 +62,17 @@ TEST_F(SharedMutexTest, TwoObjectsOfOneNameAreTwoLocks) {
   // Each object locks its own open file, so each Lock takes the file lock itself.
   first->Lock();
   EXPECT_TRUE(FileLockHeld(name_));
+  std::atomic<bool> secondHeld{false};
+  std::thread other([&] {
+    second->Lock();
+    secondHeld = true;
+    second->Unlock();
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_FALSE(secondHeld.load()) << "the second object got the lock while the first held it";
   first->Unlock();
-  second->Lock();
-  EXPECT_TRUE(FileLockHeld(name_));
-  second->Unlock();
+  other.join();
+  EXPECT_TRUE(secondHeld.load());
   EXPECT_FALSE(FileLockHeld(name_));
 }
 
