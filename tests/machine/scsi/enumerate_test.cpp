@@ -127,6 +127,17 @@ TEST(Enumerate, SerialForms) {
   }
 }
 
+TEST(Enumerate, ADevicePathReachesScsiIdAsOneWord) {
+  AS_FAKE_MACHINE(m);
+  m.Build();
+  const std::string path = "/dev/sd'b' $(touch /tmp/ran)";
+  GUID id = GUID::FromBytes({1});
+  EXPECT_FALSE(SCSI::CreateDiskSubsystem()->GetScsiSerialID(Common::FromUtf8(path), id));
+  EXPECT_TRUE(id.IsNull());
+  EXPECT_FALSE(m.Exists("/tmp/ran"));
+  EXPECT_EQ((std::vector<std::string>{"scsi_id --page=0x83 --export --whitelisted --device=" + path}), m.Calls("scsi_id"));
+}
+
 TEST(Enumerate, SortedByKindThenHostThenTarget) {
   AS_FAKE_MACHINE(m);
   m.Host(1, "vmw_pvscsi\n").Host(9, "mptspi\n").Host(4, "mptspi\n");

@@ -83,6 +83,17 @@ bool WaitForChange(const std::shared_ptr<Impl::DiskSubsystemHandler>& handler) {
   return handler->Execute(kChangeTimeoutMs);
 }
 
+// The device path reaches scsi_id as one word whatever a caller passes; an ordinary
+// path keeps the command line as it is.
+std::string ShellWord(const std::string& text) {
+  static const char kPlain[] =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-+:@%,=";
+  if (text.find_first_not_of(kPlain) == std::string::npos) return text;
+  std::string quoted = "'";
+  for (const char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
 bool SplitAddress(const std::string& entry, uint32_t& host, uint32_t& target) {
   std::vector<std::string_view> parts;
   std::string_view rest(entry);
@@ -216,7 +227,7 @@ bool DiskSubsystemImpl::IsDiskOffline(const std::string& name) {
 }
 
 Common::Error DiskSubsystemImpl::GetScsiSerialID(const String& devicePath, GUID& id) {
-  FILE* stream = POpen(kSerialCommand + Common::ToUtf8(devicePath), "rt");
+  FILE* stream = POpen(kSerialCommand + ShellWord(Common::ToUtf8(devicePath)), "rt");
   if (stream == nullptr)
     return Common::Error(0x530113, Core::FormatString(MessageText(Messages::FailedToGetScsiId), devicePath),
                          AS_LOCATION("GetScsiSerialID", 499));
