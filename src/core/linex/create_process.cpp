@@ -58,6 +58,15 @@ unsigned long OpenMax() {
   return limit > 0 ? static_cast<unsigned long>(limit) : 1024;
 }
 
+// Above every redirection target that a pipe end could take. A target at or beyond
+// the limit can never be a pipe end; the child then fails to duplicate onto it.
+int LowestPipeFd(const std::map<int32_t, FdRedirection>& redirections) {
+  const unsigned long limit = OpenMax();
+  for (auto it = redirections.rbegin(); it != redirections.rend(); ++it)
+    if (static_cast<unsigned long>(it->first) < limit) return std::max(3, it->first + 1);
+  return 3;
+}
+
 }  // namespace
 
 ChildProcess::ChildProcess() = default;
@@ -132,7 +141,7 @@ int32_t ChildProcess::ForkExec() {
   }
   Linex::GetLibcEntries();
 
-  const int lowestPipeFd = std::max(3, Redirections.empty() ? 0 : Redirections.rbegin()->first + 1);
+  const int lowestPipeFd = LowestPipeFd(Redirections);
   for (auto& entry : Redirections) {
     FdRedirection& r = entry.second;
     AS_ASSERT_TEXT_AT(r.Status == FORK_STATUS_BEFORE, "Status == FORK_STATUS_BEFORE", Linex::kLauncherFile, 325);

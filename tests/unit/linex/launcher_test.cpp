@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -109,21 +110,26 @@ TEST(Launcher, SetUpAndExecFailuresExit127) {
     const char* name;
     std::vector<std::string> args;
     std::string workDir;
+    int32_t target;  // a redirected descriptor, or -1
   } cases[] = {
-      {"missing program", {"no-such-program-zl"}, ""},
-      {"missing path", {"/no/such/program"}, ""},
-      {"empty program", {""}, ""},
-      {"long name", {longName}, ""},
-      {"long path", {"/bin/" + longName}, ""},
-      {"directory", {"/tmp"}, ""},
-      {"missing work dir", {"true"}, "/no/such/dir"},
+      {"missing program", {"no-such-program-zl"}, "", -1},
+      {"missing path", {"/no/such/program"}, "", -1},
+      {"empty program", {""}, "", -1},
+      {"long name", {longName}, "", -1},
+      {"long path", {"/bin/" + longName}, "", -1},
+      {"directory", {"/tmp"}, "", -1},
+      {"missing work dir", {"true"}, "/no/such/dir", -1},
+      {"descriptor beyond any limit", {"true"}, "", INT32_MAX},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     ChildProcess child;
     child.Args = c.args;
     child.WorkDir = c.workDir;
+    int parentEnd = -1;
+    if (c.target != -1) child.AddRedirection(c.target, &parentEnd, true);
     ASSERT_NE(child.ForkExec(), -1);
+    if (parentEnd != -1) close(parentEnd);
     EXPECT_EQ(child.Wait(), 127);
   }
   ChildProcess found;  // the same form finds a program on PATH
