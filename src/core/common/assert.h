@@ -27,3 +27,9 @@ AS_EXPORT std::string GetAssertDebugBuffer();
 
 #define AS_ASSERT(expr) \
   ((expr) ? static_cast<void>(0) : ::Common::AssertionFailed(#expr, AS_SOURCE_NAME, __LINE__))
+// A check whose report names a fixed line of this file, so that the report stays the
+// same when the code around it moves.
+#define AS_ASSERT_AT(expr, file, line) AS_ASSERT_TEXT_AT((expr), #expr, file, line)
+// The same with the reported text given apart from the checked expression.
+#define AS_ASSERT_TEXT_AT(expr, text, file, line) \
+  ((expr) ? static_cast<void>(0) : ::Common::AssertionFailed((text), (file), (line)))

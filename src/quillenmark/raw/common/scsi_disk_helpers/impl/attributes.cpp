@@ -3,9 +3,9 @@
 #include <set>
 #include <stdexcept>
 
+#include "core/common/assert.h"
 #include "core/common/message_ids.h"
 #include "core/common/unicode.h"
-#include "core/linex/assert_line_internal.h"
 #include "core/trace/trace_tools.h"
 #include "processor/format/format_string.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/utils.h"

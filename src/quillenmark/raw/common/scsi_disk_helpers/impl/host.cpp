@@ -6,8 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "core/common/assert.h"
 #include "core/common/message_ids.h"
-#include "core/linex/assert_line_internal.h"
 #include "core/include/file/file.h"
 #include "processor/format/format_string.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/utils.h"
