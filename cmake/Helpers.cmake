@@ -21,14 +21,17 @@ function(as_set_source_names root)
   endforeach()
 endfunction()
 
-# as_add_test(NAME SOURCES... [LIBS ...] [LABELS ...] [TIMEOUT n])
+# as_add_test(NAME SOURCES... [LIBS ...] [LABELS ...] [TIMEOUT n] [NO_MAIN])
 # One GoogleTest program, registered with ctest under the given labels ("unit",
-# "machine", "threaded", "vm").
+# "machine", "threaded", "vm"). NO_MAIN: the LIBS bring their own main().
 function(as_add_test name)
-  cmake_parse_arguments(T "" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+  cmake_parse_arguments(T "NO_MAIN" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
   add_executable(${name} ${T_SOURCES})
   as_set_source_names("${PROJECT_SOURCE_DIR}" ${T_SOURCES})
-  target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock GTest::gtest_main as_warnings)
+  target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock as_warnings)
+  if(NOT T_NO_MAIN)
+    target_link_libraries(${name} PRIVATE GTest::gtest_main)
+  endif()
   if(NOT T_TIMEOUT)
     set(T_TIMEOUT 300)
   endif()

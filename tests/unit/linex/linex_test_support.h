@@ -7,6 +7,8 @@
 #include <sstream>
 #include <string>
 
+#include "../../support/descriptors.h"
+
 #include "core/linex/create_process.h"
 
 namespace LinexTest {
@@ -52,13 +54,6 @@ inline std::map<int, std::string> Descriptors(const std::string& text) {
   return fds;
 }
 
-inline int CountOwnFds() {
-  int count = -1;  // the directory itself
-  if (DIR* dir = opendir("/proc/self/fd")) {
-    while (const dirent* entry = readdir(dir)) count += entry->d_name[0] != '.';
-    closedir(dir);
-  }
-  return count;
-}
+using TestSupport::CountOwnFds;
 
 }  // namespace LinexTest

@@ -7,6 +7,8 @@
 
 #include <string>
 
+#include "../../support/descriptors.h"
+
 namespace SyncTest {
 
 inline std::string LockPath(const std::string& name) { return "/tmp/.SharedMutex_" + name; }
@@ -22,13 +24,6 @@ inline bool FileLockHeld(const std::string& name) {
 // A name of this test run's own, so that runs never meet.
 inline std::string UniqueName(const char* what) { return std::string("zl_test_") + what + "_" + std::to_string(getpid()); }
 
-inline int CountOwnFds() {
-  int count = -1;  // the directory itself
-  if (DIR* dir = opendir("/proc/self/fd")) {
-    while (const dirent* entry = readdir(dir)) count += entry->d_name[0] != '.';
-    closedir(dir);
-  }
-  return count;
-}
+using TestSupport::CountOwnFds;
 
 }  // namespace SyncTest
