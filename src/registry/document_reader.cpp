@@ -84,7 +84,7 @@ bool Reader::TextOf(const pugi::xml_node& element, std::string_view& text) {
 bool Reader::DecodedTextOf(const pugi::xml_node& element, String& text) {
   std::string_view raw;
   if (!TextOf(element, raw)) return false;
-  if (!Impl::DecodeText(raw, text)) return Fail(element, "malformed text");
+  if (!Detail::DecodeText(raw, text)) return Fail(element, "malformed text");
   return true;
 }
 
@@ -92,7 +92,7 @@ bool Reader::ReadName(const pugi::xml_node& element, bool required, String& name
   const pugi::xml_attribute attribute = element.attribute("name");
   name.clear();
   if (!attribute) return required ? Fail(element, "a key without a name") : true;
-  if (!Impl::DecodeText(attribute.value(), name)) return Fail(element, "malformed name");
+  if (!Detail::DecodeText(attribute.value(), name)) return Fail(element, "malformed name");
   return true;
 }
 
@@ -193,7 +193,7 @@ bool Reader::ReadKey(const pugi::xml_node& element, KeyNode& key, size_t depth) 
 Common::Error Corrupt(const std::string& path, const Problem& problem) {
   std::string detail = problem.what;
   if (problem.offset >= 0) detail += " at byte " + std::to_string(problem.offset);
-  return Impl::FileError(kErrorFileCorrupt, Messages::RegistryFileCorrupt, path, AS_HERE)
+  return Detail::FileError(kErrorFileCorrupt, Messages::RegistryFileCorrupt, path, AS_HERE)
       .WithCause(Common::Error(kErrorFileFormat, detail.c_str(), AS_HERE));
 }
 

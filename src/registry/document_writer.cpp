@@ -44,11 +44,11 @@ void SetText(pugi::xml_node element, const std::string& text) {
 void WriteValue(pugi::xml_node element, const Value& value) {
   switch (TypeOf(value)) {
     case ValueType::kString:
-      SetText(element, Impl::EncodeText(std::get<String>(value)));
+      SetText(element, Detail::EncodeText(std::get<String>(value)));
       break;
     case ValueType::kMultiString:
       for (const String& text : std::get<MultiString>(value))
-        SetText(element.append_child("string"), Impl::EncodeText(text));
+        SetText(element.append_child("string"), Detail::EncodeText(text));
       break;
     case ValueType::kDword:
       SetText(element, std::to_string(std::get<uint32_t>(value)));
@@ -65,13 +65,13 @@ void WriteValue(pugi::xml_node element, const Value& value) {
 void WriteKey(pugi::xml_node element, const KeyNode& key) {
   for (const auto& [name, value] : key.values) {
     pugi::xml_node child = element.append_child("value");
-    if (!name.empty()) child.append_attribute("name").set_value(Impl::EncodeText(name).c_str());
+    if (!name.empty()) child.append_attribute("name").set_value(Detail::EncodeText(name).c_str());
     child.append_attribute("type").set_value(TypeName(TypeOf(value)));
     WriteValue(child, value);
   }
   for (const auto& [name, sub] : key.children) {
     pugi::xml_node child = element.append_child("key");
-    child.append_attribute("name").set_value(Impl::EncodeText(name).c_str());
+    child.append_attribute("name").set_value(Detail::EncodeText(name).c_str());
     WriteKey(child, *sub);
   }
 }
@@ -84,7 +84,7 @@ std::string SerializeRegistryDocument(const KeyNode& root, const String& rootNam
   declaration.append_attribute("version").set_value("1.0");
   declaration.append_attribute("encoding").set_value("UTF-8");
   pugi::xml_node top = document.append_child("registry");
-  top.append_attribute("root").set_value(Impl::EncodeText(rootName).c_str());
+  top.append_attribute("root").set_value(Detail::EncodeText(rootName).c_str());
   top.append_attribute("version").set_value("1");
   WriteKey(top, root);
 

@@ -13,8 +13,8 @@
 namespace Registry {
 namespace {
 
-using Impl::KeyError;
-using Impl::ValueError;
+using Detail::KeyError;
+using Detail::ValueError;
 
 // The key at `names` below `root`; null when some key on the way is missing.
 template <typename Node>
@@ -39,12 +39,12 @@ std::vector<String> NamesOf(const Map& map) {
 
 bool IsKeyName(const String& name) { return !name.empty() && name.find('\\') == String::npos; }
 
-Impl::RegistryFile FileOf(uint32_t root) { return Impl::RegistryFile(Impl::RootName(root)); }
+Detail::RegistryFile FileOf(uint32_t root) { return Detail::RegistryFile(Detail::RootName(root)); }
 
 }  // namespace
 
 Common::Error Key::OpenPredefined(uint32_t handle, Key& key) {
-  if (Impl::RootName(handle).empty()) {
+  if (Detail::RootName(handle).empty()) {
     char hex[16];
     snprintf(hex, sizeof hex, "0x%08X", handle);
     return KeyError(kErrorInvalidKey, Messages::RegistryInvalidKey, Common::Widen(hex), AS_HERE);
@@ -53,7 +53,7 @@ Common::Error Key::OpenPredefined(uint32_t handle, Key& key) {
   return Common::Error();
 }
 
-String Key::GetPath() const { return IsValid() ? Impl::JoinKeyPath(Impl::RootName(root_), names_) : String(); }
+String Key::GetPath() const { return IsValid() ? Detail::JoinKeyPath(Detail::RootName(root_), names_) : String(); }
 
 Common::Error Key::CheckValid() const {
   if (IsValid()) return Common::Error();
@@ -63,7 +63,7 @@ Common::Error Key::CheckValid() const {
 // This key's names followed by those of `path`.
 Common::Error Key::Below(const String& path, std::vector<String>& names) const {
   std::vector<String> more;
-  if (!Impl::SplitKeyPath(path, more) || names_.size() + more.size() > kMaxKeyDepth) {
+  if (!Detail::SplitKeyPath(path, more) || names_.size() + more.size() > kMaxKeyDepth) {
     String full = GetPath();
     full.push_back('\\');
     return KeyError(kErrorInvalidKeyPath, Messages::RegistryInvalidKeyPath, full + path, AS_HERE);
@@ -97,7 +97,7 @@ Common::Error Key::Open(const String& path, Key& key) const {
   if (Common::Error error = Below(path, names)) return error;
   Common::Error error = Read([&](const KeyNode& root, const KeyNode&) {
     if (Find(root, names) != nullptr) return Common::Error();
-    return KeyError(kErrorKeyNotFound, Messages::RegistryKeyNotFound, Impl::JoinKeyPath(Impl::RootName(root_), names),
+    return KeyError(kErrorKeyNotFound, Messages::RegistryKeyNotFound, Detail::JoinKeyPath(Detail::RootName(root_), names),
                     AS_HERE);
   });
   if (error) return error;
@@ -108,7 +108,7 @@ Common::Error Key::Open(const String& path, Key& key) const {
 Common::Error Key::OpenChild(const String& name, Key& key) const {
   if (Common::Error error = CheckValid()) return error;
   if (!IsKeyName(name))
-    return KeyError(kErrorInvalidKeyPath, Messages::RegistryInvalidKeyPath, Impl::JoinKeyPath(GetPath(), {name}),
+    return KeyError(kErrorInvalidKeyPath, Messages::RegistryInvalidKeyPath, Detail::JoinKeyPath(GetPath(), {name}),
                     AS_HERE);
   return Open(name, key);
 }
@@ -143,7 +143,7 @@ Common::Error Key::EnumerateChildren(std::vector<String>& names) const {
 
 Common::Error Key::DeleteChild(const String& name) const {
   if (Common::Error error = CheckValid()) return error;
-  const String childPath = Impl::JoinKeyPath(GetPath(), {name});
+  const String childPath = Detail::JoinKeyPath(GetPath(), {name});
   if (!IsKeyName(name)) return KeyError(kErrorInvalidKeyPath, Messages::RegistryInvalidKeyPath, childPath, AS_HERE);
   return Change([&](KeyNode& node, bool& changed) {
     if (node.children.erase(name) == 0)

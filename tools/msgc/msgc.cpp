@@ -128,11 +128,11 @@ int main(int argc, char** argv) {
     for (const Message& m : messages) texts.push_back(m.text);
     const std::vector<uint8_t> block = BuildBlock(texts);
     out << "// Generated from the message catalogue; do not edit.\n#include <cstdint>\n\n"
-           "namespace AsInternal {\nalignas(8) extern const uint8_t kDefaultMessageBlock[];\n"
+           "namespace Common::Detail {\nalignas(8) extern const uint8_t kDefaultMessageBlock[];\n"
            "alignas(8) const uint8_t kDefaultMessageBlock["
         << block.size() << "] = {";
     for (size_t i = 0; i < block.size(); ++i) out << (i % 16 ? " " : "\n  ") << int(block[i]) << ",";
-    out << "\n};\n}  // namespace AsInternal\n";
+    out << "\n};\n}  // namespace Common::Detail\n";
   } else if (mode == "binary") {
     if (argc < 5) Fail("binary needs the reference catalogue");
     const std::vector<Message> reference = ReadCatalogue(argv[4]);

@@ -198,7 +198,7 @@ void Init(ErrorImpl* node, uint32_t code, const ErrorKind* kind, const ErrorLoca
 // A node whose text is shared when it lies in the message table, else copied inline.
 ErrorImpl* MakeTexted(uint32_t code, const void* text, size_t unit, const ErrorKind* kind,
                       const ErrorLocation& where) noexcept {
-  if (text != nullptr && AsInternal::IsInCurrentMessageTable(text, 1)) {
+  if (text != nullptr && Common::Detail::IsInCurrentMessageTable(text, 1)) {
     ErrorImpl* node = Allocate(sizeof(ErrorImpl));
     if (node == nullptr) return OutOfMemory();
     Init(node, code, kind, where, sizeof(ErrorImpl));

@@ -12,7 +12,7 @@
 #include "core/common/module_internal.h"
 #include "resource_api.h"
 
-namespace AsInternal {
+namespace Common::Detail {
 alignas(8) extern const uint8_t kDefaultMessageBlock[];
 }
 
@@ -29,10 +29,10 @@ const unsigned short REG_MAC_DIR[] = {'/', 'L', 'i', 'b', 'r', 'a', 'r', 'y', '/
 const unsigned short LIBRARY_MAC_DIR[] = {'/', 'L', 'i', 'b', 'r', 'a', 'r', 'y', '/', 'A', 'p',
                                           'p', 'l', 'i', 'c', 'a', 't', 'i', 'o', 'n', ' ', 'S',
                                           'u', 'p', 'p', 'o', 'r', 't', 0};
-const void* const DefaultTextsBase = AsInternal::kDefaultMessageBlock;
-const void* TextsFromMessageFileBase = AsInternal::kDefaultMessageBlock;
+const void* const DefaultTextsBase = Common::Detail::kDefaultMessageBlock;
+const void* TextsFromMessageFileBase = Common::Detail::kDefaultMessageBlock;
 
-namespace AsInternal {
+namespace Common::Detail {
 namespace {
 
 constexpr uint32_t kMessageTableMagic = 1636;
@@ -137,24 +137,24 @@ void ReloadMessageTable() noexcept {
   SetCurrentTable(DefaultTextsBase);
 }
 
-}  // namespace AsInternal
+}  // namespace Common::Detail
 
 const unsigned short* GetTextFromMessageFile(const TextFromMessageFile& id) {
   static std::once_flag subscribed;
   std::call_once(subscribed, [] {
     const int saved = errno;
-    static AsInternal::Subscription subscription;
-    subscription.handle = ResourceApi::SubscribeLanguageEvents(AsInternal::OnLanguageChange, nullptr);
+    static Common::Detail::Subscription subscription;
+    subscription.handle = ResourceApi::SubscribeLanguageEvents(Common::Detail::OnLanguageChange, nullptr);
     errno = saved;
   });
-  const void* table = AsInternal::CurrentTable();
+  const void* table = Common::Detail::CurrentTable();
   if (table == nullptr) return nullptr;
   // A message file made for an older build may lack newer messages: they keep the
   // built-in text rather than reading past the file.
-  if (id.number >= AsInternal::Word(table, 2)) {
+  if (id.number >= Common::Detail::Word(table, 2)) {
     table = DefaultTextsBase;
-    if (id.number >= AsInternal::Word(table, 2)) return nullptr;
+    if (id.number >= Common::Detail::Word(table, 2)) return nullptr;
   }
-  const auto* entry = static_cast<const uint8_t*>(table) + 4 * (AsInternal::kHeaderWords + id.number);
-  return reinterpret_cast<const unsigned short*>(entry + AsInternal::Word(entry, 0));
+  const auto* entry = static_cast<const uint8_t*>(table) + 4 * (Common::Detail::kHeaderWords + id.number);
+  return reinterpret_cast<const unsigned short*>(entry + Common::Detail::Word(entry, 0));
 }

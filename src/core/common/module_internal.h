@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace AsInternal {
+namespace Common::Detail {
 
 // Whether [p, p + bytes) lies inside the message table in use.
 bool IsInCurrentMessageTable(const void* p, size_t bytes) noexcept;
@@ -15,4 +15,4 @@ bool IsValidMessageTable(const void* data, size_t size) noexcept;
 // table. Called at load and on every language change.
 void ReloadMessageTable() noexcept;
 
-}  // namespace AsInternal
+}  // namespace Common::Detail

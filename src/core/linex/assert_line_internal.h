@@ -3,7 +3,7 @@
 // that a report reads the same whichever file holds the check.
 #include "core/common/assert.h"
 
-namespace Linex {
+namespace LinuxEx::Detail {
 constexpr const char* kLauncherFile = "core/linex/create_process";
 constexpr const char* kShellFile = "core/linex/linux_misc";
-}  // namespace Linex
+}  // namespace LinuxEx::Detail

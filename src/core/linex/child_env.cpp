@@ -1,6 +1,6 @@
 #include "core/linex/child_env_internal.h"
 
-namespace Linex {
+namespace LinuxEx::Detail {
 
 std::string_view EnvName(std::string_view entry) { return entry.substr(0, entry.find('=')); }
 
@@ -31,4 +31,4 @@ std::vector<std::string> BuildChildEnvironment(char* const* parent, bool inherit
   return result;
 }
 
-}  // namespace Linex
+}  // namespace LinuxEx::Detail

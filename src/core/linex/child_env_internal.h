@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-namespace Linex {
+namespace LinuxEx::Detail {
 
 // The name of an environment entry or override: the text before the first "=".
 std::string_view EnvName(std::string_view entry);
@@ -16,4 +16,4 @@ std::string_view EnvName(std::string_view entry);
 std::vector<std::string> BuildChildEnvironment(char* const* parent, bool inherit,
                                                const std::vector<std::string>& overrides);
 
-}  // namespace Linex
+}  // namespace LinuxEx::Detail

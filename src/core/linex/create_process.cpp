@@ -73,7 +73,7 @@ ChildProcess::ChildProcess() = default;
 
 ChildProcess::~ChildProcess() {
   if (WaitRequired && Pid != -1 && !Reaped_) {
-    AS_ASSERT_AT(!"Wait() method is not called", Linex::kLauncherFile, 509);
+    AS_ASSERT_AT(!"Wait() method is not called", LinuxEx::Detail::kLauncherFile, 509);
     WaitProcess(Pid);
     Pid = -1;
   }
@@ -84,9 +84,9 @@ ChildProcess::~ChildProcess() {
 }
 
 void ChildProcess::SetEnv(const std::string& entry) {
-  const std::string_view name = Linex::EnvName(entry);
+  const std::string_view name = LinuxEx::Detail::EnvName(entry);
   for (std::string& existing : Env) {
-    if (Linex::EnvName(existing) == name) {
+    if (LinuxEx::Detail::EnvName(existing) == name) {
       existing = entry;
       return;
     }
@@ -95,8 +95,8 @@ void ChildProcess::SetEnv(const std::string& entry) {
 }
 
 void ChildProcess::AddRedirection(int32_t fd, int32_t* newFd, bool output) {
-  AS_ASSERT_TEXT_AT(newFd, "NewFd", Linex::kLauncherFile, 273);
-  AS_ASSERT_TEXT_AT(fd >= 0, "Fd >= 0", Linex::kLauncherFile, 274);
+  AS_ASSERT_TEXT_AT(newFd, "NewFd", LinuxEx::Detail::kLauncherFile, 273);
+  AS_ASSERT_TEXT_AT(fd >= 0, "Fd >= 0", LinuxEx::Detail::kLauncherFile, 274);
   if (newFd == nullptr || fd < 0) return;
   FdRedirection r;
   r.Fd = fd;
@@ -125,27 +125,27 @@ void ChildProcess::CleanupRedirections() {
         break;
       }
       default:
-        AS_ASSERT_AT(!"Unknown status", Linex::kLauncherFile, 306);
+        AS_ASSERT_AT(!"Unknown status", LinuxEx::Detail::kLauncherFile, 306);
     }
   }
 }
 
 int32_t ChildProcess::ForkExec() {
   if (Pid != -1) {
-    AS_ASSERT_AT(!"process already running", Linex::kLauncherFile, 581);
+    AS_ASSERT_AT(!"process already running", LinuxEx::Detail::kLauncherFile, 581);
     return Pid;
   }
   if (CmdLine.empty() == Args.empty()) {
-    AS_ASSERT_AT(!"both cmdline and args is set or empty", Linex::kLauncherFile, 587);
+    AS_ASSERT_AT(!"both cmdline and args is set or empty", LinuxEx::Detail::kLauncherFile, 587);
     return -1;
   }
-  Linex::GetLibcEntries();
+  LinuxEx::Detail::GetLibcEntries();
 
   const int lowestPipeFd = LowestPipeFd(Redirections);
   for (auto& entry : Redirections) {
     FdRedirection& r = entry.second;
-    AS_ASSERT_TEXT_AT(r.Status == FORK_STATUS_BEFORE, "Status == FORK_STATUS_BEFORE", Linex::kLauncherFile, 325);
-    AS_ASSERT_TEXT_AT(r.Pipe[0] == -1 && r.Pipe[1] == -1, "Pipe[0] == -1 && Pipe[1] == -1", Linex::kLauncherFile,
+    AS_ASSERT_TEXT_AT(r.Status == FORK_STATUS_BEFORE, "Status == FORK_STATUS_BEFORE", LinuxEx::Detail::kLauncherFile, 325);
+    AS_ASSERT_TEXT_AT(r.Pipe[0] == -1 && r.Pipe[1] == -1, "Pipe[0] == -1 && Pipe[1] == -1", LinuxEx::Detail::kLauncherFile,
                       326);
     if (!MakePipe(r.Pipe, lowestPipeFd)) {
       CleanupRedirections();
@@ -167,14 +167,14 @@ int32_t ChildProcess::ForkExec() {
     ReportPath = path;
     overrides.push_back(std::string(kReportVariable) + "=" + ReportPath);
   }
-  std::vector<std::string> environment = Linex::BuildChildEnvironment(environ, InheritEnv, overrides);
+  std::vector<std::string> environment = LinuxEx::Detail::BuildChildEnvironment(environ, InheritEnv, overrides);
   std::vector<char*> envp;
   envp.reserve(environment.size() + 1);
   for (std::string& e : environment) envp.push_back(&e[0]);
   envp.push_back(nullptr);
 
   std::vector<char*> argv;
-  Linex::SpawnPlan plan;
+  LinuxEx::Detail::SpawnPlan plan;
   char searchPath[kPathMax + 2];
   if (!CmdLine.empty()) {
     argv = {const_cast<char*>(kShell), const_cast<char*>("-c"), &CmdLine[0], nullptr};
@@ -186,7 +186,7 @@ int32_t ChildProcess::ForkExec() {
     plan.searchPath = SearchPath(searchPath);
   }
 
-  std::vector<Linex::SpawnPlan::Dup> dups;
+  std::vector<LinuxEx::Detail::SpawnPlan::Dup> dups;
   std::vector<int> parentEnds;
   for (const auto& entry : Redirections) {
     const FdRedirection& r = entry.second;
@@ -206,7 +206,7 @@ int32_t ChildProcess::ForkExec() {
   plan.argv = argv.data();
   plan.envp = envp.data();
 
-  const pid_t pid = Linex::SpawnChild(plan);
+  const pid_t pid = LinuxEx::Detail::SpawnChild(plan);
   if (pid == -1) {
     CleanupRedirections();
     return -1;
@@ -236,7 +236,7 @@ int32_t ChildProcess::WaitProcess(int32_t pid) {
 
 int ChildProcess::ExecSearchPath(const char* file, char* const argv[], char* const envp[]) {
   char fallback[kPathMax + 2];
-  const int err = Linex::ExecSearch(file, SearchPath(fallback), argv, envp);
+  const int err = LinuxEx::Detail::ExecSearch(file, SearchPath(fallback), argv, envp);
   errno = err;
   return -1;
 }

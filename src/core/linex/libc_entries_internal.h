@@ -3,7 +3,7 @@
 // interposed versions (sanitizers, preloaded libraries) are bypassed.
 #include <cstdio>
 
-namespace Linex {
+namespace LinuxEx::Detail {
 
 struct LibcEntries {
   int (*close)(int) = nullptr;
@@ -14,4 +14,4 @@ struct LibcEntries {
 // Resolved on first use, thread-safe; an entry that cannot be found is null.
 const LibcEntries& GetLibcEntries() noexcept;
 
-}  // namespace Linex
+}  // namespace LinuxEx::Detail

@@ -35,7 +35,7 @@ int StartProcess(const char* cmdLine, bool stripLoaderVars, int* stdinFd, int* s
   child.CreateReportFile = false;
   child.KeepStdFds = false;
   if (stdinFd != nullptr && stdoutFd != nullptr && *stdinFd == *stdoutFd) {
-    AS_ASSERT_AT(!"fd of input and output should be different", Linex::kLauncherFile, 432);
+    AS_ASSERT_AT(!"fd of input and output should be different", LinuxEx::Detail::kLauncherFile, 432);
     return -1;
   }
   if (stdinFd != nullptr) child.AddRedirection(*stdinFd, stdinFd, false);
@@ -74,7 +74,7 @@ int PClose(FILE* stream) {
   std::unique_lock<std::mutex> lock(registry.mutex);
   const auto found = registry.children.find(stream);
   if (found == registry.children.end()) {
-    AS_ASSERT_AT(!"ERROR file descriptor was not created by POpen", Linex::kShellFile, 504);
+    AS_ASSERT_AT(!"ERROR file descriptor was not created by POpen", LinuxEx::Detail::kShellFile, 504);
     return -1;
   }
   const int pid = found->second;

@@ -48,7 +48,7 @@ void Apply(ClosePolicy policy) {
 
 }  // namespace
 
-namespace Linex {
+namespace LinuxEx::Detail {
 
 const LibcEntries& GetLibcEntries() noexcept {
   static const LibcEntries entries = [] {
@@ -69,10 +69,10 @@ const LibcEntries& GetLibcEntries() noexcept {
   return entries;
 }
 
-}  // namespace Linex
+}  // namespace LinuxEx::Detail
 
 int ChildProcess::SafeClose(int fd) {
-  auto entry = Linex::GetLibcEntries().close;
+  auto entry = LinuxEx::Detail::GetLibcEntries().close;
   if (entry == nullptr) {
     Apply(gPolicy.onMissingEntry);
     entry = ::close;
@@ -88,7 +88,7 @@ int ChildProcess::SafeFclose(FILE* stream) {
     Apply(gPolicy.onBadClose);
     return EOF;
   }
-  auto entry = Linex::GetLibcEntries().fclose;
+  auto entry = LinuxEx::Detail::GetLibcEntries().fclose;
   if (entry == nullptr) {
     Apply(gPolicy.onMissingEntry);
     entry = ::fclose;

@@ -25,7 +25,7 @@
 
 #define AS_CHILD_CODE __attribute__((no_sanitize("address", "thread", "undefined"), noinline))
 
-namespace Linex {
+namespace LinuxEx::Detail {
 namespace {
 
 constexpr size_t kChildStackSize = 128 * 1024;
@@ -211,4 +211,4 @@ pid_t SpawnChild(const SpawnPlan& plan) {
   return pid;
 }
 
-}  // namespace Linex
+}  // namespace LinuxEx::Detail

@@ -6,7 +6,7 @@
 
 #include <cstddef>
 
-namespace Linex {
+namespace LinuxEx::Detail {
 
 struct SpawnPlan {
   struct Dup {
@@ -37,4 +37,4 @@ pid_t SpawnChild(const SpawnPlan& plan);
 // Safe in the vfork-style child: no allocation, no locks, no library state.
 int ExecSearch(const char* file, const char* searchPath, char* const argv[], char* const envp[]);
 
-}  // namespace Linex
+}  // namespace LinuxEx::Detail

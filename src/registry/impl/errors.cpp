@@ -3,7 +3,7 @@
 #include "core/common/unicode.h"
 
 namespace Registry {
-namespace Impl {
+namespace Detail {
 namespace {
 
 String Fill(TextFromMessageFile message, const String& subject) {
@@ -32,5 +32,5 @@ Common::Error ValueError(uint32_t code, TextFromMessageFile message, const Strin
   return Common::Error(code, Fill(message, valueName), where, {{"Value", Common::ToUtf8(valueName)}});
 }
 
-}  // namespace Impl
+}  // namespace Detail
 }  // namespace Registry

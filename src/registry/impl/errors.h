@@ -8,7 +8,7 @@
 #include "core/common/message_text.h"
 
 namespace Registry {
-namespace Impl {
+namespace Detail {
 
 Common::Error FileError(uint32_t code, TextFromMessageFile message, const std::string& path,
                         const Common::ErrorLocation& where);
@@ -17,5 +17,5 @@ Common::Error KeyError(uint32_t code, TextFromMessageFile message, const String&
 Common::Error ValueError(uint32_t code, TextFromMessageFile message, const String& valueName,
                          const Common::ErrorLocation& where);
 
-}  // namespace Impl
+}  // namespace Detail
 }  // namespace Registry

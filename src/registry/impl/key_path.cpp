@@ -4,7 +4,7 @@
 #include "registry/roots.h"
 
 namespace Registry {
-namespace Impl {
+namespace Detail {
 
 String RootName(uint32_t handle) {
   switch (handle) {
@@ -39,5 +39,5 @@ String JoinKeyPath(String base, const std::vector<String>& names) {
   return base;
 }
 
-}  // namespace Impl
+}  // namespace Detail
 }  // namespace Registry

@@ -6,7 +6,7 @@
 #include "core/common/ustring.h"
 
 namespace Registry {
-namespace Impl {
+namespace Detail {
 
 // "HKEY_LOCAL_MACHINE" for 0x80000002 and so on; empty for any other handle.
 String RootName(uint32_t handle);
@@ -18,5 +18,5 @@ bool SplitKeyPath(const String& path, std::vector<String>& names);
 // `base` followed by "\" and each name.
 String JoinKeyPath(String base, const std::vector<String>& names);
 
-}  // namespace Impl
+}  // namespace Detail
 }  // namespace Registry

@@ -14,7 +14,7 @@
 #include "registry/impl/errors.h"
 
 namespace Registry {
-namespace Impl {
+namespace Detail {
 namespace {
 
 // Registry files are small; anything bigger is not one of ours.
@@ -166,5 +166,5 @@ Common::Error RegistryFile::Replace(const std::string& document, unsigned mode) 
   return Common::Error();
 }
 
-}  // namespace Impl
+}  // namespace Detail
 }  // namespace Registry

@@ -15,7 +15,7 @@
 #include "registry/document.h"
 
 namespace Registry {
-namespace Impl {
+namespace Detail {
 
 class RegistryFile {
  public:
@@ -39,5 +39,5 @@ class RegistryFile {
   std::string tempPath_;
 };
 
-}  // namespace Impl
+}  // namespace Detail
 }  // namespace Registry

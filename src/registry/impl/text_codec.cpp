@@ -7,7 +7,7 @@
 #include "core/common/unicode.h"
 
 namespace Registry {
-namespace Impl {
+namespace Detail {
 namespace {
 
 constexpr char kHex[] = "0123456789ABCDEF";
@@ -94,5 +94,5 @@ bool DecodeText(std::string_view utf8, String& text) {
   return true;
 }
 
-}  // namespace Impl
+}  // namespace Detail
 }  // namespace Registry

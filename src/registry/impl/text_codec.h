@@ -12,10 +12,10 @@
 #include "core/common/ustring.h"
 
 namespace Registry {
-namespace Impl {
+namespace Detail {
 
 std::string EncodeText(const String& text);
 bool DecodeText(std::string_view utf8, String& text);
 
-}  // namespace Impl
+}  // namespace Detail
 }  // namespace Registry

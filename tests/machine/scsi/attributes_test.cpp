@@ -12,7 +12,7 @@
 namespace {
 
 using Common::Str;
-using SCSI::Impl::DiskAttributes;
+using SCSI::Detail::DiskAttributes;
 
 const String kTemporary = Str(u"Temporary");
 
@@ -25,7 +25,7 @@ GUID Id(const char* text) {
 // Writes a record the way the appliance's other programs do.
 void Record(const String& name, const Registry::Value& value) {
   Registry::Key record;
-  ASSERT_FALSE(SCSI::Impl::OpenAttributesRoot().CreateKeyRecursive(name, record));
+  ASSERT_FALSE(SCSI::Detail::OpenAttributesRoot().CreateKeyRecursive(name, record));
   ASSERT_FALSE(record.SetValue(String(), value));
 }
 
@@ -73,14 +73,14 @@ TEST(DiskAttributes, HowRecordsRead) {
     AssertRecorder asserts;
     TraceRecorder traces;
     DiskAttributes attributes{{Str(u"stale"), Str(u"x")}};
-    EXPECT_FALSE(SCSI::Impl::LoadDiskAttributes(kDisk, attributes));
+    EXPECT_FALSE(SCSI::Detail::LoadDiskAttributes(kDisk, attributes));
     EXPECT_EQ(c.expected, attributes);
     if (c.assertion)
       EXPECT_EQ(std::vector<std::string>{c.assertion}, asserts.Texts());
     else
       EXPECT_TRUE(asserts.Texts().empty());
     EXPECT_TRUE(traces.Events().empty());
-    const auto temporary = SCSI::Impl::GetDiskAttributes(kDisk, kTemporary);
+    const auto temporary = SCSI::Detail::GetDiskAttributes(kDisk, kTemporary);
     if (c.expected.count(kTemporary))
       EXPECT_EQ(c.expected.at(kTemporary), temporary.value_or(Str(u"absent")));
     else
@@ -92,15 +92,15 @@ TEST(DiskAttributes, UnreadableRecordsAnswerAbsent) {
   AS_FAKE_MACHINE(m);
   m.Build();
   Registry::Key record;
-  ASSERT_FALSE(SCSI::Impl::OpenAttributesRoot().CreateKeyRecursive(kDisk.ToWideString(), record));
+  ASSERT_FALSE(SCSI::Detail::OpenAttributesRoot().CreateKeyRecursive(kDisk.ToWideString(), record));
   // A record without a default value cannot be read: the error says which disk.
   DiskAttributes attributes;
-  const Common::Error e = SCSI::Impl::LoadDiskAttributes(kDisk, attributes);
+  const Common::Error e = SCSI::Detail::LoadDiskAttributes(kDisk, attributes);
   EXPECT_EQ(0x530040u, e.GetCode());
   EXPECT_EQ("Failed to get attributes for hard disk '6000C29A-1B2C-3D4E-5F60-718293A4B5C6'.",
             Common::ToUtf8(e.GetText()));
   EXPECT_TRUE(e.GetCause());
-  EXPECT_FALSE(SCSI::Impl::GetDiskAttributes(kDisk, kTemporary));
+  EXPECT_FALSE(SCSI::Detail::GetDiskAttributes(kDisk, kTemporary));
 }
 
 std::string Slurp(const std::string& path) {
@@ -121,14 +121,14 @@ TEST(DiskAttributes, SyncDropsOrphansInOrderWithOneTraceEach) {
   SCSI::Disk disk;
   disk.id = present;
   TraceRecorder traces;
-  SCSI::Impl::SyncDisksAttributes({disk});
+  SCSI::Detail::SyncDisksAttributes({disk});
   std::vector<String> left;
-  ASSERT_FALSE(SCSI::Impl::OpenAttributesRoot().EnumerateChildren(left));
+  ASSERT_FALSE(SCSI::Detail::OpenAttributesRoot().EnumerateChildren(left));
   EXPECT_EQ(std::vector<String>{present.ToWideString()}, left);  // the lower-case twin was an orphan
   EXPECT_EQ(3u, traces.Containing("Dropping orphaned attribute node.").size());
 
-  SCSI::Impl::SyncDisksAttributes({});
-  ASSERT_FALSE(SCSI::Impl::OpenAttributesRoot().EnumerateChildren(left));
+  SCSI::Detail::SyncDisksAttributes({});
+  ASSERT_FALSE(SCSI::Detail::OpenAttributesRoot().EnumerateChildren(left));
   EXPECT_TRUE(left.empty());
   EXPECT_EQ(4u, traces.Containing("Dropping orphaned attribute node.").size());
 }
@@ -143,9 +143,9 @@ TEST(DiskAttributes, ACorruptRegistryFailsSyncAndStaysAsItWas) {
   text.resize(text.size() / 2);
   m.WriteFile(file, text);
 
-  EXPECT_FALSE(SCSI::Impl::GetDiskAttributes(kDisk, kTemporary));
+  EXPECT_FALSE(SCSI::Detail::GetDiskAttributes(kDisk, kTemporary));
   try {
-    SCSI::Impl::SyncDisksAttributes({});
+    SCSI::Detail::SyncDisksAttributes({});
     ADD_FAILURE() << "a corrupt registry cannot be synchronised";
   } catch (const Common::Error& e) {
     EXPECT_EQ(0x530040u, e.GetCode());

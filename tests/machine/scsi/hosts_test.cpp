@@ -9,7 +9,7 @@
 namespace {
 
 using namespace FakeMachineTesting;
-using SCSI::Impl::HostTable;
+using SCSI::Detail::HostTable;
 
 TEST(ScsiHosts, EveryKnownDriverGetsItsKind) {
   const std::vector<std::pair<std::string, int>> drivers = {
@@ -19,7 +19,7 @@ TEST(ScsiHosts, EveryKnownDriverGetsItsKind) {
   for (size_t i = 0; i < drivers.size(); ++i) m.Host(static_cast<unsigned>(i), drivers[i].first);
   m.Build();
   HostTable hosts;
-  SCSI::Impl::EnumerateHosts(hosts);
+  SCSI::Detail::EnumerateHosts(hosts);
   ASSERT_EQ(drivers.size(), hosts.size());
   for (size_t i = 0; i < drivers.size(); ++i) {
     SCOPED_TRACE(drivers[i].first);
@@ -34,8 +34,8 @@ TEST(ScsiHosts, UnknownDriversAreLeftOutAndReportedOnce) {
   m.HostWithoutProcName(6);
   m.Build();
   HostTable hosts{{99, SCSI::HostTypeAhci}};  // replaced, not merged
-  SCSI::Impl::EnumerateHosts(hosts);
-  SCSI::Impl::EnumerateHosts(hosts);
+  SCSI::Detail::EnumerateHosts(hosts);
+  SCSI::Detail::EnumerateHosts(hosts);
   EXPECT_EQ((HostTable{{0, SCSI::HostTypeAtaPiix}, {10, SCSI::HostTypeAtaPiix}}), hosts);
   // Once per process for unknown drivers (this program's only such test), every time
   // for a host without proc_name.
@@ -50,7 +50,7 @@ TEST(ScsiHosts, NoHostDirectoryMeansNoHosts) {
   AS_FAKE_MACHINE(m);
   m.Build();
   HostTable hosts{{1, SCSI::HostTypeAhci}};
-  SCSI::Impl::EnumerateHosts(hosts);
+  SCSI::Detail::EnumerateHosts(hosts);
   EXPECT_TRUE(hosts.empty());
 }
 
@@ -58,10 +58,10 @@ TEST(ScsiHosts, RefreshWritesTheScanCommand) {
   AS_FAKE_MACHINE(m);
   m.Host(3, "virtio_scsi\n");
   m.Build();
-  SCSI::Impl::RefreshHost(3);
+  SCSI::Detail::RefreshHost(3);
   EXPECT_EQ("- - -\n", m.ReadFile("/sys/class/scsi_host/host3/scan"));
   try {
-    SCSI::Impl::RefreshHost(4);
+    SCSI::Detail::RefreshHost(4);
     FAIL() << "no host4";
   } catch (const Common::Error& e) {
     EXPECT_EQ(0x530040u, e.GetCode());

@@ -17,13 +17,13 @@
 
 namespace {
 
-using SCSI::Impl::AttachedHandler;
-using SCSI::Impl::DiskNotificationProxy;
+using SCSI::Detail::AttachedHandler;
+using SCSI::Detail::DiskNotificationProxy;
 using Device = std::pair<uint32_t, uint32_t>;
 
 // Records what it is offered and claims one device. Only SCSI disk numbers (major 8)
 // are kept: the host's own kernel may announce its loop devices meanwhile.
-class Recorder : public SCSI::Impl::DiskSubsystemHandler {
+class Recorder : public SCSI::Detail::DiskSubsystemHandler {
  public:
   explicit Recorder(Device mine = {0, 0}) : mine_(mine) {}
   bool Execute(uint32_t timeout) override { return event_.Wait(timeout); }
@@ -89,7 +89,7 @@ TEST(Notifications, RemoveWaitsForItsOwnDevice) {
   m.Host(2, "virtio_scsi\n");
   m.Disk("sdc").At(2, 0, 2, 0);
   m.Build();
-  auto handler = std::make_shared<SCSI::Impl::RemoveDiskHandler>(Common::Str(u"sdc"), 8, 32);
+  auto handler = std::make_shared<SCSI::Detail::RemoveDiskHandler>(Common::Str(u"sdc"), 8, 32);
   AttachedHandler attached(handler);
   auto proxy = DiskNotificationProxy::Obtain();
 
@@ -110,7 +110,7 @@ TEST(Notifications, AddClaimsTheDiskAtItsAddressAndKeepsTheFirstAnswer) {
   dsk_supp::UnixVolID expected;
   expected.ScsiHost = 2;
   expected.ScsiTarget = 3;
-  auto handler = std::make_shared<SCSI::Impl::AddDiskHandler>(expected);
+  auto handler = std::make_shared<SCSI::Detail::AddDiskHandler>(expected);
   auto behind = std::make_shared<Recorder>();
   AttachedHandler attachedHandler(handler);
   AttachedHandler attachedBehind(behind);

@@ -46,9 +46,9 @@ TEST(ChildEnvironment, Rules) {
   for (Case& c : cases) {
     SCOPED_TRACE(c.name);
     auto env = Environ(c.parent);
-    EXPECT_EQ(Linex::BuildChildEnvironment(env.data(), c.inherit, c.overrides), c.expected);
+    EXPECT_EQ(LinuxEx::Detail::BuildChildEnvironment(env.data(), c.inherit, c.overrides), c.expected);
   }
-  EXPECT_EQ(Linex::BuildChildEnvironment(nullptr, true, {"A=1"}), Strings{"A=1"});
+  EXPECT_EQ(LinuxEx::Detail::BuildChildEnvironment(nullptr, true, {"A=1"}), Strings{"A=1"});
 }
 
 TEST(ChildEnvironment, ReachesTheChild) {

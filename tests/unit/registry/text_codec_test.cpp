@@ -6,8 +6,8 @@
 
 namespace {
 
-using Registry::Impl::DecodeText;
-using Registry::Impl::EncodeText;
+using Registry::Detail::DecodeText;
+using Registry::Detail::EncodeText;
 
 TEST(RegistryTextCodec, RefusesMalformedText) {
   const char* cases[] = {

@@ -12,8 +12,8 @@
 
 namespace {
 
-using SCSI::Impl::ReadFile;
-using SCSI::Impl::WriteCommand;
+using SCSI::Detail::ReadFile;
+using SCSI::Detail::WriteCommand;
 
 TEST(SysfsHelpers, ReadFileStopsAtTheLimit) {
   char path[] = "/tmp/as_stateXXXXXX";

@@ -19,16 +19,16 @@ AS_EXPORT void Log(const _log_line_tag& tag, int level, const char* component, c
 AS_EXPORT void VLog(const _log_line_tag& tag, int level, const char* component, const char* format,
                     va_list args) __attribute__((format(printf, 4, 0)));
 
-namespace LogDetail {
+namespace Logging::Detail {
 inline _log_line_tag MakeTag(const char* file, const char* function, int line) {
   _log_line_tag tag{};
   Logging_BuildLineTag(&tag, file, function, line);
   return tag;
 }
-}  // namespace LogDetail
+}  // namespace Logging::Detail
 
 #define AS_LOG(level, ...)                                                                             \
   do {                                                                                                 \
-    static const _log_line_tag as_log_tag_ = ::LogDetail::MakeTag(__FILE__, __PRETTY_FUNCTION__, __LINE__); \
+    static const _log_line_tag as_log_tag_ = ::Logging::Detail::MakeTag(__FILE__, __PRETTY_FUNCTION__, __LINE__); \
     ::Log(as_log_tag_, (level), nullptr, __VA_ARGS__);                                                 \
   } while (0)

@@ -13,7 +13,7 @@
 #include "resource_api.h"
 
 namespace SCSI {
-namespace Impl {
+namespace Detail {
 namespace {
 
 constexpr int32_t kTraceCode = 83;
@@ -95,5 +95,5 @@ void SyncDisksAttributes(const std::vector<Disk>& disks) {
   }
 }
 
-}  // namespace Impl
+}  // namespace Detail
 }  // namespace SCSI

@@ -14,7 +14,7 @@
 #include "registry/key.h"
 
 namespace SCSI {
-namespace Impl {
+namespace Detail {
 
 using DiskAttributes = std::map<String, String>;
 
@@ -32,5 +32,5 @@ std::optional<String> GetDiskAttributes(const GUID& id, const String& name);
 // Deletes the record of every disk not in `disks`. Throws 0x530040 with the cause.
 void SyncDisksAttributes(const std::vector<Disk>& disks);
 
-}  // namespace Impl
+}  // namespace Detail
 }  // namespace SCSI

@@ -32,7 +32,7 @@ DiskSubsystem::~DiskSubsystem() = default;
 
 namespace {
 
-using Impl::MessageText;
+using Detail::MessageText;
 
 constexpr int32_t kTraceCode = 83;
 constexpr uint32_t kErrorDisk = 0x530040;
@@ -78,8 +78,8 @@ Common::Error InvalidWalk(const Common::ErrorLocation& where, FileSystem::Direct
 
 // Starts a change and waits for the kernel to report it, with the handler attached
 // to the notification proxy for exactly that long.
-bool WaitForChange(const std::shared_ptr<Impl::DiskSubsystemHandler>& handler) {
-  Impl::AttachedHandler attached(handler);
+bool WaitForChange(const std::shared_ptr<Detail::DiskSubsystemHandler>& handler) {
+  Detail::AttachedHandler attached(handler);
   return handler->Execute(kChangeTimeoutMs);
 }
 
@@ -100,7 +100,7 @@ bool SplitAddress(const std::string& entry, uint32_t& host, uint32_t& target) {
   for (size_t colon; (colon = rest.find(':')) != std::string_view::npos; rest.remove_prefix(colon + 1))
     parts.push_back(rest.substr(0, colon));
   parts.push_back(rest);
-  return parts.size() == 4 && Impl::ParseUnsigned(parts[0], host) && Impl::ParseUnsigned(parts[2], target);
+  return parts.size() == 4 && Detail::ParseUnsigned(parts[0], host) && Detail::ParseUnsigned(parts[2], target);
 }
 
 class DiskSubsystemImpl : public DiskSubsystem, public std::enable_shared_from_this<DiskSubsystemImpl> {
@@ -140,14 +140,14 @@ std::shared_ptr<Common::SharedMutex> DiskSubsystemImpl::Lock() {
 
 Common::Error DiskSubsystemImpl::Refresh() {
   try {
-    Impl::HostTable hosts;
-    Impl::EnumerateHosts(hosts);
-    for (const auto& host : hosts) Impl::RefreshHost(host.first);
+    Detail::HostTable hosts;
+    Detail::EnumerateHosts(hosts);
+    for (const auto& host : hosts) Detail::RefreshHost(host.first);
     std::vector<Disk> disks;
     if (Common::Error e = Enumerate(disks)) throw e;
     for (const Disk& disk : disks) {
       const std::string rescan = Core::FormatString("/sys/block/{0}/device/rescan", disk.name);
-      if (Common::Error e = Impl::WriteCommand(rescan, "- - -\n")) throw e;
+      if (Common::Error e = Detail::WriteCommand(rescan, "- - -\n")) throw e;
     }
     return Common::Error();
   } catch (const Common::Error& e) {
@@ -167,8 +167,8 @@ Common::Error DiskSubsystemImpl::Enumerate(std::vector<Disk>& disks) {
 }
 
 void DiskSubsystemImpl::EnumerateDisks(std::vector<Disk>& out) {
-  Impl::HostTable hosts;
-  Impl::EnumerateHosts(hosts);
+  Detail::HostTable hosts;
+  Detail::EnumerateHosts(hosts);
   std::vector<Disk> disks;
   std::unique_ptr<FileSystem::Directory> blocks = FileSystem::Directory::Open("/sys/block");
   if (!blocks) {
@@ -204,7 +204,7 @@ void DiskSubsystemImpl::EnumerateDisks(std::vector<Disk>& out) {
         throw InvalidWalk(AS_LOCATION("Enumerate", 401), *addresses);
       continue;
     }
-    disk.readable = !IsDiskOffline(entry.name) && Impl::ReadFile(kDevPrefix + entry.name, buffer, 512) == 512;
+    disk.readable = !IsDiskOffline(entry.name) && Detail::ReadFile(kDevPrefix + entry.name, buffer, 512) == 512;
     disks.push_back(std::move(disk));
   }
   if (blocks->Status() != FileSystem::kStatusEndOfDirectory) throw InvalidWalk(AS_LOCATION("Enumerate", 384), *blocks);
@@ -214,7 +214,7 @@ void DiskSubsystemImpl::EnumerateDisks(std::vector<Disk>& out) {
 
 bool DiskSubsystemImpl::IsDiskOffline(const std::string& name) {
   std::vector<uint8_t> buffer;
-  const size_t count = Impl::ReadFile(Common::ToUtf8(Core::FormatString(kStatePattern, name)), buffer, 32);
+  const size_t count = Detail::ReadFile(Common::ToUtf8(Core::FormatString(kStatePattern, name)), buffer, 32);
   const std::string state(reinterpret_cast<const char*>(buffer.data()), count);
   if (state.find(kOffline) != std::string::npos) return true;
   if (state.find(kRunning) == std::string::npos) {
@@ -267,7 +267,7 @@ Common::Error DiskSubsystemImpl::AddDisk(const Disk& disk, String& name) {
     dsk_supp::UnixVolID expected;
     expected.ScsiHost = disk.host;
     expected.ScsiTarget = disk.target;
-    auto handler = std::make_shared<Impl::AddDiskHandler>(expected);
+    auto handler = std::make_shared<Detail::AddDiskHandler>(expected);
     OperationTimer timer("DiskSubsystemImpl::AddDisk");
     if (!WaitForChange(handler))
       throw Common::Error(kErrorDisk, MessageText(Messages::CannotFindAttachedDisks), AS_LOCATION("AddDisk", 447));
@@ -290,7 +290,7 @@ Common::Error DiskSubsystemImpl::RemoveDisk(const Disk& disk) {
     if (!dsk_supp::IndexbyDevName(volume, dsk_supp::mt_disk, index) ||
         !dsk_supp::VolIDbyIndex(index, dsk_supp::mt_disk, volume))
       throw Common::Error(kErrorDisk, MessageText(Messages::CannotFindAttachedDisks), AS_LOCATION("RemoveDisk", 474));
-    auto handler = std::make_shared<Impl::RemoveDiskHandler>(disk.name, volume.Major, volume.Minor);
+    auto handler = std::make_shared<Detail::RemoveDiskHandler>(disk.name, volume.Major, volume.Minor);
     OperationTimer timer("DiskSubsystemImpl::RemoveDisk");
     if (!WaitForChange(handler))
       throw Common::Error(kErrorDisk, MessageText(Messages::DiskSubsystemUpdateTimedOut), AS_LOCATION("RemoveDisk", 483));

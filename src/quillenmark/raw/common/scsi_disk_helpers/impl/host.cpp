@@ -13,7 +13,7 @@
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/utils.h"
 
 namespace SCSI {
-namespace Impl {
+namespace Detail {
 namespace {
 
 // The kernel's proc_name texts, line feed included, in lookup order. The values
@@ -82,5 +82,5 @@ void RefreshHost(unsigned int host) {
     throw Common::Error(0x530040, MessageText(Messages::InternalError), AS_LOCATION("RefreshHost", 137)).WithCause(e);
 }
 
-}  // namespace Impl
+}  // namespace Detail
 }  // namespace SCSI

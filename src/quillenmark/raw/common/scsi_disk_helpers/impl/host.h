@@ -6,7 +6,7 @@
 #include "quillenmark/raw/common/scsi_disk_helpers/disk.h"
 
 namespace SCSI {
-namespace Impl {
+namespace Detail {
 
 using HostTable = std::map<unsigned int, HostType>;
 
@@ -16,5 +16,5 @@ void EnumerateHosts(HostTable& table);
 // Asks host `host` to scan all its channels, targets and LUNs. Throws.
 void RefreshHost(unsigned int host);
 
-}  // namespace Impl
+}  // namespace Detail
 }  // namespace SCSI

@@ -10,7 +10,7 @@
 #include "core/common/message_ids.h"
 
 namespace SCSI {
-namespace Impl {
+namespace Detail {
 namespace {
 
 constexpr int32_t kTraceCode = 83;
@@ -107,5 +107,5 @@ void DiskNotificationProxy::Deliver(const void* batch) {
   }
 }
 
-}  // namespace Impl
+}  // namespace Detail
 }  // namespace SCSI

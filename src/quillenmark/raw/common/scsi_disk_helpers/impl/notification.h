@@ -15,7 +15,7 @@
 #include "dsk_supp.h"
 
 namespace SCSI {
-namespace Impl {
+namespace Detail {
 
 class DiskSubsystemHandler {
  public:
@@ -99,5 +99,5 @@ class AttachedHandler {
   DiskNotificationProxy::Handlers::iterator node_;
 };
 
-}  // namespace Impl
+}  // namespace Detail
 }  // namespace SCSI

@@ -8,7 +8,7 @@
 #include "processor/format/format_string.h"
 
 namespace SCSI {
-namespace Impl {
+namespace Detail {
 
 String MessageText(TextFromMessageFile id) {
   const unsigned short* text = GetTextFromMessageFile(id);
@@ -49,5 +49,5 @@ bool ParseUnsigned(std::string_view text, uint32_t& value) {
   return true;
 }
 
-}  // namespace Impl
+}  // namespace Detail
 }  // namespace SCSI

@@ -12,7 +12,7 @@
 #include "core/common/message_text.h"
 
 namespace SCSI {
-namespace Impl {
+namespace Detail {
 
 // Reads at most `limit` bytes of `path` in one read into `buffer` (grown to at least
 // `limit`) and returns the count. Throws 0x530123 when the file cannot be opened and
@@ -29,5 +29,5 @@ bool ParseUnsigned(std::string_view text, uint32_t& value);
 // Text of a module message.
 String MessageText(TextFromMessageFile id);
 
-}  // namespace Impl
+}  // namespace Detail
 }  // namespace SCSI
