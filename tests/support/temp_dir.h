@@ -1,0 +1,31 @@
+#pragma once
+// A fresh directory for one test, removed with everything in it at scope exit.
+#include <stdlib.h>
+
+#include <filesystem>
+#include <string>
+#include <system_error>
+
+namespace TestSupport {
+
+class TempDir {
+ public:
+  explicit TempDir(const std::string& under = "/var/tmp") {
+    std::string pattern = under + "/as_test.XXXXXX";
+    if (::mkdtemp(pattern.data()) != nullptr) path_ = pattern;
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+}  // namespace TestSupport
