@@ -4,20 +4,24 @@
 //   std::string path = Core::FormatString("/sys/block/{0}/size", name);
 //   String text = Core::FormatString(Common::Str(u"{0} of {1,number,hex}"), disk, code);
 //
-// A narrow pattern (a character array, a char pointer or std::string) gets plain
-// substitution: each "{N}" is replaced by argument N as text; substitution stops at
-// the first placeholder whose argument is missing, leaving it and all later ones as
-// written; inserted text is never scanned again.
+// A narrow pattern (a character array or literal, a char pointer, std::string or
+// std::string_view) gets plain substitution: each "{N}" is replaced by argument N as
+// text; substitution stops at the first placeholder whose argument is missing,
+// leaving it and all later ones as written; inserted text is never scanned again.
 //
-// A UTF-16 pattern (pointer to 16-bit units, String, or a u"" literal) goes through
-// the message format engine (processor/format/message_format.h), with typed
+// A UTF-16 pattern (an array of or pointer to char16_t or unsigned short, such as a
+// u"" literal; String, std::u16string or std::u16string_view) goes through the
+// message format engine (processor/format/message_format.h), with typed
 // placeholders: "{0,number,hex}", "{0,choice,0#none|1#one|1<many}", "{0,error,code}",
 // "{0,size}", "{0,date,long}"...
 //
-// Arguments: integers of any width (plain decimal digits, never grouped), floating
-// point, bool, narrow (UTF-8) and UTF-16 strings, Common::GUID, Common::Error,
-// Processor::Date and Processor::Variant. Bad patterns never throw or crash; the
-// engine renders what it can. Thread-safe.
+// Arguments: integers of any width, floating point, bool, narrow (UTF-8) and UTF-16
+// strings, Common::GUID, Common::Error, Processor::Date and Processor::Variant.
+// Numbers: the narrow engine writes plain digits; a bare "{0}" of a UTF-16 pattern
+// writes the current locale's default number format ("1.234.567" in German). Paths,
+// device and host numbers are therefore built with a narrow pattern or with
+// "{0,number,simple}". Bad patterns never throw or crash; the engine renders what it
+// can. Thread-safe.
 #include <charconv>
 #include <cstddef>
 #include <cstring>
@@ -111,6 +115,12 @@ size_t TextLength(const T& text) {
   return n;
 }
 
+// The units of a UTF-16 array or pointer (char16_t or unsigned short, const or not).
+template <class T>
+const unsigned short* WideData(const T& text) {
+  return reinterpret_cast<const unsigned short*>(+text);
+}
+
 template <class T>
 struct IsGuid : std::false_type {};
 template <class E>
@@ -145,7 +155,7 @@ void ToNarrow(NarrowArg& a, const T& value) {
                        std::is_same_v<D, const char16_t*> || std::is_same_v<D, char16_t*>) {
     const size_t n = TextLength(value);
     if (n != 0) {
-      a.owned = NarrowFromWide(reinterpret_cast<const unsigned short*>(static_cast<const D>(value)), n);
+      a.owned = NarrowFromWide(WideData(value), n);
       a.Own();
     }
   } else if constexpr (std::is_same_v<D, String>) {
@@ -193,8 +203,7 @@ Processor::Variant ToVariant(const T& value) {
     return Variant(static_cast<double>(value));
   } else if constexpr (std::is_same_v<D, const unsigned short*> || std::is_same_v<D, unsigned short*> ||
                        std::is_same_v<D, const char16_t*> || std::is_same_v<D, char16_t*>) {
-    return Variant::MakeStringView(reinterpret_cast<const unsigned short*>(static_cast<const D>(value)),
-                                   TextLength(value));
+    return Variant::MakeStringView(WideData(value), TextLength(value));
   } else if constexpr (std::is_same_v<D, String>) {
     return Variant::MakeStringView(value.data(), value.size());
   } else if constexpr (std::is_convertible_v<const T&, std::u16string_view>) {
@@ -229,7 +238,7 @@ std::basic_string_view<unsigned short> WidePattern(const Pattern& pattern) {
   if constexpr (std::is_array_v<Pattern> || std::is_pointer_v<Pattern>) {
     const size_t n = TextLength(pattern);
     if (n == 0) return {};
-    return {reinterpret_cast<const unsigned short*>(static_cast<std::decay_t<Pattern>>(pattern)), n};
+    return {WideData(pattern), n};
   } else {
     return {reinterpret_cast<const unsigned short*>(pattern.data()), pattern.size()};
   }
