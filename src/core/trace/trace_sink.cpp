@@ -7,7 +7,9 @@
 #include <mutex>
 #include <vector>
 
+#include "core/trace/trace_internal.h"
 #include "core/trace/trace_tools.h"
+#include "processor/format/impl/formatters.h"
 
 namespace TraceTools {
 
@@ -125,5 +127,18 @@ void TraceText(Common::EventLevel level, int32_t code, const String& text) {
       r.plain(event);
   }
 }
+
+void BeginUnload() noexcept {
+  SetMinimumLevel(Common::EventLevelShutdown);
+  Processor::FormatersHolder::Shutdown();
+}
+
+namespace {
+
+struct Unload {
+  ~Unload() { BeginUnload(); }
+} gUnload;
+
+}  // namespace
 
 }  // namespace TraceTools

@@ -1,10 +1,9 @@
-// The process-wide formatting singleton and its end at library unload.
+// The process-wide formatting singleton.
 #include <atomic>
 #include <mutex>
 
 #include <unicode/datefmt.h>
 
-#include "core/trace/trace_tools.h"
 #include "processor/format/impl/formatters.h"
 #include "processor/format/impl/message_format_impl.h"
 
@@ -17,17 +16,10 @@ std::atomic<bool> gUnloaded{false};
 std::once_flag gMade;
 
 FormatersHolder& LateHolder() {
-  // Formatting from static destructors that run after ours: made once, never freed.
+  // Formatting from static destructors that run after the unload: made once, never freed.
   static FormatersHolder* late = new FormatersHolder;
   return *late;
 }
-
-// Makes the holder at load, and at unload first silences ordinary tracing, then
-// tears the singletons down.
-struct Lifetime {
-  Lifetime() { FormatersHolder::Get(); }
-  ~Lifetime() { BeginUnload(); }
-} gLifetime;
 
 }  // namespace
 
@@ -42,11 +34,6 @@ FormatersHolder& FormatersHolder::Get() {
   if (gUnloaded.load(std::memory_order_acquire)) return LateHolder();
   std::call_once(gMade, [] { gHolder.store(new FormatersHolder, std::memory_order_release); });
   return *gHolder.load(std::memory_order_acquire);
-}
-
-void BeginUnload() noexcept {
-  TraceTools::SetMinimumLevel(Common::EventLevelShutdown);
-  FormatersHolder::Shutdown();
 }
 
 void FormatersHolder::Shutdown() noexcept {

@@ -72,10 +72,10 @@ class FormatersHolder {
   FormatersHolder(const FormatersHolder&) = delete;
   FormatersHolder& operator=(const FormatersHolder&) = delete;
 
-  // The holder of the process. Made at load; once the library unloads, a late
-  // caller gets a holder of its own that lives to the end of the process.
+  // The holder of the process, made on first use; after Shutdown, a late caller
+  // gets a holder of its own that lives to the end of the process.
   static FormatersHolder& Get();
-  // Destroys the holder; called once, at unload.
+  // Destroys the holder; the trace code calls it once, as the library unloads.
   static void Shutdown() noexcept;
 
   const MessageFormatImpl& Engine() const noexcept { return *engine_; }
@@ -102,9 +102,5 @@ class FormatersHolder {
 
   std::unique_ptr<MessageFormatImpl> engine_;
 };
-
-// What the library does as it unloads: nothing below level 6 is traced from now
-// on, then the formatting singletons are destroyed.
-void BeginUnload() noexcept;
 
 }  // namespace Processor
