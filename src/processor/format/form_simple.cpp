@@ -22,13 +22,11 @@ void AppendSimple(const FormatersHolder& holder, const Variant& argument, TextBu
         out.append(u"<invalid date>");
       return;
     case Variant::TDouble:
-      return holder.DefaultNumber().Format(argument, out);
-    // Integers are host numbers, device numbers, exit statuses: plain digits, never grouped.
     case Variant::TLong:
     case Variant::TULong:
     case Variant::TLong64:
     case Variant::TULong64:
-      return holder.Decimal().Format(argument, out);
+      return holder.DefaultNumber().Format(argument, out);
     case Variant::TString:
       return out.append(argument.GetStringData(), argument.GetStringLength());
     case Variant::TInterface: {

@@ -60,7 +60,11 @@ std::string ErrorText(const Common::Error& error) {
 
 std::string VariantText(const Processor::Variant& value) {
   Processor::TextBuffer out;
-  Processor::AppendSimple(Processor::FormatersHolder::Get(), value, out);
+  const Processor::FormatersHolder& holder = Processor::FormatersHolder::Get();
+  if (value.IsInteger())
+    holder.Decimal().Format(value, out);  // narrow text keeps plain digits
+  else
+    Processor::AppendSimple(holder, value, out);
   return Common::ToUtf8(out.data(), out.size());
 }
 

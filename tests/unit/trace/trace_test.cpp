@@ -1,168 +1,171 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "core/common/unicode.h"
+#include "core/trace/trace_internal.h"
 #include "core/trace/trace_tools.h"
-#include "processor/format/impl/formatters.h"
+#include "ext/include/logging/log.h"
 
 namespace {
 
 using Common::Str;
-
-struct Recorded {
-  int32_t level;
-  int32_t code;
-  std::string text;
-};
+using Texts = std::vector<std::string>;
 
 struct Recorder : TraceTools::TraceSubscriber {
   explicit Recorder(bool wantsEvery) : every(wantsEvery) { TraceTools::Subscribe(this); }
   ~Recorder() override { TraceTools::Unsubscribe(this); }
   bool WantsEveryEvent() const override { return every; }
   void OnTraceEvent(const TraceTools::TraceEvent& e) override {
-    events.push_back({e.level, e.code, Common::ToUtf8(e.text, e.length)});
+    texts.push_back(std::to_string(e.level) + " " + std::to_string(e.code) + " " + Common::ToUtf8(e.text, e.length));
   }
   bool every;
-  std::vector<Recorded> events;
+  Texts texts;
 };
 
 struct CallbackLog {
-  std::vector<Recorded> events;
-  uint64_t handle;
-  CallbackLog() {
-    handle = TraceTools::RegisterCallback(
-        [](void* self, const TraceTools::TraceEvent& e) {
-          static_cast<CallbackLog*>(self)->events.push_back({e.level, e.code, Common::ToUtf8(e.text, e.length)});
-        },
-        this);
-  }
+  Texts texts;
+  uint64_t handle = TraceTools::RegisterCallback(
+      [](void* self, const TraceTools::TraceEvent& e) {
+        static_cast<CallbackLog*>(self)->texts.push_back(Common::ToUtf8(e.text, e.length));
+      },
+      this);
   ~CallbackLog() { TraceTools::UnregisterCallback(handle); }
 };
 
-class Trace : public ::testing::Test {
- protected:
-  void SetUp() override { TraceTools::SetMinimumLevel(Common::EventLevelNotice); }
-  void TearDown() override { TraceTools::SetMinimumLevel(Common::EventLevelNotice); }
-};
-
-TEST_F(Trace, DeliveryByLevelAndSubscriberKind) {
+TEST(Trace, DeliveryByLevelAndSubscriberKind) {
   EXPECT_EQ(2, TraceTools::GetMinimumLevel());
+  for (auto level : {Common::EventLevelDebug, Common::EventLevelError, Common::EventLevelCritical})
+    EXPECT_FALSE(TraceTools::IsTraced(level)) << level;  // nobody listens
   Recorder every(true), filtered(false);
   CallbackLog callbacks;
   TraceTools::DbgTraceInfo(215, "Device {0} has {1} partitions", "sdb", 2);
   TraceTools::Trace(Common::EventLevelNotice, 189, Str(u"Mounting {0}"), Str(u"sdb1"));
+  filtered.every = true;  // asked on every event
+  TraceTools::DbgTraceError(83, "now");
+  EXPECT_EQ((Texts{"1 215 Device sdb has 2 partitions", "2 189 Mounting sdb1", "1 83 now"}), every.texts);
+  EXPECT_EQ((Texts{"2 189 Mounting sdb1", "1 83 now"}), filtered.texts);
+  EXPECT_EQ(Texts{"Mounting sdb1"}, callbacks.texts);
 
-  ASSERT_EQ(2u, every.events.size());
-  EXPECT_EQ(1, every.events[0].level);
-  EXPECT_EQ(215, every.events[0].code);
-  EXPECT_EQ("Device sdb has 2 partitions", every.events[0].text);
-  ASSERT_EQ(1u, filtered.events.size());
-  EXPECT_EQ("Mounting sdb1", filtered.events[0].text);
-  ASSERT_EQ(1u, callbacks.events.size());
-  EXPECT_EQ(189, callbacks.events[0].code);
-}
-
-TEST_F(Trace, SubscriberMayStartWantingEveryEvent) {
-  Recorder later(false);
-  TraceTools::DbgTraceInfo(215, "before");
-  later.every = true;
-  TraceTools::DbgTraceInfo(215, "after");
-  ASSERT_EQ(1u, later.events.size());
-  EXPECT_EQ("after", later.events[0].text);
-}
-
-TEST_F(Trace, PlainCallbacksAndUnregistering) {
-  static std::vector<std::string> seen;
-  seen.clear();
+  static Texts plain;
   const uint64_t h = TraceTools::RegisterCallback(
-      [](const TraceTools::TraceEvent& e) { seen.push_back(Common::ToUtf8(e.text, e.length)); });
+      [](const TraceTools::TraceEvent& e) { plain.push_back(Common::ToUtf8(e.text, e.length)); });
   EXPECT_NE(0u, h);
   TraceTools::Trace(Common::EventLevelError, 83, "one");
   TraceTools::UnregisterCallback(h);
   TraceTools::Trace(Common::EventLevelError, 83, "two");
-  EXPECT_EQ(std::vector<std::string>{"one"}, seen);
-  for (auto level : {Common::EventLevelDebug, Common::EventLevelError, Common::EventLevelCritical})
-    EXPECT_FALSE(TraceTools::IsTraced(level)) << level;
-  TraceTools::DbgTraceInfo(215, "{0}", "unseen");  // must simply do nothing
+  EXPECT_EQ(Texts{"one"}, plain);
 }
 
-TEST_F(Trace, TraceErrorJoinsContextAndErrorText) {
+// Every pattern form compiles for FormatString and the trace calls, with the result of its width.
+TEST(Trace, EveryPatternForm) {
+  Recorder every(true);
+  const char narrow[] = "disk {0}";
+  const unsigned short wide[] = {'d', 'i', 's', 'k', ' ', '{', '0', '}', 0};
+  auto check = [&](const auto& pattern, bool isWide) {
+    const auto text = Core::FormatString(pattern, u"sdb");
+    if constexpr (std::is_same_v<decltype(text), const String>)
+      EXPECT_TRUE(isWide && text == Str(u"disk sdb"));
+    else
+      EXPECT_TRUE(!isWide && text == "disk sdb");
+    TraceTools::DbgTraceInfo(83, pattern, "sdb");
+    TraceTools::DbgTraceError(83, pattern, 7);
+  };
+  check("disk {0}", false), check(narrow, false), check(static_cast<const char*>(narrow), false);
+  check(std::string(narrow), false), check(std::string_view(narrow), false);
+  check(u"disk {0}", true), check(static_cast<const char16_t*>(u"disk {0}"), true);
+  check(std::u16string(u"disk {0}"), true), check(std::u16string_view(u"disk {0}"), true);
+  check(Str(u"disk {0}"), true), check(wide, true), check(static_cast<const unsigned short*>(wide), true);
+  ASSERT_EQ(24u, every.texts.size());
+  for (size_t i = 0; i < every.texts.size(); ++i) EXPECT_EQ(i % 2 ? "1 83 disk 7" : "1 83 disk sdb", every.texts[i]);
+}
+
+TEST(Trace, TraceErrorJoinsContextAndErrorText) {
   Recorder every(true);
   const Common::Error e(0xBD08B0, Str(u"File is not found."), AS_LOCATION_AT("x/y", "GetDeviceSize", 10));
   TraceTools::TraceError(215, e, Str(u"Getting size of 'sdé'"));
-  ASSERT_EQ(1u, every.events.size());
-  EXPECT_EQ(4, every.events[0].level);
-  EXPECT_EQ("Getting size of 'sdé'\n\n    0xBD08B0: File is not found.\n    $module = "
-            "appliance_storage_glxa64_38811\n    x/y : GetDeviceSize(10)",
-            every.events[0].text);
-  // A lone surrogate in the context comes out as U+FFFD.
   String context = Str(u"a");
-  context.push_back(0xD800);
-  TraceTools::TraceError(215, e, context);
-  EXPECT_EQ(0u, every.events[1].text.find("a\xEF\xBF\xBD\n"));
+  context.push_back(0xD800);  // a lone surrogate comes out as U+FFFD
+  TraceTools::TraceError(215, e, context.c_str());
+  const std::string error = Core::FormatString("{0}", e);
+  EXPECT_EQ((Texts{"4 215 Getting size of 'sdé'\n" + error, "4 215 a\xEF\xBF\xBD\n" + error}), every.texts);
 }
 
-TEST_F(Trace, EventPairMarksExceptionalExit) {
+TEST(Trace, EventPairMarksExceptionalExit) {
   Recorder every(true);
-  {
-    TraceTools::EventPair<Common::EventLevelDebug> pair(215, Str(u"Enter"), Str(u"Leave"));
-  }
-  try {
-    TraceTools::EventPair<Common::EventLevelDebug> pair(215, Str(u"Enter"), Str(u"Leave"));
-    throw std::runtime_error("x");
-  } catch (const std::exception&) {
-  }
+  using Pair = TraceTools::EventPair<Common::EventLevelDebug>;
+  { Pair pair(215, Str(u"Enter"), Str(u"Leave")); }
   // A guard made inside a destructor that runs during unwinding is left normally.
   struct Cleanup {
-    ~Cleanup() { TraceTools::EventPair<Common::EventLevelDebug> pair(83, Str(u"In"), Str(u"Out")); }
+    ~Cleanup() { TraceTools::EventPair<Common::EventLevelNotice> pair(83, Str(u"In"), Str(u"Out")); }
   };
   try {
     Cleanup c;
-    throw std::runtime_error("y");
+    Pair pair(215, Str(u"Enter"), Str(u"Leave"));
+    throw std::runtime_error("x");
   } catch (const std::exception&) {
   }
-  std::vector<std::string> texts;
-  for (const auto& e : every.events) texts.push_back(e.text);
-  EXPECT_EQ((std::vector<std::string>{"Enter", "Leave", "Enter", "! Leave", "In", "Out"}), texts);
-}
+  EXPECT_EQ((Texts{"1 215 Enter", "1 215 Leave", "1 215 Enter", "1 215 ! Leave", "2 83 In", "2 83 Out"}), every.texts);
 
-// A subscriber that throws must not turn the closing event into std::terminate.
-TEST_F(Trace, EventPairSurvivesAThrowingSubscriber) {
+  // A subscriber that throws costs the closing event, not std::terminate.
   struct Thrower : TraceTools::TraceSubscriber {
     bool WantsEveryEvent() const override { return true; }
     void OnTraceEvent(const TraceTools::TraceEvent&) override { throw std::runtime_error("subscriber"); }
   } thrower;
   for (bool unwinding : {false, true}) {
-    SCOPED_TRACE(unwinding);
     try {
-      TraceTools::EventPair<Common::EventLevelDebug> pair(215, Str(u"Enter"), Str(u"Leave"));
+      Pair pair(215, Str(u"Enter"), Str(u"Leave"));
       TraceTools::Subscribe(&thrower);
       if (unwinding) throw std::logic_error("scope");
-    } catch (const std::logic_error& e) {
-      EXPECT_STREQ("scope", e.what());
+    } catch (const std::logic_error&) {
     }
     TraceTools::Unsubscribe(&thrower);
   }
 }
 
-// Unloading raises the minimum level to 6 before the formatting singletons go;
-// formatting still works afterwards. Run in a child, as it ends the singletons.
-TEST_F(Trace, UnloadRaisesTheMinimumLevel) {
+// Unloading raises the minimum level to 6, then ends the formatting singletons;
+// formatting still works afterwards.
+TEST(Trace, UnloadRaisesTheMinimumLevel) {
   EXPECT_EXIT(
       {
         Recorder every(true);
         CallbackLog callbacks;
-        Processor::BeginUnload();
-        const bool raised = TraceTools::GetMinimumLevel() == 6;
+        TraceTools::BeginUnload();
         TraceTools::TraceError(215, Common::Error(1, AS_HERE), Str(u"late"));
-        const bool filtered = callbacks.events.empty() && every.events.size() == 1;
-        const bool formats = Core::FormatString(Str(u"{0,number,hex}"), 255) == Str(u"FF");
-        std::exit(raised && filtered && formats ? 0 : 1);
+        const bool ok = TraceTools::GetMinimumLevel() == 6 && callbacks.texts.empty() && every.texts.size() == 1;
+        std::exit(ok && Core::FormatString(u"{0,number,hex}", 255) == Str(u"FF") ? 0 : 1);
       },
       ::testing::ExitedWithCode(0), "");
+}
+
+TEST(Log, ReachesTheLoggingLibrary) {
+  _log_line_tag tag;
+  Logging_BuildLineTag(&tag, "a/b.cpp", "void F()", 9);
+  for (int asked : {1, 0}) {
+    Logging_SetStandardError(asked);
+    testing::internal::CaptureStderr();
+    AS_LOG(4, AS_LOG_PREFIX "Retrieving mount point of '%s' failed", "/dev/sdb1");
+    Log(tag, 2, "storage", "%d partitions", 3);
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(asked ? 2 : 0, std::count(err.begin(), err.end(), '\n'));
+    for (const char* part : {"error ", "trace_test.cpp:", "[Appliance Storage] Retrieving mount point of '/dev/sdb1' failed\n",
+                             "notice a/b.cpp:9 void F(): storage: 3 partitions\n"})
+      EXPECT_EQ(asked != 0, err.find(part) != std::string::npos) << part;
+  }
+  // A null format is reported through the assertion handler and still logged.
+  EXPECT_EXIT(
+      {
+        setenv("ZEMLORA_SAFE_ASSERT", "log", 1);
+        setenv("ZEMLORA_SAFE_ASSERT_LOGFILE", "stderr", 1);
+        Logging_SetStandardError(1);
+        Log(tag, 4, nullptr, nullptr);
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(0), "Assertion failed: format, file ext/include/logging/log, line 251");
 }
 
 }  // namespace
