@@ -70,10 +70,7 @@ Common::Error Chain() {
 
 TEST(Format, Utf16) {
   struct Named : Processor::ObjectInterface {
-    bool GetProperty(const char* name, String& value) const override {
-      value = Str(u"disk object");
-      return std::string(name) == "Name";
-    }
+    bool GetProperty(const char* n, String& v) const override { return v = Str(u"disk object"), std::string(n) == "Name"; }
   };
   const Common::Error e = Chain();
   const String path = Str(u"/mnt/local_storages/ZLM01/backups/daily");
