@@ -39,8 +39,7 @@ TEST(Format, Narrow) {
   } cases[] = {
       {FormatString("/sys/class/scsi_host/host{0}/scan", 1234567), "/sys/class/scsi_host/host1234567/scan"},
       {FormatString("{1}:{0}", 8, 16), "16:8"},
-      {FormatString("a {1} b {0}", "x"), "a {1} b {0}"},  // stops at the first missing argument
-      {FormatString("{0} {2} {1}", "x", "y"), "x {2} {1}"},
+      {FormatString("{0} {2} {1}", "x", "y"), "x {2} {1}"},  // stops at the first missing argument
       {FormatString("{0}{0}", "{0}"), "{0}{0}"},  // inserted text is not scanned again
       {FormatString("{0}", "{1}", "z"), "{1}"},
       {FormatString("{{0}}{00} {x} {} {0", 7), "{7}7 {x} {} {0"},
@@ -55,6 +54,7 @@ TEST(Format, Narrow) {
       {FormatString("{0}", guid), guid.ToString()},
       {FormatString("[{0}]", none), "[]"},
       {FormatString(unterminated, "x"), "x!x?"},  // an array is read no further than its end
+      {FormatString(std::string_view("x{0}", 3), 7), "x{0"},
   };
   for (const Case& c : cases) EXPECT_EQ(c.want, c.got);
 }
@@ -122,7 +122,7 @@ TEST(Format, Utf16) {
       {F(u"{0,size}|{1,size}|{2,size,bytes}", 1099511627776.0 * 3 / 2, -5, 1048576), u"1,5 TB|-5|1048576 bytes"},
       {F(u"{0,ellipsis,10}|{0,ellipsis,8}|{0,ellipsis,2}|{0,ellipsis}", u"abcdefghij"),
        u"abcdefghij|abcde...|..|abcdefghij"},
-      {F(u"{0,ellipsis,5}", u"a\U0001F600bcdef"), u"a..."},  // a surrogate pair is never split
+      {F(u"{0,ellipsis,5}|{1,ellipsis,5}", u"a\U00010000bcd", u"a\U0010FFFFbcd"), u"a...|a..."},  // pairs stay whole
       {F(u"{0,path_ellipsis,100}|{0,path_ellipsis,30}|{0,path_ellipsis,{1}}", path, 20),
        u"/mnt/local_storages/ZLM01/backups/daily|/mnt/.../ZLM01/backups/daily|/mnt/.../daily"},
       {F(u"{0,path_ellipsis,12}|{0,path_ellipsis,3}", path), u"/mnt/...aily|..."},
