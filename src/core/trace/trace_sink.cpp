@@ -135,6 +135,7 @@ void BeginUnload() noexcept {
 
 namespace {
 
+// Its destructor runs among the library's static destructors as it unloads.
 struct Unload {
   ~Unload() { BeginUnload(); }
 } gUnload;
