@@ -16,9 +16,8 @@
 #include "core/common/assert.h"
 #include "core/common/error.h"
 #include "core/common/message_ids.h"
-#include "core/common/message_text.h"
 #include "core/common/mutex.h"
-#include "core/common/unicode.h"
+#include "processor/format/format_message.h"
 
 namespace Common {
 namespace {
@@ -27,15 +26,9 @@ constexpr const char* kLockDir = "/tmp";
 constexpr uint32_t kCreateFailed = 6;
 constexpr uint32_t kLockFailed = 8;
 
-// The message `id` with its "{0}" filled by the mutex name.
 Error MutexError(uint32_t code, TextFromMessageFile id, const std::string& name, int err,
                  const ErrorLocation& where) {
-  const unsigned short* pattern = GetTextFromMessageFile(id);
-  String text = pattern ? String(pattern) : String();
-  const String placeholder = Str(u"{0}");
-  const size_t at = text.find(placeholder);
-  if (at != String::npos) text.replace(at, placeholder.size(), FromUtf8(name));
-  Error error(code, text, where, {ErrorField("token", name)});
+  Error error(code, Core::FormatMessage(id, name), where, {ErrorField("token", name)});
   error.AddPosixError(err, where);
   return error;
 }

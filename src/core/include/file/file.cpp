@@ -9,23 +9,22 @@
 #include <utility>
 
 #include "core/common/message_ids.h"
-#include "core/common/message_text.h"
-#include "core/common/unicode.h"
+#include "processor/format/format_message.h"
 
 namespace FileSystem {
 namespace {
 
-const unsigned short* MessageOf(uint32_t code) {
+TextFromMessageFile MessageOf(uint32_t code) {
   switch (code) {
-    case kErrorDiskFull: return GetTextFromMessageFile(Messages::DiskIsFull);
-    case kErrorOpen: return GetTextFromMessageFile(Messages::FileOpenFailed);
-    case kErrorRead: return GetTextFromMessageFile(Messages::FileReadFailed);
-    case kErrorWrite: return GetTextFromMessageFile(Messages::FileWriteFailed);
-    case kErrorDirectoryOpen: return GetTextFromMessageFile(Messages::DirectoryOpenFailed);
-    case kErrorDirectoryRead: return GetTextFromMessageFile(Messages::DirectoryReadFailed);
-    case kErrorDirectoryCreate: return GetTextFromMessageFile(Messages::DirectoryCreateFailed);
-    case kErrorDirectoryRemove: return GetTextFromMessageFile(Messages::DirectoryRemoveFailed);
-    default: return GetTextFromMessageFile(Messages::InvalidFileObject);
+    case kErrorDiskFull: return Messages::DiskIsFull;
+    case kErrorOpen: return Messages::FileOpenFailed;
+    case kErrorRead: return Messages::FileReadFailed;
+    case kErrorWrite: return Messages::FileWriteFailed;
+    case kErrorDirectoryOpen: return Messages::DirectoryOpenFailed;
+    case kErrorDirectoryRead: return Messages::DirectoryReadFailed;
+    case kErrorDirectoryCreate: return Messages::DirectoryCreateFailed;
+    case kErrorDirectoryRemove: return Messages::DirectoryRemoveFailed;
+    default: return Messages::InvalidFileObject;
   }
 }
 
@@ -53,8 +52,7 @@ EntryKind KindOf(int dirfd, const char* name, unsigned char type) {
 }  // namespace
 
 Common::Error MakeError(uint32_t code, const std::string& path, int err, const Common::ErrorLocation& where) {
-  const unsigned short* text = MessageOf(code);
-  Common::Error e(code, String(text, Common::Length(text)), where, {{"path", path}});
+  Common::Error e(code, Core::FormatMessage(MessageOf(code)), where, {{"path", path}});
   if (err != 0) e.AddPosixError(err, where);
   return e;
 }
