@@ -10,6 +10,23 @@ function(as_add_subdirectories dir)
   endforeach()
 endfunction()
 
+# as_add_platform_library(NAME SOURCES... HEADER h [LIBS ...]): a stand-in for one of
+# the appliance's own libraries, lib<NAME>.so.1, exporting only what it marks; its
+# header is installed below include/appliance_storage/platform. It may use the
+# header-only helpers of src/ (core/common/decimal.h) but never links the library.
+function(as_add_platform_library name)
+  cmake_parse_arguments(P "" "HEADER" "SOURCES;LIBS" ${ARGN})
+  add_library(${name} SHARED ${P_SOURCES})
+  add_library(ApplianceStorage::${name} ALIAS ${name})
+  target_include_directories(${name}
+    PUBLIC "$<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}>"
+           "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/appliance_storage/platform>"
+    PRIVATE "${PROJECT_SOURCE_DIR}/src")
+  set_target_properties(${name} PROPERTIES CXX_VISIBILITY_PRESET hidden SOVERSION 1)
+  target_link_libraries(${name} PRIVATE as_warnings ${P_LIBS})
+  install(FILES ${P_HEADER} DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/appliance_storage/platform")
+endfunction()
+
 # Every source file learns the name that its errors and traces carry: its path below
 # ROOT without the extension ("core/linex/create_process").
 function(as_set_source_names root)
