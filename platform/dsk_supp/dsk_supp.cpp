@@ -25,10 +25,7 @@ bool ReadAttribute(const std::string& path, std::string& text) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
   char buffer[64];
-  ssize_t got;
-  do {
-    got = ::read(fd, buffer, sizeof buffer - 1);
-  } while (got < 0 && errno == EINTR);
+  const ssize_t got = TEMP_FAILURE_RETRY(::read(fd, buffer, sizeof buffer - 1));
   ::close(fd);
   if (got < 0) return false;
   text.assign(buffer, static_cast<size_t>(got));

@@ -33,14 +33,6 @@ Error MutexError(uint32_t code, TextFromMessageFile id, const std::string& name,
   return error;
 }
 
-int RetryOnInterrupt(int fd, int operation) {
-  int result;
-  do {
-    result = flock(fd, operation);
-  } while (result == -1 && errno == EINTR);
-  return result;
-}
-
 class SharedMutexImpl final : public SharedMutex {
  public:
   SharedMutexImpl(int fd, std::string name) : fd_(fd), name_(std::move(name)) {}
@@ -53,7 +45,7 @@ class SharedMutexImpl final : public SharedMutex {
   void Lock() override {
     mutex_.Lock();  // held until the matching Unlock
     if (++RecursionCount > 1) return;
-    if (RetryOnInterrupt(fd_, LOCK_EX) != 0) {
+    if (TEMP_FAILURE_RETRY(flock(fd_, LOCK_EX)) != 0) {
       const int err = errno;
       AS_ASSERT(!"flock error");
       throw MutexError(kLockFailed, Messages::FailedToLockSharedMutex, name_, err, AS_LOCATION("Ctrl", __LINE__));
@@ -63,7 +55,7 @@ class SharedMutexImpl final : public SharedMutex {
   void Unlock() override {
     AS_ASSERT(RecursionCount || !"Already unlocked");
     if (RecursionCount == 0) return;
-    if (--RecursionCount == 0 && RetryOnInterrupt(fd_, LOCK_UN) != 0) {
+    if (--RecursionCount == 0 && TEMP_FAILURE_RETRY(flock(fd_, LOCK_UN)) != 0) {
       const int err = errno;
       AS_ASSERT(!"flock error");
       throw MutexError(kLockFailed, Messages::FailedToLockSharedMutex, name_, err, AS_LOCATION("Ctrl", __LINE__));

@@ -76,7 +76,7 @@ File::~File() {
 
 Common::Error File::Open(const std::string& path, Mode mode, File& out) {
   const int fd = ::open(path.c_str(), (mode == kRead ? O_RDONLY : O_WRONLY) | O_CLOEXEC | O_NOCTTY);
-  if (fd < 0) return MakeError(kErrorOpen, path, errno, AS_LOCATION_AT("core/include/file/file", "Open", __LINE__));
+  if (fd < 0) return MakeError(kErrorOpen, path, errno, AS_LOCATION("Open", __LINE__));
   File opened;
   opened.fd_ = fd;
   opened.path_ = path;
@@ -85,23 +85,17 @@ Common::Error File::Open(const std::string& path, Mode mode, File& out) {
 }
 
 Common::Error File::Read(void* buffer, size_t limit, size_t& count) {
-  ssize_t n;
-  do {
-    n = ::read(fd_, buffer, limit);
-  } while (n < 0 && errno == EINTR);
-  if (n < 0) return MakeError(kErrorRead, path_, errno, AS_LOCATION_AT("core/include/file/file", "Read", __LINE__));
+  const ssize_t n = TEMP_FAILURE_RETRY(::read(fd_, buffer, limit));
+  if (n < 0) return MakeError(kErrorRead, path_, errno, AS_LOCATION("Read", __LINE__));
   count = static_cast<size_t>(n);
   return Common::Error();
 }
 
 Common::Error File::Write(const void* data, size_t size) {
-  ssize_t n;
-  do {
-    n = ::write(fd_, data, size);
-  } while (n < 0 && errno == EINTR);
-  if (n < 0) return MakeError(kErrorWrite, path_, errno, AS_LOCATION_AT("core/include/file/file", "Write", __LINE__));
+  const ssize_t n = TEMP_FAILURE_RETRY(::write(fd_, data, size));
+  if (n < 0) return MakeError(kErrorWrite, path_, errno, AS_LOCATION("Write", __LINE__));
   if (static_cast<size_t>(n) < size)
-    return MakeError(kErrorDiskFull, path_, 0, AS_LOCATION_AT("core/include/file/file", "Write", __LINE__));
+    return MakeError(kErrorDiskFull, path_, 0, AS_LOCATION("Write", __LINE__));
   return Common::Error();
 }
 
@@ -121,7 +115,7 @@ std::unique_ptr<Directory> Directory::Open(const std::string& path, Common::Erro
   if (stream == nullptr) {
     const int err = errno;
     if (fd >= 0) ::close(fd);
-    if (error) *error = MakeError(kErrorDirectoryOpen, path, err, AS_LOCATION_AT("core/include/file/file", "Open", __LINE__));
+    if (error) *error = MakeError(kErrorDirectoryOpen, path, err, AS_LOCATION("Open", __LINE__));
     return nullptr;
   }
   return std::unique_ptr<Directory>(new Directory(stream, path));
@@ -139,7 +133,7 @@ bool Directory::Next(Entry& entry) {
     if (d == nullptr) {
       if (errno != 0) {
         status_ = kErrorDirectoryRead;
-        lastError_ = MakeError(kErrorDirectoryRead, path_, errno, AS_LOCATION_AT("core/include/file/file", "Next", __LINE__));
+        lastError_ = MakeError(kErrorDirectoryRead, path_, errno, AS_LOCATION("Next", __LINE__));
       } else {
         status_ = kStatusEndOfDirectory;
       }
@@ -163,14 +157,14 @@ bool Directory::Lookup(const std::string& name, EntryKind* kind) {
 bool Directory::CreateDir(const std::string& name) {
   if (::mkdirat(::dirfd(static_cast<DIR*>(stream_)), name.c_str(), 0777) == 0) return true;
   lastError_ = MakeError(kErrorDirectoryCreate, Join(path_, name), errno,
-                         AS_LOCATION_AT("core/include/file/file", "CreateDir", __LINE__));
+                         AS_LOCATION("CreateDir", __LINE__));
   return false;
 }
 
 bool Directory::RemoveDir(const std::string& name) {
   if (::unlinkat(::dirfd(static_cast<DIR*>(stream_)), name.c_str(), AT_REMOVEDIR) == 0) return true;
   lastError_ = MakeError(kErrorDirectoryRemove, Join(path_, name), errno,
-                         AS_LOCATION_AT("core/include/file/file", "RemoveDir", __LINE__));
+                         AS_LOCATION("RemoveDir", __LINE__));
   return false;
 }
 

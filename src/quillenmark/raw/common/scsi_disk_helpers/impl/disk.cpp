@@ -148,7 +148,8 @@ Common::Error DiskSubsystemImpl::Refresh() {
     }
     return Common::Error();
   } catch (const Common::Error& e) {
-    return Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::FailedToRefreshScsiSubsystem), AS_LOCATION("Refresh", 366))
+    return Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::FailedToRefreshScsiSubsystem),
+                         AS_LOCATION("Refresh", 366))
         .WithCause(e);
   }
 }
@@ -158,7 +159,8 @@ Common::Error DiskSubsystemImpl::Enumerate(std::vector<Disk>& disks) {
     EnumerateDisks(disks);
     return Common::Error();
   } catch (const Common::Error& e) {
-    return Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::FailedToEnumerateDisks), AS_LOCATION("Enumerate", 430))
+    return Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::FailedToEnumerateDisks),
+                         AS_LOCATION("Enumerate", 430))
         .WithCause(e);
   }
 }
@@ -267,7 +269,8 @@ Common::Error DiskSubsystemImpl::AddDisk(const Disk& disk, String& name) {
     auto handler = std::make_shared<Detail::AddDiskHandler>(expected);
     OperationTimer timer("DiskSubsystemImpl::AddDisk");
     if (!WaitForChange(handler))
-      throw Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::CannotFindAttachedDisks), AS_LOCATION("AddDisk", 447));
+      throw Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::CannotFindAttachedDisks),
+                          AS_LOCATION("AddDisk", 447));
     const std::string& node = handler->Volume().DevNode;
     const size_t slash = node.rfind('/');
     name = Common::Widen(slash == std::string::npos ? node : node.substr(slash + 1));
@@ -289,11 +292,13 @@ Common::Error DiskSubsystemImpl::RemoveDisk(const Disk& disk) {
     dsk_supp::index_t index = 0;
     if (!dsk_supp::IndexbyDevName(volume, dsk_supp::mt_disk, index) ||
         !dsk_supp::VolIDbyIndex(index, dsk_supp::mt_disk, volume))
-      throw Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::CannotFindAttachedDisks), AS_LOCATION("RemoveDisk", 474));
+      throw Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::CannotFindAttachedDisks),
+                          AS_LOCATION("RemoveDisk", 474));
     auto handler = std::make_shared<Detail::RemoveDiskHandler>(disk.name, volume.Major, volume.Minor);
     OperationTimer timer("DiskSubsystemImpl::RemoveDisk");
     if (!WaitForChange(handler))
-      throw Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::DiskSubsystemUpdateTimedOut), AS_LOCATION("RemoveDisk", 483));
+      throw Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::DiskSubsystemUpdateTimedOut),
+                          AS_LOCATION("RemoveDisk", 483));
     return Common::Error();
   } catch (const Common::Error& e) {
     return Common::Error(kErrorDisk, Core::FormatMessage(Messages::FailedToDeleteScsiDisk, disk.name),
