@@ -2,10 +2,10 @@
 // Error codes and the trace event code of the SCSI disk subsystem (range 0x530000..
 // 0x5301FF).
 //
-// Every operation of SCSI::DiskSubsystem that fails returns kErrorDisk, whose text
-// says which operation it was, with the error that stopped it as cause. Below it,
-// a sysfs problem is kErrorSysfsOpen, kErrorSysfsRead or kErrorSysfsWrite (with the
-// file layer's error as cause); the disk's identifier tool gives the other two.
+// A failed operation of SCSI::DiskSubsystem returns kErrorDisk, whose text names the
+// operation, with the error that stopped it as cause. Down the chain, a sysfs
+// problem is kErrorSysfsOpen, kErrorSysfsRead or kErrorSysfsWrite, with the file
+// layer's error as cause.
 #include <cstdint>
 
 namespace SCSI {
