@@ -59,16 +59,21 @@ String GuidTemplate<Endian>::ToWideString() const {
   return Widen(ToString());
 }
 
-// The text names the value in reading order, whatever the memory layout. `out` is
-// left alone when the text does not parse.
-template <class Unit, class Guid>
-bool ParseInto(const Unit* text, size_t length, Guid& out) {
-  uint8_t b[16];
-  if (!ParseText(text, length, b)) return false;
+// Bytes in reading order, most significant first, as the text names them.
+template <class Guid>
+void AssignInReadingOrder(const uint8_t (&b)[16], Guid& out) {
   out.Data1 = static_cast<uint32_t>(b[0]) << 24 | b[1] << 16 | b[2] << 8 | b[3];
   out.Data2 = static_cast<uint16_t>(b[4] << 8 | b[5]);
   out.Data3 = static_cast<uint16_t>(b[6] << 8 | b[7]);
   std::memcpy(out.Data4, b + 8, 8);
+}
+
+// `out` is left alone when the text does not parse.
+template <class Unit, class Guid>
+bool ParseInto(const Unit* text, size_t length, Guid& out) {
+  uint8_t b[16];
+  if (!ParseText(text, length, b)) return false;
+  AssignInReadingOrder(b, out);
   return true;
 }
 
@@ -85,16 +90,12 @@ bool GuidTemplate<Endian>::Parse(const String& text, GuidTemplate& out) noexcept
 template <class Endian>
 GuidTemplate<Endian> GuidTemplate<Endian>::FromBytes(const uint8_t (&b)[16]) noexcept {
   GuidTemplate g;
+  AssignInReadingOrder(b, g);
   if (std::is_same<Endian, LittleEndian>::value) {
     g.Data1 = static_cast<uint32_t>(b[3]) << 24 | b[2] << 16 | b[1] << 8 | b[0];
     g.Data2 = static_cast<uint16_t>(b[5] << 8 | b[4]);
     g.Data3 = static_cast<uint16_t>(b[7] << 8 | b[6]);
-  } else {
-    g.Data1 = static_cast<uint32_t>(b[0]) << 24 | b[1] << 16 | b[2] << 8 | b[3];
-    g.Data2 = static_cast<uint16_t>(b[4] << 8 | b[5]);
-    g.Data3 = static_cast<uint16_t>(b[6] << 8 | b[7]);
   }
-  std::memcpy(g.Data4, b + 8, 8);
   return g;
 }
 
