@@ -10,6 +10,23 @@ function(as_add_subdirectories dir)
   endforeach()
 endfunction()
 
+# as_add_platform_library(NAME SOURCES... HEADER h [LIBS ...]): a stand-in for one of
+# the appliance's own libraries, lib<NAME>.so.1, exporting only what it marks; its
+# header is installed below include/appliance_storage/platform. It may use the
+# header-only helpers of src/ (core/common/decimal.h) but never links the library.
+function(as_add_platform_library name)
+  cmake_parse_arguments(P "" "HEADER" "SOURCES;LIBS" ${ARGN})
+  add_library(${name} SHARED ${P_SOURCES})
+  add_library(ApplianceStorage::${name} ALIAS ${name})
+  target_include_directories(${name}
+    PUBLIC "$<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}>"
+           "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/appliance_storage/platform>"
+    PRIVATE "${PROJECT_SOURCE_DIR}/src")
+  set_target_properties(${name} PROPERTIES CXX_VISIBILITY_PRESET hidden SOVERSION 1)
+  target_link_libraries(${name} PRIVATE as_warnings ${P_LIBS})
+  install(FILES ${P_HEADER} DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/appliance_storage/platform")
+endfunction()
+
 # Every source file learns the name that its errors and traces carry: its path below
 # ROOT without the extension ("core/linex/create_process").
 function(as_set_source_names root)
@@ -21,14 +38,21 @@ function(as_set_source_names root)
   endforeach()
 endfunction()
 
+# as_add_program(NAME SOURCES... [LIBS ...]): a program of the project, with the source
+# names and the warnings of the library's own code.
+function(as_add_program name)
+  cmake_parse_arguments(X "" "" "SOURCES;LIBS" ${ARGN})
+  add_executable(${name} ${X_SOURCES})
+  as_set_source_names("${PROJECT_SOURCE_DIR}" ${X_SOURCES})
+  target_link_libraries(${name} PRIVATE ${X_LIBS} as_warnings)
+endfunction()
+
 # as_add_test(NAME SOURCES... [LIBS ...] [LABELS ...] [TIMEOUT n] [NO_MAIN])
 # One GoogleTest program, registered with ctest under the given labels ("unit",
 # "machine", "threaded", "vm"). NO_MAIN: the LIBS bring their own main().
 function(as_add_test name)
   cmake_parse_arguments(T "NO_MAIN" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
-  add_executable(${name} ${T_SOURCES})
-  as_set_source_names("${PROJECT_SOURCE_DIR}" ${T_SOURCES})
-  target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock as_warnings)
+  as_add_program(${name} SOURCES ${T_SOURCES} LIBS ${T_LIBS} GTest::gtest GTest::gmock)
   if(NOT T_NO_MAIN)
     target_link_libraries(${name} PRIVATE GTest::gtest_main)
   endif()
@@ -43,9 +67,7 @@ endfunction()
 function(as_add_bench name)
   cmake_parse_arguments(B "" "" "SOURCES;LIBS" ${ARGN})
   find_package(benchmark REQUIRED)
-  add_executable(${name} ${B_SOURCES})
-  as_set_source_names("${PROJECT_SOURCE_DIR}" ${B_SOURCES})
-  target_link_libraries(${name} PRIVATE ${B_LIBS} benchmark::benchmark as_warnings)
+  as_add_program(${name} SOURCES ${B_SOURCES} LIBS ${B_LIBS} benchmark::benchmark)
 endfunction()
 
 # as_add_fuzzer(NAME SOURCES... [LIBS ...] [CORPUS dir] [SECONDS n]): a libFuzzer
@@ -53,9 +75,7 @@ endfunction()
 # seed corpus. Built only with clang (AS_BUILD_FUZZ).
 function(as_add_fuzzer name)
   cmake_parse_arguments(F "" "CORPUS;SECONDS" "SOURCES;LIBS" ${ARGN})
-  add_executable(${name} ${F_SOURCES})
-  as_set_source_names("${PROJECT_SOURCE_DIR}" ${F_SOURCES})
-  target_link_libraries(${name} PRIVATE ${F_LIBS} as_warnings)
+  as_add_program(${name} SOURCES ${F_SOURCES} LIBS ${F_LIBS})
   target_link_options(${name} PRIVATE -fsanitize=fuzzer)
   if(NOT F_SECONDS)
     set(F_SECONDS 60)

@@ -1,14 +1,7 @@
 # Install rules, the CMake package (find_package(ApplianceStorage)) and pkg-config.
 include(CMakePackageConfigHelpers)
 
-set(_as_export_targets appliance_storage resource)
-foreach(_lib IN ITEMS logging dsk_supp lx_supp)
-  if(TARGET ${_lib})
-    list(APPEND _as_export_targets ${_lib})
-  endif()
-endforeach()
-
-install(TARGETS ${_as_export_targets} EXPORT ApplianceStorageTargets
+install(TARGETS appliance_storage ${AS_PLATFORM_LIBRARIES} EXPORT ApplianceStorageTargets
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
   ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}"
   RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
@@ -26,5 +19,7 @@ install(FILES "${PROJECT_BINARY_DIR}/ApplianceStorageConfig.cmake"
 
 # The .pc file finds its prefix relative to itself, so a staged or moved install works.
 file(RELATIVE_PATH AS_PC_TO_PREFIX "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
+list(TRANSFORM AS_PLATFORM_LIBRARIES PREPEND "-l" OUTPUT_VARIABLE _as_pc_libs)
+string(JOIN " " AS_PC_PLATFORM_LIBS ${_as_pc_libs})
 configure_file(cmake/appliance_storage.pc.in "${PROJECT_BINARY_DIR}/appliance_storage.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/appliance_storage.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")

@@ -4,4 +4,3 @@ add_library(as_warnings INTERFACE)
 target_compile_options(as_warnings INTERFACE
   -Wall -Wextra -Wshadow -Wnon-virtual-dtor -Wcast-align -Wunused -Woverloaded-virtual
   -Wformat=2 -Wimplicit-fallthrough)
-add_library(ApplianceStorage::warnings ALIAS as_warnings)

@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
+#include <string_view>
+
+#include "core/common/decimal.h"
 
 namespace dsk_supp {
 
@@ -23,36 +25,19 @@ bool ReadAttribute(const std::string& path, std::string& text) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
   char buffer[64];
-  ssize_t got;
-  do {
-    got = ::read(fd, buffer, sizeof buffer - 1);
-  } while (got < 0 && errno == EINTR);
+  const ssize_t got = TEMP_FAILURE_RETRY(::read(fd, buffer, sizeof buffer - 1));
   ::close(fd);
   if (got < 0) return false;
   text.assign(buffer, static_cast<size_t>(got));
   return true;
 }
 
-// Unsigned decimal that fits 32 bits; digits only.
-bool ParseNumber(const char* begin, const char* end, unsigned int& value) {
-  if (begin == end) return false;
-  unsigned long long result = 0;
-  for (const char* p = begin; p != end; ++p) {
-    if (*p < '0' || *p > '9') return false;
-    result = result * 10 + static_cast<unsigned>(*p - '0');
-    if (result > 0xFFFFFFFFull) return false;
-  }
-  value = static_cast<unsigned int>(result);
-  return true;
-}
-
 // "MAJ:MIN" with an optional line feed, as the kernel writes `dev` files.
-bool ParseDevNumbers(std::string text, unsigned int& major, unsigned int& minor) {
-  if (!text.empty() && text.back() == '\n') text.pop_back();
-  size_t colon = text.find(':');
-  if (colon == std::string::npos) return false;
-  const char* s = text.data();
-  return ParseNumber(s, s + colon, major) && ParseNumber(s + colon + 1, s + text.size(), minor);
+bool ParseDevNumbers(std::string_view text, unsigned int& major, unsigned int& minor) {
+  if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+  const size_t colon = text.find(':');
+  if (colon == std::string_view::npos) return false;
+  return Common::ParseDecimal(text.substr(0, colon), major) && Common::ParseDecimal(text.substr(colon + 1), minor);
 }
 
 struct ScsiAddress {
@@ -60,13 +45,11 @@ struct ScsiAddress {
 };
 
 // "H:C:T:L", nothing else.
-bool ParseScsiAddress(const std::string& text, ScsiAddress& address) {
-  const char* p = text.data();
-  const char* end = p + text.size();
+bool ParseScsiAddress(std::string_view text, ScsiAddress& address) {
   for (int i = 0; i < 4; ++i) {
-    const char* stop = (i < 3) ? static_cast<const char*>(std::memchr(p, ':', static_cast<size_t>(end - p))) : end;
-    if (!stop || !ParseNumber(p, stop, address.parts[i])) return false;
-    p = (i < 3) ? stop + 1 : end;
+    const size_t stop = i < 3 ? text.find(':') : text.size();
+    if (stop == std::string_view::npos || !Common::ParseDecimal(text.substr(0, stop), address.parts[i])) return false;
+    text.remove_prefix(i < 3 ? stop + 1 : stop);
   }
   return true;
 }

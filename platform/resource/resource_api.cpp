@@ -13,10 +13,6 @@
 #include <utility>
 #include <vector>
 
-#ifndef AS_RESOURCE_DIR
-#define AS_RESOURCE_DIR "/usr/share/appliance_storage/resources"
-#endif
-
 namespace ResourceApi {
 namespace {
 

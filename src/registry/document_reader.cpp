@@ -3,6 +3,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "core/common/decimal.h"
+#include "core/common/hex_internal.h"
 #include "core/common/message_ids.h"
 #include "registry/document.h"
 #include "registry/errors.h"
@@ -52,13 +54,6 @@ bool IsText(const pugi::xml_node& node) {
   return node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata;
 }
 
-int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
 bool Reader::CheckAttributes(const pugi::xml_node& element, std::initializer_list<const char*> allowed) {
   for (const pugi::xml_attribute& attribute : element.attributes()) {
     bool known = false;
@@ -99,14 +94,11 @@ bool Reader::ReadName(const pugi::xml_node& element, bool required, String& name
 bool Reader::ReadNumber(const pugi::xml_node& element, uint64_t max, uint64_t& number) {
   std::string_view text;
   if (!TextOf(element, text)) return false;
-  if (text.empty() || text.size() > 20) return Fail(element, "malformed number");
-  number = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return Fail(element, "malformed number");
-    const uint64_t digit = static_cast<uint64_t>(c - '0');
-    if (number > (max - digit) / 10) return Fail(element, "number out of range");
-    number = number * 10 + digit;
-  }
+  if (text.empty() || text.size() > 20 || text.find_first_not_of("0123456789") != std::string_view::npos)
+    return Fail(element, "malformed number");
+  uint64_t parsed = 0;
+  if (!Common::ParseDecimal(text, parsed) || parsed > max) return Fail(element, "number out of range");
+  number = parsed;
   return true;
 }
 
@@ -117,7 +109,7 @@ bool Reader::ReadBinary(const pugi::xml_node& element, Binary& bytes) {
   int high = -1;
   for (char c : text) {
     if (c == ' ' || c == '\t' || c == '\r' || c == '\n') continue;
-    const int digit = HexDigit(c);
+    const int digit = Common::HexDigitValue(static_cast<unsigned char>(c));
     if (digit < 0) return Fail(element, "malformed binary data");
     if (high < 0) {
       high = digit;

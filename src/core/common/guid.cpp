@@ -4,6 +4,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "core/common/hex_internal.h"
 #include "core/common/unicode.h"
 
 namespace Common {
@@ -11,13 +12,6 @@ namespace {
 
 constexpr size_t kTextLength = 36;
 constexpr bool IsDash(size_t i) { return i == 8 || i == 13 || i == 18 || i == 23; }
-
-int HexValue(unsigned c) {
-  if (c >= '0' && c <= '9') return static_cast<int>(c - '0');
-  if (c >= 'a' && c <= 'f') return static_cast<int>(c - 'a' + 10);
-  if (c >= 'A' && c <= 'F') return static_cast<int>(c - 'A' + 10);
-  return -1;
-}
 
 // Works on narrow and UTF-16 text alike; units above 0x7F are never hex digits.
 template <class Unit>
@@ -35,8 +29,8 @@ bool ParseText(const Unit* text, size_t length, uint8_t (&bytes)[16]) {
       ++i;
       continue;
     }
-    const int high = HexValue(static_cast<unsigned>(text[i]));
-    const int low = HexValue(static_cast<unsigned>(text[i + 1]));
+    const int high = HexDigitValue(static_cast<unsigned>(text[i]));
+    const int low = HexDigitValue(static_cast<unsigned>(text[i + 1]));
     if (high < 0 || low < 0) return false;
     bytes[out++] = static_cast<uint8_t>(high << 4 | low);
     i += 2;
@@ -65,44 +59,43 @@ String GuidTemplate<Endian>::ToWideString() const {
   return Widen(ToString());
 }
 
-// The text names the value in reading order, whatever the memory layout.
+// Bytes in reading order, most significant first, as the text names them.
 template <class Guid>
-void AssignInTextOrder(const uint8_t (&b)[16], Guid& out) {
+void AssignInReadingOrder(const uint8_t (&b)[16], Guid& out) {
   out.Data1 = static_cast<uint32_t>(b[0]) << 24 | b[1] << 16 | b[2] << 8 | b[3];
   out.Data2 = static_cast<uint16_t>(b[4] << 8 | b[5]);
   out.Data3 = static_cast<uint16_t>(b[6] << 8 | b[7]);
   std::memcpy(out.Data4, b + 8, 8);
 }
 
-template <class Endian>
-bool GuidTemplate<Endian>::Parse(std::string_view text, GuidTemplate& out) noexcept {
+// `out` is left alone when the text does not parse.
+template <class Unit, class Guid>
+bool ParseInto(const Unit* text, size_t length, Guid& out) {
   uint8_t b[16];
-  if (!ParseText(text.data(), text.size(), b)) return false;
-  AssignInTextOrder(b, out);
+  if (!ParseText(text, length, b)) return false;
+  AssignInReadingOrder(b, out);
   return true;
 }
 
 template <class Endian>
+bool GuidTemplate<Endian>::Parse(std::string_view text, GuidTemplate& out) noexcept {
+  return ParseInto(text.data(), text.size(), out);
+}
+
+template <class Endian>
 bool GuidTemplate<Endian>::Parse(const String& text, GuidTemplate& out) noexcept {
-  uint8_t b[16];
-  if (!ParseText(text.data(), text.size(), b)) return false;
-  AssignInTextOrder(b, out);
-  return true;
+  return ParseInto(text.data(), text.size(), out);
 }
 
 template <class Endian>
 GuidTemplate<Endian> GuidTemplate<Endian>::FromBytes(const uint8_t (&b)[16]) noexcept {
   GuidTemplate g;
+  AssignInReadingOrder(b, g);
   if (std::is_same<Endian, LittleEndian>::value) {
     g.Data1 = static_cast<uint32_t>(b[3]) << 24 | b[2] << 16 | b[1] << 8 | b[0];
     g.Data2 = static_cast<uint16_t>(b[5] << 8 | b[4]);
     g.Data3 = static_cast<uint16_t>(b[7] << 8 | b[6]);
-  } else {
-    g.Data1 = static_cast<uint32_t>(b[0]) << 24 | b[1] << 16 | b[2] << 8 | b[3];
-    g.Data2 = static_cast<uint16_t>(b[4] << 8 | b[5]);
-    g.Data3 = static_cast<uint16_t>(b[6] << 8 | b[7]);
   }
-  std::memcpy(g.Data4, b + 8, 8);
   return g;
 }
 

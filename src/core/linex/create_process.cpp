@@ -226,10 +226,7 @@ int32_t ChildProcess::Wait() {
 int32_t ChildProcess::WaitProcess(int32_t pid) {
   if (pid <= 0) return -1;
   int status = 0;
-  pid_t result;
-  do {
-    result = waitpid(pid, &status, 0);
-  } while (result == -1 && errno == EINTR);
+  const pid_t result = TEMP_FAILURE_RETRY(waitpid(pid, &status, 0));
   if (result != pid || !WIFEXITED(status)) return -1;
   return WEXITSTATUS(status);
 }

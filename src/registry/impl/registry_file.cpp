@@ -47,13 +47,6 @@ Common::Error AccessError(const std::string& path, int err, const Common::ErrorL
   return error;
 }
 
-int OpenRetrying(const char* path, int flags, mode_t mode = 0) {
-  int fd;
-  do fd = ::open(path, flags, mode);
-  while (fd < 0 && errno == EINTR);
-  return fd;
-}
-
 bool WriteAll(int fd, const std::string& data) {
   size_t done = 0;
   while (done < data.size()) {
@@ -93,7 +86,7 @@ Common::Error RegistryFile::Read(KeyNode& root) const {
 }
 
 Common::Error RegistryFile::ReadWithMode(KeyNode& root, unsigned& mode) const {
-  Descriptor file(OpenRetrying(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  Descriptor file(TEMP_FAILURE_RETRY(::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY)));
   if (file.Get() < 0) {
     if (errno != ENOENT) return AccessError(path_, errno, AS_HERE);
     root = KeyNode();
@@ -126,12 +119,10 @@ Common::Error RegistryFile::ReadWithMode(KeyNode& root, unsigned& mode) const {
 
 Common::Error RegistryFile::Update(const Change& change) const {
   if (const int err = MakeDirectories(directory_)) return AccessError(directory_, err, AS_HERE);
-  Descriptor lock(OpenRetrying(lockPath_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, 0644));
+  Descriptor lock(
+      TEMP_FAILURE_RETRY(::open(lockPath_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, 0644)));
   if (lock.Get() < 0) return AccessError(lockPath_, errno, AS_HERE);
-  int locked;
-  do locked = ::flock(lock.Get(), LOCK_EX);
-  while (locked != 0 && errno == EINTR);
-  if (locked != 0) return AccessError(lockPath_, errno, AS_HERE);
+  if (TEMP_FAILURE_RETRY(::flock(lock.Get(), LOCK_EX)) != 0) return AccessError(lockPath_, errno, AS_HERE);
 
   KeyNode root;
   unsigned mode = kDefaultMode;
@@ -144,8 +135,8 @@ Common::Error RegistryFile::Update(const Change& change) const {
 
 Common::Error RegistryFile::Replace(const std::string& document, unsigned mode) const {
   {
-    Descriptor temp(OpenRetrying(tempPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY,
-                                 0600));
+    Descriptor temp(TEMP_FAILURE_RETRY(
+        ::open(tempPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, 0600)));
     if (temp.Get() < 0) return AccessError(tempPath_, errno, AS_HERE);
     if (::fchmod(temp.Get(), mode) != 0 || !WriteAll(temp.Get(), document) || ::fsync(temp.Get()) != 0 ||
         temp.Close() != 0) {
@@ -160,7 +151,7 @@ Common::Error RegistryFile::Replace(const std::string& document, unsigned mode) 
     return AccessError(path_, err, AS_HERE);
   }
   // The rename itself must reach the disk before we report the change as made.
-  Descriptor directory(OpenRetrying(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  Descriptor directory(TEMP_FAILURE_RETRY(::open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
   if (directory.Get() < 0) return AccessError(directory_, errno, AS_HERE);
   if (::fsync(directory.Get()) != 0 && errno != EINVAL) return AccessError(directory_, errno, AS_HERE);
   return Common::Error();

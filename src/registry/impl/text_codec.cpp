@@ -4,6 +4,7 @@
 
 #include <climits>
 
+#include "core/common/hex_internal.h"
 #include "core/common/unicode.h"
 
 namespace Registry {
@@ -14,13 +15,6 @@ constexpr char kHex[] = "0123456789ABCDEF";
 
 bool IsHighSurrogate(unsigned short unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
 bool IsLowSurrogate(unsigned short unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
-
-int HexDigit(unsigned short c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
 
 void AppendEscape(String& out, unsigned short unit) {
   out.push_back('\\');
@@ -83,7 +77,7 @@ bool DecodeText(std::string_view utf8, String& text) {
     if (raw.size() - i < 6 || raw[i + 1] != 'u') return false;
     unsigned short unit = 0;
     for (size_t k = i + 2; k < i + 6; ++k) {
-      const int digit = HexDigit(raw[k]);
+      const int digit = Common::HexDigitValue(raw[k]);
       if (digit < 0) return false;
       unit = static_cast<unsigned short>((unit << 4) | digit);
     }

@@ -16,9 +16,8 @@
 #include "core/common/assert.h"
 #include "core/common/error.h"
 #include "core/common/message_ids.h"
-#include "core/common/message_text.h"
 #include "core/common/mutex.h"
-#include "core/common/unicode.h"
+#include "processor/format/format_message.h"
 
 namespace Common {
 namespace {
@@ -27,25 +26,11 @@ constexpr const char* kLockDir = "/tmp";
 constexpr uint32_t kCreateFailed = 6;
 constexpr uint32_t kLockFailed = 8;
 
-// The message `id` with its "{0}" filled by the mutex name.
 Error MutexError(uint32_t code, TextFromMessageFile id, const std::string& name, int err,
                  const ErrorLocation& where) {
-  const unsigned short* pattern = GetTextFromMessageFile(id);
-  String text = pattern ? String(pattern) : String();
-  const String placeholder = Str(u"{0}");
-  const size_t at = text.find(placeholder);
-  if (at != String::npos) text.replace(at, placeholder.size(), FromUtf8(name));
-  Error error(code, text, where, {ErrorField("token", name)});
+  Error error(code, Core::FormatMessage(id, name), where, {ErrorField("token", name)});
   error.AddPosixError(err, where);
   return error;
-}
-
-int RetryOnInterrupt(int fd, int operation) {
-  int result;
-  do {
-    result = flock(fd, operation);
-  } while (result == -1 && errno == EINTR);
-  return result;
 }
 
 class SharedMutexImpl final : public SharedMutex {
@@ -60,7 +45,7 @@ class SharedMutexImpl final : public SharedMutex {
   void Lock() override {
     mutex_.Lock();  // held until the matching Unlock
     if (++RecursionCount > 1) return;
-    if (RetryOnInterrupt(fd_, LOCK_EX) != 0) {
+    if (TEMP_FAILURE_RETRY(flock(fd_, LOCK_EX)) != 0) {
       const int err = errno;
       AS_ASSERT(!"flock error");
       throw MutexError(kLockFailed, Messages::FailedToLockSharedMutex, name_, err, AS_LOCATION("Ctrl", __LINE__));
@@ -70,7 +55,7 @@ class SharedMutexImpl final : public SharedMutex {
   void Unlock() override {
     AS_ASSERT(RecursionCount || !"Already unlocked");
     if (RecursionCount == 0) return;
-    if (--RecursionCount == 0 && RetryOnInterrupt(fd_, LOCK_UN) != 0) {
+    if (--RecursionCount == 0 && TEMP_FAILURE_RETRY(flock(fd_, LOCK_UN)) != 0) {
       const int err = errno;
       AS_ASSERT(!"flock error");
       throw MutexError(kLockFailed, Messages::FailedToLockSharedMutex, name_, err, AS_LOCATION("Ctrl", __LINE__));

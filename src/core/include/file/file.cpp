@@ -9,23 +9,22 @@
 #include <utility>
 
 #include "core/common/message_ids.h"
-#include "core/common/message_text.h"
-#include "core/common/unicode.h"
+#include "processor/format/format_message.h"
 
 namespace FileSystem {
 namespace {
 
-const unsigned short* MessageOf(uint32_t code) {
+TextFromMessageFile MessageOf(uint32_t code) {
   switch (code) {
-    case kErrorDiskFull: return GetTextFromMessageFile(Messages::DiskIsFull);
-    case kErrorOpen: return GetTextFromMessageFile(Messages::FileOpenFailed);
-    case kErrorRead: return GetTextFromMessageFile(Messages::FileReadFailed);
-    case kErrorWrite: return GetTextFromMessageFile(Messages::FileWriteFailed);
-    case kErrorDirectoryOpen: return GetTextFromMessageFile(Messages::DirectoryOpenFailed);
-    case kErrorDirectoryRead: return GetTextFromMessageFile(Messages::DirectoryReadFailed);
-    case kErrorDirectoryCreate: return GetTextFromMessageFile(Messages::DirectoryCreateFailed);
-    case kErrorDirectoryRemove: return GetTextFromMessageFile(Messages::DirectoryRemoveFailed);
-    default: return GetTextFromMessageFile(Messages::InvalidFileObject);
+    case kErrorDiskFull: return Messages::DiskIsFull;
+    case kErrorOpen: return Messages::FileOpenFailed;
+    case kErrorRead: return Messages::FileReadFailed;
+    case kErrorWrite: return Messages::FileWriteFailed;
+    case kErrorDirectoryOpen: return Messages::DirectoryOpenFailed;
+    case kErrorDirectoryRead: return Messages::DirectoryReadFailed;
+    case kErrorDirectoryCreate: return Messages::DirectoryCreateFailed;
+    case kErrorDirectoryRemove: return Messages::DirectoryRemoveFailed;
+    default: return Messages::InvalidFileObject;
   }
 }
 
@@ -53,8 +52,7 @@ EntryKind KindOf(int dirfd, const char* name, unsigned char type) {
 }  // namespace
 
 Common::Error MakeError(uint32_t code, const std::string& path, int err, const Common::ErrorLocation& where) {
-  const unsigned short* text = MessageOf(code);
-  Common::Error e(code, String(text, Common::Length(text)), where, {{"path", path}});
+  Common::Error e(code, Core::FormatMessage(MessageOf(code)), where, {{"path", path}});
   if (err != 0) e.AddPosixError(err, where);
   return e;
 }
@@ -78,7 +76,7 @@ File::~File() {
 
 Common::Error File::Open(const std::string& path, Mode mode, File& out) {
   const int fd = ::open(path.c_str(), (mode == kRead ? O_RDONLY : O_WRONLY) | O_CLOEXEC | O_NOCTTY);
-  if (fd < 0) return MakeError(kErrorOpen, path, errno, AS_LOCATION_AT("core/include/file/file", "Open", __LINE__));
+  if (fd < 0) return MakeError(kErrorOpen, path, errno, AS_LOCATION("Open", __LINE__));
   File opened;
   opened.fd_ = fd;
   opened.path_ = path;
@@ -87,23 +85,17 @@ Common::Error File::Open(const std::string& path, Mode mode, File& out) {
 }
 
 Common::Error File::Read(void* buffer, size_t limit, size_t& count) {
-  ssize_t n;
-  do {
-    n = ::read(fd_, buffer, limit);
-  } while (n < 0 && errno == EINTR);
-  if (n < 0) return MakeError(kErrorRead, path_, errno, AS_LOCATION_AT("core/include/file/file", "Read", __LINE__));
+  const ssize_t n = TEMP_FAILURE_RETRY(::read(fd_, buffer, limit));
+  if (n < 0) return MakeError(kErrorRead, path_, errno, AS_LOCATION("Read", __LINE__));
   count = static_cast<size_t>(n);
   return Common::Error();
 }
 
 Common::Error File::Write(const void* data, size_t size) {
-  ssize_t n;
-  do {
-    n = ::write(fd_, data, size);
-  } while (n < 0 && errno == EINTR);
-  if (n < 0) return MakeError(kErrorWrite, path_, errno, AS_LOCATION_AT("core/include/file/file", "Write", __LINE__));
+  const ssize_t n = TEMP_FAILURE_RETRY(::write(fd_, data, size));
+  if (n < 0) return MakeError(kErrorWrite, path_, errno, AS_LOCATION("Write", __LINE__));
   if (static_cast<size_t>(n) < size)
-    return MakeError(kErrorDiskFull, path_, 0, AS_LOCATION_AT("core/include/file/file", "Write", __LINE__));
+    return MakeError(kErrorDiskFull, path_, 0, AS_LOCATION("Write", __LINE__));
   return Common::Error();
 }
 
@@ -123,7 +115,7 @@ std::unique_ptr<Directory> Directory::Open(const std::string& path, Common::Erro
   if (stream == nullptr) {
     const int err = errno;
     if (fd >= 0) ::close(fd);
-    if (error) *error = MakeError(kErrorDirectoryOpen, path, err, AS_LOCATION_AT("core/include/file/file", "Open", __LINE__));
+    if (error) *error = MakeError(kErrorDirectoryOpen, path, err, AS_LOCATION("Open", __LINE__));
     return nullptr;
   }
   return std::unique_ptr<Directory>(new Directory(stream, path));
@@ -141,7 +133,7 @@ bool Directory::Next(Entry& entry) {
     if (d == nullptr) {
       if (errno != 0) {
         status_ = kErrorDirectoryRead;
-        lastError_ = MakeError(kErrorDirectoryRead, path_, errno, AS_LOCATION_AT("core/include/file/file", "Next", __LINE__));
+        lastError_ = MakeError(kErrorDirectoryRead, path_, errno, AS_LOCATION("Next", __LINE__));
       } else {
         status_ = kStatusEndOfDirectory;
       }
@@ -165,14 +157,14 @@ bool Directory::Lookup(const std::string& name, EntryKind* kind) {
 bool Directory::CreateDir(const std::string& name) {
   if (::mkdirat(::dirfd(static_cast<DIR*>(stream_)), name.c_str(), 0777) == 0) return true;
   lastError_ = MakeError(kErrorDirectoryCreate, Join(path_, name), errno,
-                         AS_LOCATION_AT("core/include/file/file", "CreateDir", __LINE__));
+                         AS_LOCATION("CreateDir", __LINE__));
   return false;
 }
 
 bool Directory::RemoveDir(const std::string& name) {
   if (::unlinkat(::dirfd(static_cast<DIR*>(stream_)), name.c_str(), AT_REMOVEDIR) == 0) return true;
   lastError_ = MakeError(kErrorDirectoryRemove, Join(path_, name), errno,
-                         AS_LOCATION_AT("core/include/file/file", "RemoveDir", __LINE__));
+                         AS_LOCATION("RemoveDir", __LINE__));
   return false;
 }
 

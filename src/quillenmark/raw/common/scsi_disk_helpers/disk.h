@@ -4,8 +4,8 @@
 // SCSI::DiskSubsystem lists the disks that sit on hosts of a known adapter kind,
 // rescans hosts and disks, and adds or removes a disk, waiting (up to ten minutes)
 // until the kernel reports the change. Get one from SCSI::CreateDiskSubsystem(); each
-// call makes a new object. Operations return their Common::Error; only creation
-// throws.
+// call makes a new object. Operations return their Common::Error (codes in
+// errors.h); only creation throws.
 //
 // Between processes, disk work is serialised through Lock(): the returned pointer
 // holds the inter-process lock "SCSISubsystemLocker" for as long as any copy of it

@@ -7,17 +7,14 @@
 #include "core/common/message_ids.h"
 #include "core/common/unicode.h"
 #include "core/trace/trace_tools.h"
-#include "processor/format/format_string.h"
-#include "quillenmark/raw/common/scsi_disk_helpers/impl/utils.h"
+#include "processor/format/format_message.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/errors.h"
 #include "registry/roots.h"
 #include "resource_api.h"
 
 namespace SCSI {
 namespace Detail {
 namespace {
-
-constexpr int32_t kTraceCode = 83;
-constexpr uint32_t kErrorDisk = 0x530040;
 
 const String& AttributesRootPath() {
   static const String path = [] {
@@ -60,7 +57,7 @@ Common::Error LoadDiskAttributes(const GUID& id, DiskAttributes& attributes) {
     attributes.swap(loaded);
     return Common::Error();
   } catch (const Common::Error& e) {
-    return Common::Error(kErrorDisk, Core::FormatString(MessageText(Messages::FailedToGetDiskAttributes), text),
+    return Common::Error(kErrorDisk, Core::FormatMessage(Messages::FailedToGetDiskAttributes, text),
                          AS_LOCATION("GetDiskAttributes", 131))
         .WithCause(e);
   }
@@ -85,11 +82,11 @@ void SyncDisksAttributes(const std::vector<Disk>& disks) {
     for (String& name : children)
       if (present.count(name) == 0) orphans.insert(std::move(name));
     for (const String& name : orphans) {
-      TraceTools::DbgTraceInfo(kTraceCode, MessageText(Messages::DroppingOrphanedAttributeNode));
+      TraceTools::DbgTraceInfo(kTraceCode, GetTextFromMessageFile(Messages::DroppingOrphanedAttributeNode));
       if (Common::Error e = root.DeleteChild(name)) throw e;
     }
   } catch (const Common::Error& e) {
-    throw Common::Error(kErrorDisk, MessageText(Messages::FailedToSyncDiskAttributes),
+    throw Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::FailedToSyncDiskAttributes),
                         AS_LOCATION("SyncDisksAttributes", 162))
         .WithCause(e);
   }

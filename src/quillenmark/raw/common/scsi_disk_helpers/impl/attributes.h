@@ -22,14 +22,14 @@ using DiskAttributes = std::map<String, String>;
 Registry::Key OpenAttributesRoot();
 
 // Fills `attributes` from the disk's record; a disk without one has none. Returns
-// 0x530040 with the cause when the record cannot be read.
+// kErrorDisk with the cause when the record cannot be read.
 Common::Error LoadDiskAttributes(const GUID& id, DiskAttributes& attributes);
 
 // The attribute's value, absent when the disk has no such attribute or its record
 // cannot be read: an unreadable record hides nothing.
 std::optional<String> GetDiskAttributes(const GUID& id, const String& name);
 
-// Deletes the record of every disk not in `disks`. Throws 0x530040 with the cause.
+// Deletes the record of every disk not in `disks`. Throws kErrorDisk with the cause.
 void SyncDisksAttributes(const std::vector<Disk>& disks);
 
 }  // namespace Detail

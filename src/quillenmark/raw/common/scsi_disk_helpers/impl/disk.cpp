@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "core/common/decimal.h"
 #include "core/common/message_ids.h"
 #include "core/common/shared_mutex.h"
 #include "core/common/unicode.h"
@@ -14,8 +15,9 @@
 #include "core/linex/linux_misc.h"
 #include "core/trace/trace_tools.h"
 #include "dsk_supp.h"
-#include "processor/format/format_string.h"
+#include "processor/format/format_message.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/disk.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/errors.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/host.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/notification.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/utils.h"
@@ -32,10 +34,6 @@ DiskSubsystem::~DiskSubsystem() = default;
 
 namespace {
 
-using Detail::MessageText;
-
-constexpr int32_t kTraceCode = 83;
-constexpr uint32_t kErrorDisk = 0x530040;
 constexpr uint32_t kChangeTimeoutMs = 600000;  // ten minutes
 constexpr char kSerialCommand[] = "scsi_id --page=0x83 --export --whitelisted --device=";
 constexpr char kSerialKey[] = "ID_SCSI_SERIAL=";
@@ -44,7 +42,6 @@ constexpr char kSerialKey[] = "ID_SCSI_SERIAL=";
 const std::string kRunning = "running";
 const std::string kOffline = "offline";
 const std::string kDevPrefix = "/dev/";
-const String kStatePattern = Common::Str(u"/sys/block/{0}/device/state");
 
 // Traces how long an operation took, but only when it is left by an exception; a
 // normal exit is not worth a line.
@@ -57,7 +54,7 @@ class OperationTimer {
     const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start_);
     char text[32];
     std::snprintf(text, sizeof text, "%lld ms", static_cast<long long>(elapsed.count()));
-    TraceTools::DbgTraceInfo(kTraceCode, MessageText(Messages::OperationTime), name_, text);
+    TraceTools::DbgTraceInfo(kTraceCode, GetTextFromMessageFile(Messages::OperationTime), name_, text);
   }
 
  private:
@@ -72,7 +69,7 @@ void TraceErrorObject(Common::EventLevel level, const Common::Error& error) {
 }
 
 Common::Error InvalidWalk(const Common::ErrorLocation& where, FileSystem::Directory& dir) {
-  return Common::Error(FileSystem::kErrorInvalidFileObject, MessageText(Messages::InvalidFileObject), where)
+  return Common::Error(FileSystem::kErrorInvalidFileObject, GetTextFromMessageFile(Messages::InvalidFileObject), where)
       .WithCause(dir.TakeLastError());
 }
 
@@ -100,7 +97,7 @@ bool SplitAddress(const std::string& entry, uint32_t& host, uint32_t& target) {
   for (size_t colon; (colon = rest.find(':')) != std::string_view::npos; rest.remove_prefix(colon + 1))
     parts.push_back(rest.substr(0, colon));
   parts.push_back(rest);
-  return parts.size() == 4 && Detail::ParseUnsigned(parts[0], host) && Detail::ParseUnsigned(parts[2], target);
+  return parts.size() == 4 && Common::ParseDecimal(parts[0], host) && Common::ParseDecimal(parts[2], target);
 }
 
 class DiskSubsystemImpl : public DiskSubsystem, public std::enable_shared_from_this<DiskSubsystemImpl> {
@@ -124,10 +121,10 @@ class DiskSubsystemImpl : public DiskSubsystem, public std::enable_shared_from_t
 DiskSubsystemImpl::DiskSubsystemImpl() : mutex_(Common::SharedMutex::Create("SCSISubsystemLocker")) {
   dsk_supp::ecodes code = dsk_supp::ec_ok;
   if (!dsk_supp::InitInternals(code))
-    throw Common::Error(kErrorDisk, MessageText(Messages::FailedToInitializeDiskSubsystem),
+    throw Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::FailedToInitializeDiskSubsystem),
                         AS_LOCATION("DiskSubsystemImpl", 333));
   if (dsk_supp::Instance.load() == nullptr)
-    throw Common::Error(kErrorDisk, MessageText(Messages::FailedToInitializeDiskSubsystem),
+    throw Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::FailedToInitializeDiskSubsystem),
                         AS_LOCATION("DiskSubsystemImpl", 338));
 }
 
@@ -151,7 +148,8 @@ Common::Error DiskSubsystemImpl::Refresh() {
     }
     return Common::Error();
   } catch (const Common::Error& e) {
-    return Common::Error(kErrorDisk, MessageText(Messages::FailedToRefreshScsiSubsystem), AS_LOCATION("Refresh", 366))
+    return Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::FailedToRefreshScsiSubsystem),
+                         AS_LOCATION("Refresh", 366))
         .WithCause(e);
   }
 }
@@ -161,7 +159,8 @@ Common::Error DiskSubsystemImpl::Enumerate(std::vector<Disk>& disks) {
     EnumerateDisks(disks);
     return Common::Error();
   } catch (const Common::Error& e) {
-    return Common::Error(kErrorDisk, MessageText(Messages::FailedToEnumerateDisks), AS_LOCATION("Enumerate", 430))
+    return Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::FailedToEnumerateDisks),
+                         AS_LOCATION("Enumerate", 430))
         .WithCause(e);
   }
 }
@@ -214,13 +213,13 @@ void DiskSubsystemImpl::EnumerateDisks(std::vector<Disk>& out) {
 
 bool DiskSubsystemImpl::IsDiskOffline(const std::string& name) {
   std::vector<uint8_t> buffer;
-  const size_t count = Detail::ReadFile(Common::ToUtf8(Core::FormatString(kStatePattern, name)), buffer, 32);
+  const size_t count = Detail::ReadFile(Core::FormatString("/sys/block/{0}/device/state", name), buffer, 32);
   const std::string state(reinterpret_cast<const char*>(buffer.data()), count);
   if (state.find(kOffline) != std::string::npos) return true;
   if (state.find(kRunning) == std::string::npos) {
     // An unknown state never fails the enumeration: the disk counts as online.
     TraceErrorObject(Common::EventLevelNotice,
-                     Common::Error(kErrorDisk, Core::FormatString(MessageText(Messages::ScsiDiskUnknownState), name, state),
+                     Common::Error(kErrorDisk, Core::FormatMessage(Messages::ScsiDiskUnknownState, name, state),
                                    AS_LOCATION("IsDiskOffline", 120)));
   }
   return false;
@@ -229,7 +228,7 @@ bool DiskSubsystemImpl::IsDiskOffline(const std::string& name) {
 Common::Error DiskSubsystemImpl::GetScsiSerialID(const String& devicePath, GUID& id) {
   FILE* stream = POpen(kSerialCommand + ShellWord(Common::ToUtf8(devicePath)), "rt");
   if (stream == nullptr)
-    return Common::Error(0x530113, Core::FormatString(MessageText(Messages::FailedToGetScsiId), devicePath),
+    return Common::Error(kErrorScsiIdFailed, Core::FormatMessage(Messages::FailedToGetScsiId, devicePath),
                          AS_LOCATION("GetScsiSerialID", 499));
   std::string value;
   bool seen = false;
@@ -256,7 +255,7 @@ Common::Error DiskSubsystemImpl::GetScsiSerialID(const String& devicePath, GUID&
     return Common::Error();
   }
   TraceErrorObject(Common::EventLevelNotice,
-                   Common::Error(0x530114, Core::FormatString(MessageText(Messages::ScsiIdIsEmpty), devicePath),
+                   Common::Error(kErrorScsiIdEmpty, Core::FormatMessage(Messages::ScsiIdIsEmpty, devicePath),
                                  AS_LOCATION("GetScsiSerialID", 538)));
   id = GUID();
   return Common::Error();
@@ -270,13 +269,17 @@ Common::Error DiskSubsystemImpl::AddDisk(const Disk& disk, String& name) {
     auto handler = std::make_shared<Detail::AddDiskHandler>(expected);
     OperationTimer timer("DiskSubsystemImpl::AddDisk");
     if (!WaitForChange(handler))
-      throw Common::Error(kErrorDisk, MessageText(Messages::CannotFindAttachedDisks), AS_LOCATION("AddDisk", 447));
+      throw Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::CannotFindAttachedDisks),
+                          AS_LOCATION("AddDisk", 447));
     const std::string& node = handler->Volume().DevNode;
     const size_t slash = node.rfind('/');
     name = Common::Widen(slash == std::string::npos ? node : node.substr(slash + 1));
     return Common::Error();
   } catch (const Common::Error& e) {
-    return Common::Error(kErrorDisk, Core::FormatString(MessageText(Messages::FailedToAddScsiDisk), disk.host, disk.target),
+    // Host and target numbers stay plain digits in every locale.
+    return Common::Error(kErrorDisk,
+                         Core::FormatMessage(Messages::FailedToAddScsiDisk, std::to_string(disk.host),
+                                             std::to_string(disk.target)),
                          AS_LOCATION("AddDisk", 456))
         .WithCause(e);
   }
@@ -289,14 +292,16 @@ Common::Error DiskSubsystemImpl::RemoveDisk(const Disk& disk) {
     dsk_supp::index_t index = 0;
     if (!dsk_supp::IndexbyDevName(volume, dsk_supp::mt_disk, index) ||
         !dsk_supp::VolIDbyIndex(index, dsk_supp::mt_disk, volume))
-      throw Common::Error(kErrorDisk, MessageText(Messages::CannotFindAttachedDisks), AS_LOCATION("RemoveDisk", 474));
+      throw Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::CannotFindAttachedDisks),
+                          AS_LOCATION("RemoveDisk", 474));
     auto handler = std::make_shared<Detail::RemoveDiskHandler>(disk.name, volume.Major, volume.Minor);
     OperationTimer timer("DiskSubsystemImpl::RemoveDisk");
     if (!WaitForChange(handler))
-      throw Common::Error(kErrorDisk, MessageText(Messages::DiskSubsystemUpdateTimedOut), AS_LOCATION("RemoveDisk", 483));
+      throw Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::DiskSubsystemUpdateTimedOut),
+                          AS_LOCATION("RemoveDisk", 483));
     return Common::Error();
   } catch (const Common::Error& e) {
-    return Common::Error(kErrorDisk, Core::FormatString(MessageText(Messages::FailedToDeleteScsiDisk), disk.name),
+    return Common::Error(kErrorDisk, Core::FormatMessage(Messages::FailedToDeleteScsiDisk, disk.name),
                          AS_LOCATION("RemoveDisk", 490))
         .WithCause(e);
   }

@@ -7,9 +7,11 @@
 #include <vector>
 
 #include "core/common/assert.h"
+#include "core/common/decimal.h"
 #include "core/common/message_ids.h"
 #include "core/include/file/file.h"
 #include "processor/format/format_string.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/errors.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/utils.h"
 
 namespace SCSI {
@@ -65,11 +67,11 @@ void EnumerateHosts(HostTable& table) {
         continue;
       }
       uint32_t number = 0;
-      if (entry.name.compare(0, 4, "host") == 0 && ParseUnsigned(std::string_view(entry.name).substr(4), number))
+      if (entry.name.compare(0, 4, "host") == 0 && Common::ParseDecimal(std::string_view(entry.name).substr(4), number))
         hosts[number] = *type;
     }
     if (dir->Status() != FileSystem::kStatusEndOfDirectory)
-      throw Common::Error(FileSystem::kErrorInvalidFileObject, MessageText(Messages::InvalidFileObject),
+      throw Common::Error(FileSystem::kErrorInvalidFileObject, GetTextFromMessageFile(Messages::InvalidFileObject),
                           AS_LOCATION("EnumerateHosts", 88))
           .WithCause(dir->TakeLastError());
   }
@@ -79,7 +81,8 @@ void EnumerateHosts(HostTable& table) {
 void RefreshHost(unsigned int host) {
   const std::string scan = Core::FormatString("/sys/class/scsi_host/host{0}/scan", host);
   if (Common::Error e = WriteCommand(scan, "- - -\n"))
-    throw Common::Error(0x530040, MessageText(Messages::InternalError), AS_LOCATION("RefreshHost", 137)).WithCause(e);
+    throw Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::InternalError), AS_LOCATION("RefreshHost", 137))
+        .WithCause(e);
 }
 
 }  // namespace Detail

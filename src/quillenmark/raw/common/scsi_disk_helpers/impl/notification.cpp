@@ -2,18 +2,17 @@
 
 #include <cstdio>
 
+#include "core/common/message_ids.h"
 #include "core/trace/trace_tools.h"
 #include "lx_supp.h"
 #include "processor/format/format_string.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/errors.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/host.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/utils.h"
-#include "core/common/message_ids.h"
 
 namespace SCSI {
 namespace Detail {
 namespace {
-
-constexpr int32_t kTraceCode = 83;
 
 void OnSnapMessages(const LinuxEx::snap_message* messages, void* context) {
   static_cast<DiskNotificationProxy*>(context)->Deliver(messages);
@@ -63,7 +62,7 @@ std::shared_ptr<DiskNotificationProxy> DiskNotificationProxy::Obtain() {
   if (std::shared_ptr<DiskNotificationProxy> live = gProxy.lock()) return live;
   std::shared_ptr<DiskNotificationProxy> proxy(new DiskNotificationProxy);
   if (const int err = LinuxEx::RegisterSnapApiCallBack(OnSnapMessages, proxy.get())) {
-    Common::Error e(0x530040, MessageText(Messages::InternalError), AS_HERE);
+    Common::Error e(kErrorDisk, GetTextFromMessageFile(Messages::InternalError), AS_HERE);
     e.AddPosixError(err, AS_HERE);
     throw e;
   }
