@@ -1,13 +1,11 @@
 // Device notifications: which records of a batch are offered, who claims them, and
 // the proxy's registration with the driver library. Batches are handed to the proxy
 // directly; the handlers' waits use short time-outs instead of ten minutes.
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <array>
+#include <filesystem>
 #include <mutex>
-#include <utility>
-#include <vector>
 
 #include "core/common/unicode.h"
 #include "fake_machine.h"
@@ -53,12 +51,8 @@ std::vector<LinuxEx::snap_message> Batch(std::initializer_list<std::array<uint32
 }
 
 size_t Threads() {
-  size_t n = 0;
-  if (DIR* d = opendir("/proc/self/task")) {
-    while (const dirent* e = readdir(d)) n += e->d_name[0] != '.';
-    closedir(d);
-  }
-  return n;
+  const std::filesystem::directory_iterator tasks("/proc/self/task");
+  return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
 }
 
 TEST(Notifications, OnlyUpdatedDevicesBeforeTheEndAreOffered) {
