@@ -77,7 +77,7 @@ TEST_F(RegistryTest, ValuesAndChildrenOfAKey) {
       {Str(u"B"), Registry::Binary{0, 1, 0xFE}},
       {Str(u"a"), uint64_t{1} << 63},
       {Str(u"\U0001F600"), uint32_t{0xFFFFFFFF}},
-      {Str(u"\uFFFD"), String{'x', 0, 0xDC00, '\n'}},
+      {Str(u"\uFFFD"), String{'x', 0, 0xDC00, 0xFFFE, '\n'}},
   };
   std::vector<String> names;  // in unit order, as they come
   for (const auto& [name, value] : values) {
@@ -99,6 +99,7 @@ TEST_F(RegistryTest, ValuesAndChildrenOfAKey) {
   ASSERT_FALSE(key.OpenChild(Str(u"\U0001F600"), child));
   EXPECT_EQ(child.GetPath(), Str(u"HKEY_LOCAL_MACHINE\\Software\\Zemlora\\\U0001F600"));
   EXPECT_EQ(key.OpenChild(Str(u"b"), child).GetCode(), Registry::kErrorKeyNotFound);  // names are exact
+  EXPECT_EQ(File().find("\xEF\xBF\xBE"), std::string::npos);  // U+FFFE is no XML character
 
   Value read;
   ASSERT_FALSE(key.SetValue(String(), uint32_t{7}));  // a value may change its type
