@@ -64,18 +64,6 @@ DiskSpec& FakeMachine::Disk(const std::string& name) {
   return *disks_.back();
 }
 
-DiskSpec& FakeMachine::VirtioDisk(const std::string& name) {
-  DiskSpec& disk = Disk(name);
-  disk.kind_ = DiskSpec::Kind::Virtio;
-  return disk;
-}
-
-DiskSpec& FakeMachine::LoopDevice(const std::string& name) {
-  DiskSpec& disk = Disk(name);
-  disk.kind_ = DiskSpec::Kind::Loop;
-  return disk;
-}
-
 void FakeMachine::Build() {
   for (; builtHosts_ < hosts_.size(); ++builtHosts_) {
     const auto& [number, procName] = hosts_[builtHosts_];
@@ -90,7 +78,7 @@ void FakeMachine::Build() {
 void FakeMachine::BuildDisk(const DiskSpec& disk) {
   const std::string& name = disk.name_;
   std::string blockDir = "/sys/devices/virtual/block/" + name;
-  if (disk.kind_ == DiskSpec::Kind::Scsi) {
+  if (name.compare(0, 2, "sd") == 0) {
     const std::vector<unsigned>& a = disk.address_;
     const std::string target = std::to_string(a[0]) + ":" + std::to_string(a[1]) + ":" + std::to_string(a[2]);
     const std::string address = target + ":" + std::to_string(a[3]);
@@ -101,7 +89,7 @@ void FakeMachine::BuildDisk(const DiskSpec& disk) {
       fs::create_directories(device + "/scsi_disk/" + entry);
     blockDir = device + "/block/" + name;
     RelativeSymlink(device, blockDir + "/device");
-  } else if (disk.kind_ == DiskSpec::Kind::Virtio) {
+  } else if (name.compare(0, 2, "vd") == 0) {
     const std::string index = std::to_string(name[2] - 'a');
     const std::string device = "/sys/devices/pci0000:00/0000:00:0" + index + ".0/virtio" + index;
     blockDir = device + "/block/" + name;

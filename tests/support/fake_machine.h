@@ -52,7 +52,6 @@ class DiskSpec {
 
  private:
   friend class FakeMachine;
-  enum class Kind { Scsi, Virtio, Loop };
   template <class T, class V>
   DiskSpec& Set(T& field, V&& value) {
     field = std::forward<V>(value);
@@ -60,7 +59,6 @@ class DiskSpec {
   }
 
   std::string name_;
-  Kind kind_ = Kind::Scsi;
   std::vector<unsigned> address_ = {0, 0, 0, 0};
   uint64_t bytes_ = 1_GiB;
   std::string state_ = "running\n";
@@ -87,9 +85,8 @@ class FakeMachine {
 
   FakeMachine& Host(unsigned number, std::string procName);  // proc_name verbatim
   FakeMachine& HostWithoutProcName(unsigned number);
-  DiskSpec& Disk(const std::string& name);        // SCSI disk (sd*)
-  DiskSpec& VirtioDisk(const std::string& name);  // vda, not SCSI
-  DiskSpec& LoopDevice(const std::string& name);  // loop0
+  // The name decides the kind: sdX a SCSI disk, vdX a virtio disk, loopN a loop device.
+  DiskSpec& Disk(const std::string& name);
   // Writes everything described since the last call.
   void Build();
   // A capture of the appliance VM (tests/vm/fixtures/NAME, relative to the checkout).

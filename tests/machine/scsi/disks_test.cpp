@@ -77,8 +77,8 @@ TEST(Enumerate, OnlyScsiDisksOnKnownHostsSortedByKindHostAndTarget) {
   m.Disk("sdg").At(1, 0, 0, 0);
   m.Disk("sdh").At(4, 0, 7, 0);
   m.Disk("sdi").At(4, 0, 2, 0);
-  m.VirtioDisk("vda");
-  m.LoopDevice("loop0");
+  m.Disk("vda");
+  m.Disk("loop0");
   m.Build();
   const std::vector<SCSI::Disk> disks = List();
   ASSERT_EQ("sdi sdh sda sdg sdb sdf ", Names(disks));

@@ -1,6 +1,7 @@
 #pragma once
 // What the library reports while a test runs: trace events and assertion texts (the
 // program runs with ZEMLORA_SAFE_ASSERT=event).
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -43,29 +44,23 @@ class TraceRecorder : public TraceTools::TraceSubscriber {
 class AssertRecorder {
  public:
   AssertRecorder() {
-    std::lock_guard<std::mutex> guard(Mutex());
-    Texts().clear();
+    std::lock_guard<std::mutex> guard(mutex_);
+    texts_.clear();
     Common::SetAssertEventCallback([](int, int, int, const char* text) {
-      std::lock_guard<std::mutex> lock(Mutex());
-      Texts().push_back(text);
+      std::lock_guard<std::mutex> lock(mutex_);
+      texts_.push_back(text);
     });
   }
   ~AssertRecorder() { Common::SetAssertEventCallback(nullptr); }
   // Assertions whose text ends in `end` ("host, line 115"); all of them for "".
   size_t Count(const std::string& end = "") const {
-    std::lock_guard<std::mutex> lock(Mutex());
-    size_t n = 0;
-    for (const std::string& t : Texts()) n += t.size() >= end.size() && t.compare(t.size() - end.size(), end.size(), end) == 0;
-    return n;
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::count_if(texts_.begin(), texts_.end(), [&](const std::string& t) {
+      return t.size() >= end.size() && t.compare(t.size() - end.size(), end.size(), end) == 0;
+    });
   }
 
  private:
-  static std::mutex& Mutex() {
-    static std::mutex mutex;
-    return mutex;
-  }
-  static std::vector<std::string>& Texts() {
-    static std::vector<std::string> texts;
-    return texts;
-  }
+  static inline std::mutex mutex_;
+  static inline std::vector<std::string> texts_;
 };

@@ -42,7 +42,7 @@ TEST(DskSupp, NamesAndNumbersLeadToTheAddress) {
   m.Disk("sdb").At(5, 0, 9, 0).ScsiDiskEntries({"junk", "7:0:3:0"});
   m.Disk("sdc").At(6, 0, 2, 0).NoScsiDisk();
   m.Disk("sdd").At(6, 0, 4, 0).ScsiDiskEntries({"1:2:3"});
-  m.VirtioDisk("vda");
+  m.Disk("vda");
   m.Build();
   const unsigned kNone = dsk_supp::kNoScsiAddress;
   const struct {
