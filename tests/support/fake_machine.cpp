@@ -49,21 +49,6 @@ FakeMachine::~FakeMachine() {
   g_live = false;
 }
 
-FakeMachine& FakeMachine::Host(unsigned number, std::string procName) {
-  hosts_.emplace_back(number, std::move(procName));
-  return *this;
-}
-
-FakeMachine& FakeMachine::HostWithoutProcName(unsigned number) {
-  hosts_.emplace_back(number, std::nullopt);
-  return *this;
-}
-
-DiskSpec& FakeMachine::Disk(const std::string& name) {
-  disks_.push_back(std::make_unique<DiskSpec>(name));
-  return *disks_.back();
-}
-
 void FakeMachine::Build() {
   for (; builtHosts_ < hosts_.size(); ++builtHosts_) {
     const auto& [number, procName] = hosts_[builtHosts_];

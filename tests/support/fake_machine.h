@@ -83,10 +83,13 @@ class FakeMachine {
   FakeMachine(const FakeMachine&) = delete;
   FakeMachine& operator=(const FakeMachine&) = delete;
 
-  FakeMachine& Host(unsigned number, std::string procName);  // proc_name verbatim
-  FakeMachine& HostWithoutProcName(unsigned number);
+  FakeMachine& Host(unsigned number, std::optional<std::string> procName) {  // verbatim
+    hosts_.emplace_back(number, std::move(procName));
+    return *this;
+  }
+  FakeMachine& HostWithoutProcName(unsigned number) { return Host(number, std::nullopt); }
   // The name decides the kind: sdX a SCSI disk, vdX a virtio disk, loopN a loop device.
-  DiskSpec& Disk(const std::string& name);
+  DiskSpec& Disk(const std::string& name) { return *disks_.emplace_back(std::make_unique<DiskSpec>(name)); }
   // Writes everything described since the last call.
   void Build();
   // A capture of the appliance VM (tests/vm/fixtures/NAME, relative to the checkout).
