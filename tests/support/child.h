@@ -54,7 +54,8 @@ inline ShellResult RunShell(const std::string& command) {
   });
   ::close(fds[1]);
   char buffer[4096];
-  for (ssize_t got; (got = ::read(fds[0], buffer, sizeof buffer)) > 0;) result.out.append(buffer, static_cast<size_t>(got));
+  for (ssize_t got; (got = ::read(fds[0], buffer, sizeof buffer)) > 0;)
+    result.out.append(buffer, static_cast<size_t>(got));
   ::close(fds[0]);
   result.status = ExitCode(WaitChild(pid));
   return result;

@@ -36,7 +36,9 @@ class DiskSpec {
   }
   DiskSpec& Size(uint64_t bytes) { return Set(bytes_, bytes); }
   DiskSpec& State(std::string text) { return Set(state_, std::move(text)); }  // verbatim
-  DiskSpec& Dev(unsigned major, unsigned minor) { return Set(dev_, std::to_string(major) + ":" + std::to_string(minor)); }
+  DiskSpec& Dev(unsigned major, unsigned minor) {
+    return Set(dev_, std::to_string(major) + ":" + std::to_string(minor));
+  }
   DiskSpec& Serial(const std::string& serial);  // the ID_SCSI_SERIAL that scsi_id prints
   DiskSpec& ScsiIdOutput(std::string output) { scsiIdStatus_ = 0; return Set(scsiId_, std::move(output)); }
   DiskSpec& ScsiIdFails(int status = 1) { scsiIdStatus_ = status; return Set(scsiId_, std::string()); }

@@ -85,8 +85,9 @@ std::vector<std::string> FakeMachine::CoverTrees() {
     fs::create_directories("/dev/shm");
     for (const auto& [path, fd] : g_kept) {
       const bool device = path.compare(0, 5, "/dev/") == 0;
-      const bool covered = std::any_of(mounted.begin(), mounted.end(),
-                                       [&](const std::string& dir) { return path.compare(0, dir.size() + 1, dir + "/") == 0; });
+      const bool covered = std::any_of(mounted.begin(), mounted.end(), [&](const std::string& dir) {
+        return path.compare(0, dir.size() + 1, dir + "/") == 0;
+      });
       if (!covered || (!device && fs::exists(path + "/."))) continue;
       if (device) WriteText(path, ""); else fs::create_directories(path);
       Mount("/proc/self/fd/" + std::to_string(fd), path, nullptr, MS_BIND | MS_REC);

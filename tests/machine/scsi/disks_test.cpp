@@ -60,8 +60,9 @@ TEST(ScsiHosts, UnknownDriversAreLeftOutAndReportedOnce) {
   EXPECT_EQ((HostTable{{0, SCSI::HostTypeAtaPiix}, {10, SCSI::HostTypeAtaPiix}}), hosts);
   // Once per process for unknown drivers (this program's only such test), every time
   // for a host without proc_name.
-  EXPECT_EQ(1u, asserts.Count("\"Unknown scsi host type\", file quillenmark/raw/common/scsi_disk_helpers/impl/host, line 115"));
-  EXPECT_EQ(2u, asserts.Count("\"No hostN/proc_name entry\", file quillenmark/raw/common/scsi_disk_helpers/impl/host, line 121"));
+  const std::string file = "\", file quillenmark/raw/common/scsi_disk_helpers/impl/host, line ";
+  EXPECT_EQ(1u, asserts.Count("\"Unknown scsi host type" + file + "115"));
+  EXPECT_EQ(2u, asserts.Count("\"No hostN/proc_name entry" + file + "121"));
   EXPECT_EQ(3u, asserts.Count());
 }
 
@@ -109,7 +110,8 @@ TEST(Enumerate, StateDecidesWhetherTheDeviceIsRead) {
   ASSERT_EQ(1u, unknown.size());
   EXPECT_EQ(2, unknown[0].level);
   EXPECT_EQ(83, unknown[0].code);
-  for (const char* part : {"'blocked\n'", "0x530040", "IsDiskOffline(120)"}) EXPECT_NE(std::string::npos, unknown[0].text.find(part)) << part;
+  for (const char* part : {"'blocked\n'", "0x530040", "IsDiskOffline(120)"})
+    EXPECT_NE(std::string::npos, unknown[0].text.find(part)) << part;
 }
 
 TEST(Enumerate, SerialForms) {
@@ -153,7 +155,8 @@ TEST(Enumerate, ADevicePathReachesScsiIdAsOneWord) {
   EXPECT_FALSE(SCSI::CreateDiskSubsystem()->GetScsiSerialID(Common::FromUtf8(path), id));
   EXPECT_TRUE(id.IsNull());
   EXPECT_FALSE(m.Exists("/tmp/ran"));
-  EXPECT_EQ(std::vector<std::string>{"scsi_id --page=0x83 --export --whitelisted --device=" + path}, m.Calls("scsi_id"));
+  EXPECT_EQ(std::vector<std::string>{"scsi_id --page=0x83 --export --whitelisted --device=" + path},
+            m.Calls("scsi_id"));
 }
 
 // Machines as a real kernel showed them: every controller kind of the appliance VM,
@@ -199,7 +202,8 @@ TEST(Subsystem, RefreshScansKnownHostsAndRescansListedDisks) {
   std::string written;
   for (const char* file : {"/sys/class/scsi_host/host0/scan", "/sys/class/scsi_host/host2/scan",
                            "/sys/class/scsi_host/host5/scan", "/sys/block/sda/device/rescan",
-                           "/sys/block/sdb/device/rescan", "/sys/block/sdc/device/rescan", "/sys/block/sda/device/delete"})
+                           "/sys/block/sdb/device/rescan", "/sys/block/sdc/device/rescan",
+                           "/sys/block/sda/device/delete"})
     written += m.ReadFile(file) + "|";
   EXPECT_EQ("- - -\n|- - -\n||- - -\n|- - -\n|||", written);
 }

@@ -79,7 +79,8 @@ TEST(DskSupp, UnknownOddOrRemovedDevicesAreNotFound) {
   dsk_supp::index_t removed, index;
   ASSERT_TRUE(ByName("/dev/sdf", removed));
   m.RemoveDisk("sdf");
-  for (const char* node : {"/dev/sdz", "/dev/sdb1", "/dev/", "", "/dev/..", "/dev/sdc", "/dev/sdd", "/dev/sde", "/dev/sdf"})
+  for (const char* node :
+       {"/dev/sdz", "/dev/sdb1", "/dev/", "", "/dev/..", "/dev/sdc", "/dev/sdd", "/dev/sde", "/dev/sdf"})
     EXPECT_FALSE(ByName(node, index)) << node;
   UnixVolID numbers;
   numbers.Major = 8;
