@@ -1,6 +1,4 @@
 // The disk library stand-in finds disks and their SCSI addresses in sysfs.
-#include <thread>
-
 #include "dsk_supp.h"
 #include "fake_machine.h"
 #include "files.h"
@@ -97,27 +95,6 @@ TEST(DskSupp, UnknownOddOrRemovedDevicesAreNotFound) {
   for (dsk_supp::index_t bad : {(8ull << 32) | 17, (8ull << 32) | 240, removed})
     EXPECT_FALSE(dsk_supp::VolIDbyIndex(bad, dsk_supp::mt_disk, volume));
   EXPECT_EQ("kept", volume.DevNode);
-}
-
-TEST(DskSupp, LookupsFromManyThreadsAgree) {
-  AS_FAKE_MACHINE(m);
-  m.Disk("sdb").At(2, 0, 1, 0);
-  m.Disk("sdc").At(3, 0, 7, 0);
-  m.Build();
-  std::vector<int> wrong(4, 0);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([t, &wrong] {
-      const char* node = t % 2 ? "/dev/sdb" : "/dev/sdc";
-      for (int i = 0; i < 200; ++i) {
-        UnixVolID volume;
-        dsk_supp::ecodes code;
-        wrong[t] += !dsk_supp::InitInternals(code) || !Lookup(node, volume) || volume.DevNode != node;
-      }
-    });
-  }
-  for (std::thread& t : threads) t.join();
-  EXPECT_EQ((std::vector<int>{0, 0, 0, 0}), wrong);
 }
 
 }  // namespace
