@@ -1,13 +1,15 @@
 #pragma once
-// Runs a function in a forked child: tests of locks, assertions and crashes need a
-// second process. The child leaves through _exit, so no test fixture or static
+// Runs a function in a forked child: tests of locks, assertions, crashes and tools need
+// a second process. The child leaves through _exit, so no test fixture or static
 // destructor runs twice.
+#include <fcntl.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <functional>
+#include <string>
 
 namespace TestSupport {
 
@@ -26,11 +28,37 @@ inline int WaitChild(pid_t pid) {
   return status;
 }
 
-// The exit code of `body` run in a child, or 128 + the signal that ended it.
-inline int RunInChild(const std::function<int()>& body) {
-  const int status = WaitChild(StartChild(body));
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
+// The exit code in a wait status, or 128 + the signal that ended the child.
+inline int ExitCode(int status) {
+  if (status != -1 && WIFEXITED(status)) return WEXITSTATUS(status);
+  return status != -1 && WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
+}
+
+// The exit code of `body` run in a child.
+inline int RunInChild(const std::function<int()>& body) { return ExitCode(WaitChild(StartChild(body))); }
+
+struct ShellResult {
+  int status = -1;
+  std::string out;
+};
+
+// `command` run by /bin/sh: its exit code and standard output.
+inline ShellResult RunShell(const std::string& command) {
+  ShellResult result;
+  int fds[2];
+  if (::pipe2(fds, O_CLOEXEC) != 0) return result;
+  const pid_t pid = StartChild([&] {
+    ::dup2(fds[1], 1);
+    ::execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+    return 127;
+  });
+  ::close(fds[1]);
+  char buffer[4096];
+  for (ssize_t got; (got = ::read(fds[0], buffer, sizeof buffer)) > 0;)
+    result.out.append(buffer, static_cast<size_t>(got));
+  ::close(fds[0]);
+  result.status = ExitCode(WaitChild(pid));
+  return result;
 }
 
 }  // namespace TestSupport

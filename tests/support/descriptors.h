@@ -1,6 +1,9 @@
 #pragma once
-// How many descriptors this process holds: leak checks compare it before and after.
+// Descriptors of this process: leak checks compare the count before and after, and a
+// budget makes the next pipe() or open() fail.
 #include <dirent.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace TestSupport {
 
@@ -12,5 +15,25 @@ inline int CountOwnFds() {
   }
   return count;
 }
+
+// While it lives, only `spare` more descriptors can be opened (the limit counts from
+// the lowest free number).
+class DescriptorBudget {
+ public:
+  explicit DescriptorBudget(int spare = 0) {
+    getrlimit(RLIMIT_NOFILE, &saved_);
+    const int lowest = dup(0);
+    close(lowest);
+    rlimit limited = saved_;
+    limited.rlim_cur = static_cast<rlim_t>(lowest + spare);
+    setrlimit(RLIMIT_NOFILE, &limited);
+  }
+  ~DescriptorBudget() { setrlimit(RLIMIT_NOFILE, &saved_); }
+  DescriptorBudget(const DescriptorBudget&) = delete;
+  DescriptorBudget& operator=(const DescriptorBudget&) = delete;
+
+ private:
+  rlimit saved_{};
+};
 
 }  // namespace TestSupport

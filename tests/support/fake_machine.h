@@ -1,32 +1,23 @@
 #pragma once
-// The faked machine: a test describes SCSI hosts, disks, partitions and mounts in a
-// few lines, and the harness builds them as a sysfs tree, device image files and the
-// state of small fake tools, all on tmpfs mounts private to the test process.
+// The faked machine: a test describes SCSI hosts, disks, partitions and mounts in a few
+// lines; the harness builds them as a sysfs tree, device image files and the state of
+// small fake tools, on tmpfs mounts private to the test process (see README.md).
 //
-//   TEST(Disks, Rescan) {
-//     AS_FAKE_MACHINE(m);   // skips the test where the machine cannot be faked
-//     m.Host(0, "ata_piix\n").Host(2, "virtio_scsi\n");
-//     m.Disk("sdb").At(2, 0, 1, 0).Size(12_GiB).Serial("6000c29a1b2c3d4e5f60718293a4b5c6");
-//     m.Build();
-//     ... run library code ...
-//     EXPECT_EQ("- - -\n", m.ReadFile("/sys/class/scsi_host/host2/scan"));
-//   }
+//   AS_FAKE_MACHINE(m);   // skips the test where the machine cannot be faked
+//   m.Host(2, "virtio_scsi\n");
+//   m.Disk("sdb").At(2, 0, 1, 0).Size(12_GiB).Serial("6000c29a1b2c3d4e5f60718293a4b5c6");
+//   m.Build();
 //
-// The process enters its own mount namespace once, in main() (see main.cpp); each
-// FakeMachine mounts fresh tmpfs over /sys, /dev, /mnt, /etc/Zemlora and /tmp and
-// takes them away again when it goes, so every test starts from nothing. Only one
-// FakeMachine may live at a time. Not thread-safe; library code under test may run
-// threads of its own.
-#include <sys/resource.h>
-#include <sys/types.h>
-
+// One FakeMachine at a time; not thread-safe, though the code under test may run threads.
 #include <cstdint>
-#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "sysfs.h"
 
 namespace FakeMachineTesting {
 
@@ -34,133 +25,103 @@ constexpr uint64_t operator""_KiB(unsigned long long n) { return n << 10; }
 constexpr uint64_t operator""_MiB(unsigned long long n) { return n << 20; }
 constexpr uint64_t operator""_GiB(unsigned long long n) { return n << 30; }
 
-struct ScsiAddress {
-  unsigned host = 0, channel = 0, target = 0, lun = 0;
-  std::string Text() const;  // "H:C:T:L"
-};
-
-struct PartitionSpec {
-  unsigned number = 1;
-  uint64_t startSector = 2048;
-  uint64_t sectors = 0;
-};
-
-// One block device. Setters return the description so that a disk is described in one line.
+// One block device, described in one line.
 class DiskSpec {
  public:
-  explicit DiskSpec(std::string name);
+  explicit DiskSpec(std::string name) : name_(std::move(name)) {}
 
-  DiskSpec& At(unsigned host, unsigned channel, unsigned target, unsigned lun);
-  DiskSpec& Size(uint64_t bytes);
-  DiskSpec& State(std::string text);  // device/state, verbatim ("running\n")
-  DiskSpec& Dev(unsigned major, unsigned minor);
-  // ID_SCSI_SERIAL that scsi_id prints for the disk, verbatim.
-  DiskSpec& Serial(std::string serial);
-  // Whole output of scsi_id for the disk, verbatim, replacing the usual lines.
-  DiskSpec& ScsiIdOutput(std::string output);
-  // scsi_id prints nothing on its standard output and exits with `status`.
-  DiskSpec& ScsiIdFails(int status = 1);
-  // Entries of device/scsi_disk instead of the disk's own address.
-  DiskSpec& ScsiDiskEntries(std::vector<std::string> entries);
-  DiskSpec& NoScsiDisk();       // no device/scsi_disk directory
-  DiskSpec& NoImage();          // no /dev node at all
-  DiskSpec& ImageBytes(uint64_t bytes);  // a /dev image shorter than the disk
-  DiskSpec& Partition(unsigned number, uint64_t startSector, uint64_t sectors);
-
-  const std::string& Name() const { return name_; }
+  DiskSpec& At(unsigned host, unsigned channel, unsigned target, unsigned lun) {
+    address_ = {host, channel, target, lun};
+    return *this;
+  }
+  DiskSpec& Size(uint64_t bytes) { return Set(bytes_, bytes); }
+  DiskSpec& State(std::string text) { return Set(state_, std::move(text)); }  // verbatim
+  DiskSpec& Dev(unsigned major, unsigned minor) {
+    return Set(dev_, std::to_string(major) + ":" + std::to_string(minor));
+  }
+  DiskSpec& Serial(const std::string& serial);  // the ID_SCSI_SERIAL that scsi_id prints
+  DiskSpec& ScsiIdOutput(std::string output) { scsiIdStatus_ = 0; return Set(scsiId_, std::move(output)); }
+  DiskSpec& ScsiIdFails(int status = 1) { scsiIdStatus_ = status; return Set(scsiId_, std::string()); }
+  // Entries of device/scsi_disk instead of the disk's own address; none: no directory.
+  DiskSpec& ScsiDiskEntries(std::vector<std::string> entries) { return Set(scsiDisk_, std::move(entries)); }
+  DiskSpec& NoScsiDisk() { return Set(scsiDisk_, std::vector<std::string>{}); }
+  DiskSpec& NoImage() { return Set(image_, false); }                      // no /dev node
+  DiskSpec& ImageBytes(uint64_t bytes) { return Set(imageBytes_, bytes); }  // shorter than the disk
+  DiskSpec& Partition(unsigned number, uint64_t startSector, uint64_t sectors) {
+    partitions_.push_back({number, startSector, sectors});
+    return *this;
+  }
 
  private:
   friend class FakeMachine;
-  enum class Kind { Scsi, Virtio, Loop };
+  template <class T, class V>
+  DiskSpec& Set(T& field, V&& value) {
+    field = std::forward<V>(value);
+    return *this;
+  }
+
   std::string name_;
-  Kind kind_ = Kind::Scsi;
-  ScsiAddress address_;
+  std::vector<unsigned> address_ = {0, 0, 0, 0};
   uint64_t bytes_ = 1_GiB;
   std::string state_ = "running\n";
-  int major_ = -1, minor_ = -1;
-  std::string serial_;
-  bool rawScsiId_ = false;
-  std::string scsiIdOutput_;
+  std::string dev_;  // "" for the kernel's numbering
+  std::optional<std::string> scsiId_;
   int scsiIdStatus_ = 0;
-  bool hasScsiId_ = false;
-  bool scsiDiskDir_ = true;
-  std::vector<std::string> scsiDiskEntries_;
+  std::optional<std::vector<std::string>> scsiDisk_;  // unset: the disk's own address
   bool image_ = true;
-  int64_t imageBytes_ = -1;
-  std::vector<PartitionSpec> partitions_;
+  std::optional<uint64_t> imageBytes_;  // unset: the disk's size
+  std::vector<GptPartition> partitions_;
 };
 
 class FakeMachine {
  public:
-  // Whether this process could enter its own mount namespace; if not, `why`.
-  static bool Available(std::string* why = nullptr);
-  // Called once from main() before any thread starts. Returns false when the machine
-  // cannot be faked (not root, no namespaces); Available() then says why.
+  // Called once from main() before any thread starts; false where the machine cannot
+  // be faked (not root, no namespaces), and Available() then says why.
   static bool EnterNamespace();
+  static bool Available(std::string* why = nullptr);
 
   FakeMachine();
   ~FakeMachine();
   FakeMachine(const FakeMachine&) = delete;
   FakeMachine& operator=(const FakeMachine&) = delete;
 
-  // A SCSI host whose proc_name holds `procName` verbatim.
-  FakeMachine& Host(unsigned number, std::string procName);
-  // A host directory without a proc_name file.
-  FakeMachine& HostWithoutProcName(unsigned number);
-  DiskSpec& Disk(const std::string& name);        // SCSI disk (sd*)
-  DiskSpec& VirtioDisk(const std::string& name);  // vda, not SCSI
-  DiskSpec& LoopDevice(const std::string& name);  // loop0
-
-  // Writes everything described so far. May be called again after adding more.
+  FakeMachine& Host(unsigned number, std::optional<std::string> procName) {  // verbatim
+    hosts_.emplace_back(number, std::move(procName));
+    return *this;
+  }
+  FakeMachine& HostWithoutProcName(unsigned number) { return Host(number, std::nullopt); }
+  // The name decides the kind: sdX a SCSI disk, vdX a virtio disk, loopN a loop device.
+  DiskSpec& Disk(const std::string& name) { return *disks_.emplace_back(std::make_unique<DiskSpec>(name)); }
+  // Writes everything described since the last call.
   void Build();
+  // A capture of the appliance VM (tests/vm/fixtures/NAME, relative to the checkout).
+  void Replay(const std::string& fixture);
 
-  // Replays a tree captured from a real kernel (see README.md) into /sys: its hosts,
-  // disks and partitions, with images under /dev of the disks' sizes.
-  void Replay(const std::string& fixtureDir);
+  void RereadPartitions(const std::string& disk);  // the kernel's partition-table re-read
+  void RemoveDisk(const std::string& disk);        // the kernel forgets the disk
 
-  // The kernel's side of a partition-table re-read: the GPT on /dev/<disk> decides
-  // the partitions under /sys/block/<disk> and their /dev images.
-  void RereadPartitions(const std::string& disk);
-  // The kernel forgets the disk: sysfs entries and /dev node go away.
-  void RemoveDisk(const std::string& disk);
-
-  // A mount the fake lsblk, mount and umount know about.
+  // Mounts as the fake lsblk, mount and umount see them.
   void Mounted(const std::string& device, const std::string& mountPoint);
   std::vector<std::pair<std::string, std::string>> Mounts() const;
-  // The next runs of `tool` (scsi_id, lsblk, mount, umount, gdisk) exit with
-  // `status`, printing nothing to standard output; a negative status ends that.
+  // The next runs of `tool` exit with `status` and print nothing; negative: no more.
   void FailTool(const std::string& tool, int status);
-  // Command lines the fake tools were run with ("mount -t auto /dev/sdb1 /mnt/x"),
-  // in order; only those of `tool` when it is given.
+  // Command lines the fake tools were run with, in order; only `tool`'s when given.
   std::vector<std::string> Calls(const std::string& tool = "") const;
 
   std::string ReadFile(const std::string& path) const;  // "" and a failure if missing
   void WriteFile(const std::string& path, const std::string& text) const;
   bool Exists(const std::string& path) const;
-
-  // Where the fake tools keep their state.
-  static std::string StateDir();
+  static std::string StateDir() { return "/tmp/.fake_machine"; }
 
  private:
-  void BuildHost(unsigned number, const std::string* procName);
-  void BuildDisk(DiskSpec& disk);
-  void BuildPartition(const DiskSpec& disk, const std::string& blockDir, const PartitionSpec& p);
+  void BuildDisk(const DiskSpec& disk);
+  static std::vector<std::string> CoverTrees();
+  static void UncoverTrees(std::vector<std::string>& mounted);
 
   std::vector<std::string> mounts_;
-  std::map<unsigned, std::unique_ptr<std::string>> hosts_;  // null: no proc_name
+  std::vector<std::pair<unsigned, std::optional<std::string>>> hosts_;
   std::vector<std::unique_ptr<DiskSpec>> disks_;
-  std::vector<std::string> built_;
-};
-
-// While it lives, the process has no free descriptor: pipe() and open() fail with
-// EMFILE, which is how a test makes a tool fail to start.
-class NoFreeDescriptors {
- public:
-  NoFreeDescriptors();
-  ~NoFreeDescriptors();
-
- private:
-  rlim_t soft_ = 0;
+  size_t builtHosts_ = 0, builtDisks_ = 0;
 };
 
 }  // namespace FakeMachineTesting

@@ -1,12 +1,10 @@
-// The kernel's side of the fake tools: "fake_machine_kernel reread /dev/sdb" makes the
-// fake sysfs show the partitions of the GPT on the disk's image, as the kernel does
-// after gdisk writes a table.
+// The kernel's side of the fake gdisk: "fake_machine_kernel reread /dev/sdb" makes the
+// fake sysfs show the partitions of the GPT on the disk's image.
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <string>
+#include <filesystem>
 
-#include "files.h"
 #include "sysfs.h"
 
 int main(int argc, char** argv) {
@@ -15,7 +13,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   try {
-    FakeMachineTesting::RereadPartitionTable(FakeMachineTesting::Basename(argv[2]));
+    FakeMachineTesting::RereadPartitionTable(std::filesystem::path(argv[2]).filename());
   } catch (const std::exception& e) {
     std::fprintf(stderr, "%s: %s\n", argv[0], e.what());
     return 1;

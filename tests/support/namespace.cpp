@@ -1,162 +1,107 @@
-// Entering the private mount namespace and covering the machine's trees with tmpfs.
-#include "namespace.h"
-
+// Entering the private mount namespace once per program, and covering the machine's
+// trees with fresh tmpfs for each FakeMachine.
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 
+#include "fake_machine.h"
 #include "files.h"
 
 namespace FakeMachineTesting {
 namespace {
 
-// Device nodes the machine keeps from the real /dev, held open from the start because
-// the real /dev is out of reach once covered.
-const char* const kKeptDevices[] = {"null", "zero", "urandom", "full"};
-int g_kept[4] = {-1, -1, -1, -1};
+// Device nodes every machine binds from the real /dev, opened while it is in reach.
+const char* const kKeptDevices[] = {"/dev/null", "/dev/zero", "/dev/urandom", "/dev/full"};
+std::vector<std::pair<std::string, int>> g_kept;  // path, O_PATH descriptor
 bool g_entered = false;
-
-// The project's trees (the fake tools, the fixtures, the kernel helper) stay reachable
-// when a checkout lies below a tree the machine covers, such as a clone under /tmp.
-struct KeptTree {
-  std::string path;
-  int fd;
-};
-std::vector<KeptTree> g_trees;
 std::string g_why = "the faked machine needs its own mount namespace; main() did not enter it";
 
-std::string Errno(const std::string& what) { return what + ": " + std::strerror(errno); }
-
-bool Mount(const char* source, const char* target, const char* type, unsigned long flags,
-           const char* data, std::string& why) {
-  if (::mount(source, target, type, flags, data) == 0) return true;
-  why = Errno(std::string("mount ") + target);
-  return false;
+void Mount(const std::string& source, const std::string& target, const char* type, unsigned long flags,
+           const char* data = nullptr) {
+  if (::mount(source.c_str(), target.c_str(), type, flags, data) != 0)
+    throw std::runtime_error("mount " + target + ": " + std::strerror(errno));
 }
 
-// /etc/Zemlora must exist to be mounted on; where the host has none, /etc gets an
-// overlay in this namespace only, so that the host's /etc stays untouched.
-bool PrepareEtcZemlora(std::string& why) {
-  if (PathExists("/etc/Zemlora")) return true;
-  if (!Mount("none", "/tmp", "tmpfs", 0, "mode=0755", why)) return false;
-  MakeDirs("/tmp/etc_upper");
-  MakeDirs("/tmp/etc_work");
-  bool ok = Mount("overlay", "/etc", "overlay", 0,
-                  "lowerdir=/etc,upperdir=/tmp/etc_upper,workdir=/tmp/etc_work", why);
-  if (ok && ::mkdir("/etc/Zemlora", 0755) != 0) {
-    why = Errno("mkdir /etc/Zemlora");
-    ok = false;
-  }
+void Enter() {
+  if (::geteuid() != 0) throw std::runtime_error("the faked machine needs root (mount namespaces, tmpfs)");
+  if (::unshare(CLONE_NEWNS) != 0) throw std::runtime_error(std::string("unshare: ") + std::strerror(errno));
+  Mount("none", "/", nullptr, MS_REC | MS_PRIVATE);
+  for (const char* path : kKeptDevices) g_kept.emplace_back(path, ::open(path, O_PATH | O_CLOEXEC));
+  // The project's trees (fake tools, fixtures, kernel helper) stay reachable where a
+  // checkout lies below a covered tree such as /tmp.
+  for (const std::string& path : {std::string(AS_SOURCE_ROOT), fs::path(AS_FAKE_MACHINE_KERNEL).parent_path().string()})
+    g_kept.emplace_back(path, ::open(path.c_str(), O_PATH | O_CLOEXEC));
+  for (const auto& kept : g_kept)
+    if (kept.second < 0) throw std::runtime_error("open " + kept.first + ": " + std::strerror(errno));
+  // The appliance's /bin/sh is bash; the library's command lines rely on its echo -e.
+  Mount("/bin/bash", "/bin/sh", nullptr, MS_BIND);
+  // /etc/Zemlora must exist to be mounted on; where the host has none, /etc gets an
+  // overlay in this namespace only, and the host's /etc stays untouched.
+  if (fs::exists("/etc/Zemlora")) return;
+  Mount("none", "/tmp", "tmpfs", 0, "mode=0755");
+  fs::create_directories("/tmp/etc_upper");
+  fs::create_directories("/tmp/etc_work");
+  Mount("overlay", "/etc", "overlay", 0, "lowerdir=/etc,upperdir=/tmp/etc_upper,workdir=/tmp/etc_work");
   ::umount2("/tmp", MNT_DETACH);
-  return ok;
+  fs::create_directory("/etc/Zemlora");
 }
 
 }  // namespace
 
-// The fake tools come first in PATH and find the machine's state and the kernel helper
-// through the environment, which every child inherits.
-void PrepareEnvironment() {
+bool FakeMachine::EnterNamespace() {
+  // Every child inherits the fake tools first in PATH and where they keep their state.
   const char* path = std::getenv("PATH");
-  std::string tools = AS_FAKE_TOOLS_DIR;
-  ::setenv("PATH", (tools + ":" + (path ? path : "/usr/sbin:/usr/bin:/sbin:/bin")).c_str(), 1);
-  ::setenv("AS_FAKE_MACHINE_STATE", FakeMachineStateDir(), 1);
+  ::setenv("PATH", (std::string(AS_FAKE_TOOLS_DIR) + ":" + (path ? path : "/usr/sbin:/usr/bin:/sbin:/bin")).c_str(), 1);
+  ::setenv("AS_FAKE_MACHINE_STATE", StateDir().c_str(), 1);
   ::setenv("AS_FAKE_MACHINE_KERNEL", AS_FAKE_MACHINE_KERNEL, 1);
-}
-
-bool EnterMachineNamespace(std::string& why) {
-  PrepareEnvironment();
-  if (::geteuid() != 0) {
-    why = "the faked machine needs root (mount namespaces and tmpfs mounts)";
-    return false;
-  }
-  if (::unshare(CLONE_NEWNS) != 0) {
-    why = Errno("unshare(CLONE_NEWNS)");
-    return false;
-  }
-  if (!Mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr, why)) return false;
-  for (int i = 0; i < 4; ++i) {
-    std::string path = std::string("/dev/") + kKeptDevices[i];
-    g_kept[i] = ::open(path.c_str(), O_PATH | O_CLOEXEC);
-    if (g_kept[i] < 0) {
-      why = Errno("open " + path);
-      return false;
-    }
-  }
-  for (const std::string& tree : {std::string(AS_SOURCE_ROOT), Dirname(AS_FAKE_MACHINE_KERNEL)}) {
-    const int fd = ::open(tree.c_str(), O_PATH | O_CLOEXEC);
-    if (fd < 0) {
-      why = Errno("open " + tree);
-      return false;
-    }
-    g_trees.push_back({tree, fd});
-  }
-  // The appliance's /bin/sh is bash; the library's command lines rely on its echo -e.
-  if (!Mount("/bin/bash", "/bin/sh", nullptr, MS_BIND, nullptr, why)) return false;
   try {
-    if (!PrepareEtcZemlora(why)) return false;
+    Enter();
+    g_entered = true;
   } catch (const std::exception& e) {
-    why = e.what();
-    return false;
+    g_why = std::string("cannot fake the machine: ") + e.what();
   }
-  g_entered = true;
-  return true;
+  return g_entered;
 }
 
-bool MachineNamespaceEntered(std::string* why) {
+bool FakeMachine::Available(std::string* why) {
   if (!g_entered && why) *why = g_why;
   return g_entered;
 }
 
-void SetMachineUnavailable(const std::string& why) { g_why = why; }
-
-std::vector<std::string> CoverMachineTrees() {
+std::vector<std::string> FakeMachine::CoverTrees() {
   std::vector<std::string> mounted;
-  std::string why;
-  for (const char* dir : {"/sys", "/dev", "/mnt", "/etc/Zemlora", "/tmp"}) {
-    if (!Mount("none", dir, "tmpfs", MS_NOSUID, "mode=0755", why)) {
-      UncoverMachineTrees(mounted);
-      throw std::runtime_error(why);
+  try {
+    for (const char* dir : {"/sys", "/dev", "/mnt", "/etc/Zemlora", "/tmp"}) {
+      Mount("none", dir, "tmpfs", MS_NOSUID, "mode=0755");
+      mounted.push_back(dir);
     }
-    mounted.push_back(dir);
-  }
-  for (int i = 0; i < 4; ++i) {
-    std::string path = std::string("/dev/") + kKeptDevices[i];
-    std::string source = "/proc/self/fd/" + std::to_string(g_kept[i]);
-    WriteText(path, "");
-    if (!Mount(source.c_str(), path.c_str(), nullptr, MS_BIND, nullptr, why)) {
-      UncoverMachineTrees(mounted);
-      throw std::runtime_error(why);
+    fs::create_directories("/dev/shm");
+    for (const auto& [path, fd] : g_kept) {
+      const bool device = path.compare(0, 5, "/dev/") == 0;
+      const bool covered = std::any_of(mounted.begin(), mounted.end(), [&](const std::string& dir) {
+        return path.compare(0, dir.size() + 1, dir + "/") == 0;
+      });
+      if (!covered || (!device && fs::exists(path + "/."))) continue;
+      if (device) WriteText(path, ""); else fs::create_directories(path);
+      Mount("/proc/self/fd/" + std::to_string(fd), path, nullptr, MS_BIND | MS_REC);
+      mounted.push_back(path);
     }
-    mounted.push_back(path);
-  }
-  MakeDirs("/dev/shm");
-  for (const KeptTree& tree : g_trees) {
-    bool covered = false;
-    for (const std::string& dir : mounted) covered = covered || tree.path.compare(0, dir.size() + 1, dir + "/") == 0;
-    if (!covered || PathExists(tree.path + "/.")) continue;
-    MakeDirs(tree.path);
-    const std::string source = "/proc/self/fd/" + std::to_string(tree.fd);
-    if (!Mount(source.c_str(), tree.path.c_str(), nullptr, MS_BIND | MS_REC, nullptr, why)) {
-      UncoverMachineTrees(mounted);
-      throw std::runtime_error(why);
-    }
-    mounted.push_back(tree.path);
+  } catch (...) {
+    UncoverTrees(mounted);
+    throw;
   }
   return mounted;
 }
 
-void UncoverMachineTrees(std::vector<std::string>& mounted) {
-  while (!mounted.empty()) {
-    ::umount2(mounted.back().c_str(), MNT_DETACH);
-    mounted.pop_back();
-  }
+void FakeMachine::UncoverTrees(std::vector<std::string>& mounted) {
+  for (; !mounted.empty(); mounted.pop_back()) ::umount2(mounted.back().c_str(), MNT_DETACH);
 }
 
 }  // namespace FakeMachineTesting

@@ -1,9 +1,5 @@
 // Replaying sysfs slices captured from a real kernel into the fake /sys.
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <climits>
-#include <cstdio>
+#include <cstdlib>
 #include <stdexcept>
 
 #include "fake_machine.h"
@@ -12,41 +8,18 @@
 namespace FakeMachineTesting {
 namespace {
 
-std::string Trimmed(std::string text) {
-  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
-  return text;
+// The index links and the /dev image of a block device or partition, where the
+// capture did not bring them.
+void CompleteDevice(const std::string& dir) {
+  const std::string name = fs::path(dir).filename(), dev = FirstLine(dir + "/dev"), size = FirstLine(dir + "/size");
+  if (dev.empty() || size.empty()) return;
+  for (const std::string& link : {"/sys/dev/block/" + dev, "/sys/class/block/" + name})
+    if (!fs::exists(fs::symlink_status(link))) RelativeSymlink(dir, link);
+  if (!fs::exists("/dev/" + name)) SparseFile("/dev/" + name, std::stoull(size) * 512);
 }
 
-// The kernel's index links and the /dev images for every block device and partition
-// that the fixture brought, where the fixture did not capture them itself.
-void CompleteBlockDevices() {
-  for (const std::string& disk : ListDir("/sys/block")) {
-    std::string dir = "/sys/block/" + disk;
-    std::string dev, size;
-    if (!ReadText(dir + "/dev", dev) || !ReadText(dir + "/size", size)) continue;
-    char resolved[PATH_MAX];
-    if (!::realpath(dir.c_str(), resolved)) continue;
-    if (!PathExists("/sys/dev/block/" + Trimmed(dev))) RelativeSymlink(resolved, "/sys/dev/block/" + Trimmed(dev));
-    if (!PathExists("/sys/class/block/" + disk)) RelativeSymlink(resolved, "/sys/class/block/" + disk);
-    if (!PathExists("/dev/" + disk)) SparseFile("/dev/" + disk, std::stoull(Trimmed(size)) * 512);
-    for (const std::string& entry : ListDir(dir)) {
-      std::string part = dir + "/" + entry, partDev, partSize;
-      if (!PathExists(part + "/partition") || !ReadText(part + "/dev", partDev) ||
-          !ReadText(part + "/size", partSize)) {
-        continue;
-      }
-      std::string partResolved = std::string(resolved) + "/" + entry;
-      if (!PathExists("/sys/dev/block/" + Trimmed(partDev))) {
-        RelativeSymlink(partResolved, "/sys/dev/block/" + Trimmed(partDev));
-      }
-      if (!PathExists("/sys/class/block/" + entry)) RelativeSymlink(partResolved, "/sys/class/block/" + entry);
-      if (!PathExists("/dev/" + entry)) SparseFile("/dev/" + entry, std::stoull(Trimmed(partSize)) * 512);
-    }
-  }
-}
-
-// A value of the capture's text form: "\\", "\n", "\t" and "\xHH" escapes; the
-// capture dropped one final line feed, which the file gets back.
+// A value of the capture's text form: "\\", "\n", "\t" and "\xHH" escapes; the capture
+// dropped one final line feed, which the file gets back.
 std::string Unescape(const std::string& value) {
   std::string out;
   for (size_t i = 0; i < value.size(); ++i) {
@@ -55,13 +28,12 @@ std::string Unescape(const std::string& value) {
       continue;
     }
     const char c = value[++i];
-    if (c == 'n') out += '\n';
-    else if (c == 't') out += '\t';
-    else if (c == 'x' && i + 2 < value.size()) {
+    if (c == 'x' && i + 2 < value.size()) {
       out += static_cast<char>(std::stoi(value.substr(i + 1, 2), nullptr, 16));
       i += 2;
-    } else
-      out += c;
+    } else {
+      out += c == 'n' ? '\n' : c == 't' ? '\t' : c;
+    }
   }
   return out + "\n";
 }
@@ -75,16 +47,14 @@ void ReplaySysfs(const std::string& file) {
     const std::string path = line.substr(2, space == std::string::npos ? std::string::npos : space - 2);
     const std::string rest = space == std::string::npos ? std::string() : line.substr(space + 1);
     if (path.compare(0, 5, "/sys/") != 0) throw std::runtime_error("fixture path outside /sys: " + path);
-    switch (line[0]) {
-      case 'd': MakeDirs(path); break;
-      case 'f': MakeDirs(Dirname(path)); WriteText(path, Unescape(rest)); break;
-      case 'w': MakeDirs(Dirname(path)); WriteText(path, ""); break;
-      case 'l':
-        MakeDirs(Dirname(path));
-        ::unlink(path.c_str());
-        if (::symlink(rest.c_str(), path.c_str()) != 0) throw std::runtime_error("cannot link " + path);
-        break;
-      default: throw std::runtime_error("unknown fixture record: " + line);
+    fs::create_directories(line[0] == 'd' ? path : fs::path(path).parent_path().string());
+    if (line[0] == 'f' || line[0] == 'w') {
+      WriteText(path, line[0] == 'f' ? Unescape(rest) : "");
+    } else if (line[0] == 'l') {
+      fs::remove(path);
+      fs::create_symlink(rest, path);
+    } else if (line[0] != 'd') {
+      throw std::runtime_error("unknown fixture record: " + line);
     }
   }
 }
@@ -93,7 +63,7 @@ void ReplaySysfs(const std::string& file) {
 void ReplayTools(const std::string& file) {
   std::string device, output;
   int status = 0;
-  auto flush = [&] {
+  const auto flush = [&] {
     if (device.empty()) return;
     WriteText(FakeMachine::StateDir() + "/scsi_id/" + device, output);
     WriteText(FakeMachine::StateDir() + "/scsi_id/" + device + ".status", std::to_string(status) + "\n");
@@ -118,14 +88,17 @@ void ReplayTools(const std::string& file) {
 
 }  // namespace
 
-void FakeMachine::Replay(const std::string& fixtureDir) {
-  std::string dir = fixtureDir;
-  if (dir.empty() || dir[0] != '/') dir = std::string(AS_SOURCE_ROOT) + "/" + dir;
-  // A capture of the appliance VM: NAME.sysfs and NAME.tools (tests/vm/README.md).
-  if (!PathExists(dir + ".sysfs")) throw std::runtime_error("no fixture at " + dir + ".sysfs");
-  ReplaySysfs(dir + ".sysfs");
-  if (PathExists(dir + ".tools")) ReplayTools(dir + ".tools");
-  CompleteBlockDevices();
+void FakeMachine::Replay(const std::string& fixture) {
+  const std::string base = fixture[0] == '/' ? fixture : std::string(AS_SOURCE_ROOT) + "/" + fixture;
+  if (!fs::exists(base + ".sysfs")) throw std::runtime_error("no fixture at " + base + ".sysfs");
+  ReplaySysfs(base + ".sysfs");
+  if (fs::exists(base + ".tools")) ReplayTools(base + ".tools");
+  for (const std::string& disk : ListDir("/sys/block")) {
+    const std::string dir = fs::canonical("/sys/block/" + disk);
+    CompleteDevice(dir);
+    for (const std::string& entry : ListDir(dir))
+      if (fs::exists(dir + "/" + entry + "/partition")) CompleteDevice(dir + "/" + entry);
+  }
 }
 
 }  // namespace FakeMachineTesting

@@ -1,7 +1,6 @@
 #pragma once
-// The kernel's side of block devices in the fake /sys: partitions appearing after a
-// partition-table re-read, disks going away. Shared by FakeMachine and the helper
-// program that the fake gdisk runs.
+// The kernel's side of block devices in the fake /sys, shared by FakeMachine and the
+// helper program that the fake gdisk runs.
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -14,17 +13,12 @@ struct GptPartition {
   uint64_t sectors = 0;
 };
 
-// Partitions of the GPT on `image` (512-byte sectors); empty when it holds none.
+// Partitions of the GPT on `image` (512-byte sectors); none when it holds no table.
 std::vector<GptPartition> ReadGpt(const std::string& image);
-
-// "sdb" + 1 = "sdb1"; "loop0" + 1 = "loop0p1".
-std::string PartitionName(const std::string& disk, unsigned number);
-
-// Adds partition `p` below the disk's sysfs directory, with its dev links and a
-// sparse /dev image.
+// Partition `p` below the disk's sysfs directory, with its dev links and a sparse image.
 void AddPartition(const std::string& disk, const GptPartition& p);
-// Makes the disk's partitions those of the GPT on /dev/<disk>. A partition that keeps
-// its start and size keeps its image and with it its data.
+// The disk's partitions become those of the GPT on /dev/<disk>; one that keeps its
+// start and size keeps its image, and with it its data.
 void RereadPartitionTable(const std::string& disk);
 void RemoveBlockDevice(const std::string& disk);
 

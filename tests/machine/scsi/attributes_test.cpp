@@ -1,11 +1,8 @@
 // Disk attribute records in the registry: how they are read, and which are dropped.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
-
-#include "core/common/unicode.h"
 #include "fake_machine.h"
+#include "files.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/attributes.h"
 #include "recorders.h"
 
@@ -22,11 +19,15 @@ GUID Id(const char* text) {
   return id;
 }
 
-// Writes a record the way the appliance's other programs do.
-void Record(const String& name, const Registry::Value& value) {
+const GUID kDisk = Id("6000C29A-1B2C-3D4E-5F60-718293A4B5C6");
+
+// A record written the way the appliance's other programs do; no value without `value`.
+void Record(const String& name, const Registry::Value* value) {
   Registry::Key record;
   ASSERT_FALSE(SCSI::Detail::OpenAttributesRoot().CreateKeyRecursive(name, record));
-  ASSERT_FALSE(record.SetValue(String(), value));
+  if (value) {
+    ASSERT_FALSE(record.SetValue(String(), *value));
+  }
 }
 
 Registry::MultiString Strings(std::initializer_list<const char16_t*> texts) {
@@ -35,89 +36,59 @@ Registry::MultiString Strings(std::initializer_list<const char16_t*> texts) {
   return out;
 }
 
-const GUID kDisk = Id("6000C29A-1B2C-3D4E-5F60-718293A4B5C6");
-
-const char kOddCount[] =
-    "Assertion failed: multistring.size() % 2 == 0, file quillenmark/raw/common/scsi_disk_helpers/impl/attributes, "
-    "line 119";
-const char kWrongType[] =
-    "Assertion failed: !\"Invalid registry key type\", file quillenmark/raw/common/scsi_disk_helpers/impl/attributes, "
-    "line 124";
-
 TEST(DiskAttributes, HowRecordsRead) {
-  struct Case {
+  const Registry::Value twoPairs = Strings({u"Temporary", u"1", u"Temporary", u"0"}),
+                        odd = Strings({u"Temporary", u"1", u"Owner"}), one = Strings({u"Temporary"}),
+                        empty = Registry::MultiString{}, number = uint32_t{1}, text = Str(u"Temporary");
+  const DiskAttributes stale{{Str(u"stale"), Str(u"x")}};
+  const struct {
     const char* what;
-    std::function<void()> write;
+    bool record;
+    const Registry::Value* value;
     DiskAttributes expected;
-    const char* assertion;  // the one assertion expected, or none
+    const char* assertion;  // the end of the one assertion expected, or none
+    int errorLine;          // of the failure, or 0
   } cases[] = {
-      {"no record", [] {}, {}, nullptr},
-      {"first pair wins",
-       [] { Record(kDisk.ToWideString(), Strings({u"Temporary", u"1", u"Temporary", u"0"})); },
-       {{kTemporary, Str(u"1")}},
-       nullptr},
-      {"odd count: the last string is ignored",
-       [] { Record(kDisk.ToWideString(), Strings({u"Temporary", u"1", u"Owner"})); },
-       {{kTemporary, Str(u"1")}},
-       kOddCount},
-      {"one string", [] { Record(kDisk.ToWideString(), Strings({u"Temporary"})); }, {}, kOddCount},
-      {"empty multistring", [] { Record(kDisk.ToWideString(), Registry::MultiString{}); }, {}, nullptr},
-      {"a number instead", [] { Record(kDisk.ToWideString(), uint32_t{1}); }, {}, kWrongType},
-      {"a string instead", [] { Record(kDisk.ToWideString(), Str(u"Temporary")); }, {}, kWrongType},
+      {"no record", false, nullptr, {}, nullptr, 0},
+      {"first pair wins", true, &twoPairs, {{kTemporary, Str(u"1")}}, nullptr, 0},
+      {"odd count: the last string is ignored", true, &odd, {{kTemporary, Str(u"1")}}, "attributes, line 119", 0},
+      {"one string", true, &one, {}, "attributes, line 119", 0},
+      {"empty multistring", true, &empty, {}, nullptr, 0},
+      {"a number instead", true, &number, {}, "attributes, line 124", 0},
+      {"a string instead", true, &text, {}, "attributes, line 124", 0},
+      {"no default value: unreadable", true, nullptr, stale, nullptr, 131},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     AS_FAKE_MACHINE(m);
-    m.Build();
-    c.write();
+    if (c.record) Record(kDisk.ToWideString(), c.value);
     AssertRecorder asserts;
     TraceRecorder traces;
-    DiskAttributes attributes{{Str(u"stale"), Str(u"x")}};
-    EXPECT_FALSE(SCSI::Detail::LoadDiskAttributes(kDisk, attributes));
+    DiskAttributes attributes = stale;
+    const Common::Error e = SCSI::Detail::LoadDiskAttributes(kDisk, attributes);
+    EXPECT_EQ(c.errorLine, e.GetLocation().line);
+    if (e) {
+      EXPECT_EQ(0x530040u, e.GetCode());
+      EXPECT_NE(std::string::npos, Common::ToUtf8(e.GetText()).find("'6000C29A-1B2C-3D4E-5F60-718293A4B5C6'"));
+      EXPECT_TRUE(e.GetCause());
+    }
     EXPECT_EQ(c.expected, attributes);
-    if (c.assertion)
-      EXPECT_EQ(std::vector<std::string>{c.assertion}, asserts.Texts());
-    else
-      EXPECT_TRUE(asserts.Texts().empty());
-    EXPECT_TRUE(traces.Events().empty());
+    EXPECT_EQ(c.assertion ? 1u : 0u, asserts.Count());
+    EXPECT_EQ(c.assertion ? 1u : 0u, asserts.Count(c.assertion ? c.assertion : "\n"));
+    EXPECT_TRUE(traces.Containing().empty());
     const auto temporary = SCSI::Detail::GetDiskAttributes(kDisk, kTemporary);
-    if (c.expected.count(kTemporary))
-      EXPECT_EQ(c.expected.at(kTemporary), temporary.value_or(Str(u"absent")));
-    else
-      EXPECT_FALSE(temporary);
+    const auto found = c.expected.find(kTemporary);
+    EXPECT_TRUE(temporary == (found == c.expected.end() ? std::nullopt : std::optional<String>(found->second)));
   }
 }
 
-TEST(DiskAttributes, UnreadableRecordsAnswerAbsent) {
+TEST(DiskAttributes, SyncDropsOrphansWithOneTraceEach) {
   AS_FAKE_MACHINE(m);
-  m.Build();
-  Registry::Key record;
-  ASSERT_FALSE(SCSI::Detail::OpenAttributesRoot().CreateKeyRecursive(kDisk.ToWideString(), record));
-  // A record without a default value cannot be read: the error says which disk.
-  DiskAttributes attributes;
-  const Common::Error e = SCSI::Detail::LoadDiskAttributes(kDisk, attributes);
-  EXPECT_EQ(0x530040u, e.GetCode());
-  EXPECT_EQ("Failed to get attributes for hard disk '6000C29A-1B2C-3D4E-5F60-718293A4B5C6'.",
-            Common::ToUtf8(e.GetText()));
-  EXPECT_TRUE(e.GetCause());
-  EXPECT_FALSE(SCSI::Detail::GetDiskAttributes(kDisk, kTemporary));
-}
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-TEST(DiskAttributes, SyncDropsOrphansInOrderWithOneTraceEach) {
-  AS_FAKE_MACHINE(m);
-  m.Build();
   const GUID present = Id("00000000-0000-0000-0000-00000000000A");
+  const Registry::Value value = Strings({u"Temporary", u"1"});
   for (const char16_t* name : {u"00000000-0000-0000-0000-00000000000A", u"00000000-0000-0000-0000-00000000000a",
                                u"FFFFFFFF-0000-0000-0000-000000000000", u"11111111-0000-0000-0000-000000000000"})
-    Record(Str(name), Strings({u"Temporary", u"1"}));
-
+    Record(Str(name), &value);
   SCSI::Disk disk;
   disk.id = present;
   TraceRecorder traces;
@@ -125,21 +96,22 @@ TEST(DiskAttributes, SyncDropsOrphansInOrderWithOneTraceEach) {
   std::vector<String> left;
   ASSERT_FALSE(SCSI::Detail::OpenAttributesRoot().EnumerateChildren(left));
   EXPECT_EQ(std::vector<String>{present.ToWideString()}, left);  // the lower-case twin was an orphan
-  EXPECT_EQ(3u, traces.Containing("Dropping orphaned attribute node.").size());
+  const auto dropped = traces.Containing("orphaned");
+  ASSERT_EQ(3u, dropped.size());
+  EXPECT_EQ(83, dropped[0].code);
 
   SCSI::Detail::SyncDisksAttributes({});
   ASSERT_FALSE(SCSI::Detail::OpenAttributesRoot().EnumerateChildren(left));
   EXPECT_TRUE(left.empty());
-  EXPECT_EQ(4u, traces.Containing("Dropping orphaned attribute node.").size());
+  EXPECT_EQ(4u, traces.Containing("orphaned").size());
 }
 
 TEST(DiskAttributes, ACorruptRegistryFailsSyncAndStaysAsItWas) {
   AS_FAKE_MACHINE(m);
-  m.Build();
-  Record(kDisk.ToWideString(), Strings({u"Temporary", u"1"}));
+  const Registry::Value value = Strings({u"Temporary", u"1"});
+  Record(kDisk.ToWideString(), &value);
   const std::string file = "/etc/Zemlora/HKEY_LOCAL_MACHINE.xml";
-  std::string text = Slurp(file);
-  ASSERT_FALSE(text.empty());
+  std::string text = m.ReadFile(file);
   text.resize(text.size() / 2);
   m.WriteFile(file, text);
 
@@ -149,14 +121,13 @@ TEST(DiskAttributes, ACorruptRegistryFailsSyncAndStaysAsItWas) {
     ADD_FAILURE() << "a corrupt registry cannot be synchronised";
   } catch (const Common::Error& e) {
     EXPECT_EQ(0x530040u, e.GetCode());
-    EXPECT_EQ("Failed to synchronize disk attributes with actual system state.", Common::ToUtf8(e.GetText()));
     EXPECT_EQ(162, e.GetLocation().line);
     std::string chain;
     for (Common::Error c = e.GetCause(); c; c = c.GetCause())
       if (const char* path = c.GetStringField("path")) chain += path;
     EXPECT_NE(std::string::npos, chain.find(file));
   }
-  EXPECT_EQ(text, Slurp(file));
+  EXPECT_EQ(text, m.ReadFile(file));
 }
 
 }  // namespace

@@ -1,13 +1,11 @@
 // Device notifications: which records of a batch are offered, who claims them, and
 // the proxy's registration with the driver library. Batches are handed to the proxy
 // directly; the handlers' waits use short time-outs instead of ten minutes.
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <array>
+#include <filesystem>
 #include <mutex>
-#include <utility>
-#include <vector>
 
 #include "core/common/unicode.h"
 #include "fake_machine.h"
@@ -53,35 +51,25 @@ std::vector<LinuxEx::snap_message> Batch(std::initializer_list<std::array<uint32
 }
 
 size_t Threads() {
-  size_t n = 0;
-  if (DIR* d = opendir("/proc/self/task")) {
-    while (const dirent* e = readdir(d)) n += e->d_name[0] != '.';
-    closedir(d);
-  }
-  return n;
+  const std::filesystem::directory_iterator tasks("/proc/self/task");
+  return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
 }
 
 TEST(Notifications, OnlyUpdatedDevicesBeforeTheEndAreOffered) {
-  auto proxy = DiskNotificationProxy::Obtain();
   auto recorder = std::make_shared<Recorder>();
-  const auto node = proxy->Attach(recorder);
-  proxy->Deliver(Batch({{2, 8, 0}, {1, 8, 16}, {0, 8, 32}, {1, 8, 48}}).data());
-  proxy->Detach(node);
+  AttachedHandler attached(recorder);
+  DiskNotificationProxy::Obtain()->Deliver(Batch({{2, 8, 0}, {1, 8, 16}, {0, 8, 32}, {1, 8, 48}}).data());
   EXPECT_EQ((std::vector<Device>{{8, 16}}), recorder->Offered());
 }
 
 TEST(Notifications, TheFirstClaimEndsTheBatch) {
-  auto proxy = DiskNotificationProxy::Obtain();
   auto first = std::make_shared<Recorder>(Device{8, 16});
   auto second = std::make_shared<Recorder>(Device{8, 32});
-  const auto a = proxy->Attach(first);
-  const auto b = proxy->Attach(second);
-  proxy->Deliver(Batch({{1, 8, 16}, {1, 8, 32}, {0, 0, 0}}).data());
+  AttachedHandler a(first), b(second);
+  DiskNotificationProxy::Obtain()->Deliver(Batch({{1, 8, 16}, {1, 8, 32}, {0, 0, 0}}).data());
   EXPECT_TRUE(first->Execute(0));
   EXPECT_FALSE(second->Execute(0));  // still waiting
   EXPECT_TRUE(second->Offered().empty());
-  proxy->Detach(a);
-  proxy->Detach(b);
 }
 
 TEST(Notifications, RemoveWaitsForItsOwnDevice) {
@@ -116,15 +104,15 @@ TEST(Notifications, AddClaimsTheDiskAtItsAddressAndKeepsTheFirstAnswer) {
   AttachedHandler attachedBehind(behind);
   auto proxy = DiskNotificationProxy::Obtain();
 
-  proxy->Deliver(Batch({{1, 8, 16}, {0, 0, 0}}).data());
-  EXPECT_FALSE(handler->Execute(50));  // timed out: another target
+  proxy->Deliver(Batch({{1, 8, 240}, {1, 8, 16}, {0, 0, 0}}).data());
+  EXPECT_FALSE(handler->Execute(50));  // timed out: no such disk, another target
   EXPECT_EQ("- - -\n", m.ReadFile("/sys/class/scsi_host/host2/scan"));
   proxy->Deliver(Batch({{1, 8, 48}, {0, 0, 0}}).data());
   EXPECT_TRUE(handler->Execute(50));
   EXPECT_EQ("/dev/sdd", handler->Volume().DevNode);
   // Announced again: still the handler's own, so nobody behind it is asked.
   proxy->Deliver(Batch({{1, 8, 48}, {0, 0, 0}}).data());
-  EXPECT_EQ((std::vector<Device>{{8, 16}}), behind->Offered());
+  EXPECT_EQ((std::vector<Device>{{8, 240}, {8, 16}}), behind->Offered());
   EXPECT_EQ("/dev/sdd", handler->Volume().DevNode);
 }
 

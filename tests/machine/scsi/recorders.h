@@ -1,9 +1,13 @@
 #pragma once
-// What the library reports while a test runs: trace events and assertions.
+// What the library reports while a test runs: trace events and assertion texts (the
+// program runs with ZEMLORA_SAFE_ASSERT=event).
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "core/common/assert.h"
+#include "core/common/unicode.h"
 #include "core/trace/trace_tools.h"
 
 struct RecordedEvent {
@@ -18,23 +22,45 @@ class TraceRecorder : public TraceTools::TraceSubscriber {
   TraceRecorder() { TraceTools::Subscribe(this); }
   ~TraceRecorder() override { TraceTools::Unsubscribe(this); }
   bool WantsEveryEvent() const override { return true; }
-  void OnTraceEvent(const TraceTools::TraceEvent& event) override;
-
-  std::vector<RecordedEvent> Events() const;
+  void OnTraceEvent(const TraceTools::TraceEvent& event) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    events_.push_back({event.level, event.code, Common::ToUtf8(event.text, event.length)});
+  }
   // Events whose text contains `part`.
-  std::vector<RecordedEvent> Containing(const std::string& part) const;
+  std::vector<RecordedEvent> Containing(const std::string& part = "") const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<RecordedEvent> found;
+    for (const RecordedEvent& e : events_)
+      if (e.text.find(part) != std::string::npos) found.push_back(e);
+    return found;
+  }
 
  private:
   mutable std::mutex mutex_;
   std::vector<RecordedEvent> events_;
 };
 
-// Records assertion texts while it lives (the test program runs with
-// ZEMLORA_SAFE_ASSERT=event).
+// Records assertion texts while it lives.
 class AssertRecorder {
  public:
-  AssertRecorder();
-  ~AssertRecorder();
-  std::vector<std::string> Texts() const;
-  size_t Count(const std::string& part) const;
+  AssertRecorder() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    texts_.clear();
+    Common::SetAssertEventCallback([](int, int, int, const char* text) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      texts_.push_back(text);
+    });
+  }
+  ~AssertRecorder() { Common::SetAssertEventCallback(nullptr); }
+  // Assertions whose text ends in `end` ("host, line 115"); all of them for "".
+  size_t Count(const std::string& end = "") const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::count_if(texts_.begin(), texts_.end(), [&](const std::string& t) {
+      return t.size() >= end.size() && t.compare(t.size() - end.size(), end.size(), end) == 0;
+    });
+  }
+
+ private:
+  static inline std::mutex mutex_;
+  static inline std::vector<std::string> texts_;
 };
