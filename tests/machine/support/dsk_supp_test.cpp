@@ -42,6 +42,7 @@ TEST(DskSupp, NamesAndNumbersLeadToTheAddress) {
   m.Disk("sdd").At(6, 0, 4, 0).ScsiDiskEntries({"1:2:3"});
   m.Disk("vda");
   m.Build();
+  m.WriteFile("/sys/block/sdc/dev", "8:32");  // a last line without its line feed
   const unsigned kNone = dsk_supp::kNoScsiAddress;
   const struct {
     const char* node;
