@@ -9,7 +9,6 @@
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include "../../support/child.h"
 #include "core/linex/create_process.h"
 #include "core/linex/linux_misc.h"
 #include "linex_test_support.h"
@@ -46,17 +46,7 @@ bool HideDirectory(const char* path) {
          mount("tmpfs", path, "tmpfs", 0, nullptr) == 0;
 }
 
-// Runs `body` in a forked copy of this process and returns its outcome.
-template <typename Body>
-Outcome InForkedCopy(Body body) {
-  const pid_t pid = fork();
-  if (pid == 0) _exit(body());
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? static_cast<Outcome>(WEXITSTATUS(status)) : kFailed;
-}
-
-Outcome ChildSeesOnlyItsDescriptors() {
+int ChildSeesOnlyItsDescriptors() {
   for (int i = 0; i < 50; ++i) memfd_create("parent", 0);
   ChildProcess child;
   child.KeepStdFds = true;
@@ -64,32 +54,29 @@ Outcome ChildSeesOnlyItsDescriptors() {
   return result.status == 0 && LinexTest::Descriptors(result.out).size() == 3 ? kPassed : kFailed;
 }
 
-TEST(CloseFallbacks, ProcSelfFd) {
-  const Outcome outcome = InForkedCopy([] {
-    if (!RefuseCloseRange()) return kUnsupported;
-    return ChildSeesOnlyItsDescriptors();
-  });
-  if (outcome == kUnsupported) GTEST_SKIP() << "seccomp is not available";
-  EXPECT_EQ(outcome, kPassed);
-}
-
-TEST(CloseFallbacks, LoopWithoutProc) {
+TEST(CloseFallbacks, ProcSelfFdThenLoopWithoutProc) {
+  const struct {
+    const char* name;
+    bool hideProc;
+  } cases[] = {{"/proc/self/fd", false}, {"loop", true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "a sanitized probe cannot start without /proc";
+    if (c.hideProc) continue;  // a sanitized probe cannot start without /proc
 #endif
-  const Outcome outcome = InForkedCopy([] {
-    if (!HideDirectory("/proc") || !RefuseCloseRange()) return kUnsupported;
-    return ChildSeesOnlyItsDescriptors();
-  });
-  if (outcome == kUnsupported) GTEST_SKIP() << "needs root for a private mount namespace, and seccomp";
-  EXPECT_EQ(outcome, kPassed);
+    const int outcome = TestSupport::RunInChild([&] {
+      if ((c.hideProc && !HideDirectory("/proc")) || !RefuseCloseRange()) return kUnsupported;
+      return static_cast<Outcome>(ChildSeesOnlyItsDescriptors());
+    });
+    if (outcome == kUnsupported) std::printf("skipped %s: needs seccomp and, for the loop, root\n", c.name);
+    EXPECT_NE(outcome, kFailed);
+  }
 }
 
 TEST(MissingShell, CommandsExit127) {
-  const Outcome outcome = InForkedCopy([] {
-    char shell[4096];
-    const ssize_t n = readlink("/bin", shell, sizeof shell);
-    if (!HideDirectory(n > 0 ? "/usr/bin" : "/bin")) return kUnsupported;
+  const int outcome = TestSupport::RunInChild([] {
+    char target[16];
+    if (!HideDirectory(readlink("/bin", target, sizeof target) > 0 ? "/usr/bin" : "/bin")) return kUnsupported;
     FILE* stream = POpen("echo x", "r");
     const bool popenFailed = stream != nullptr && std::fgetc(stream) == EOF && PClose(stream) == 127;
     return RunCommand("true") == 127 && popenFailed ? kPassed : kFailed;

@@ -1,13 +1,10 @@
 #pragma once
-// Running the probe child and reading what it reports; counting our own descriptors.
-#include <dirent.h>
+// Running the probe child and reading what it reports.
 #include <unistd.h>
 
 #include <map>
 #include <sstream>
 #include <string>
-
-#include "../../support/descriptors.h"
 
 #include "core/linex/create_process.h"
 
@@ -16,8 +13,7 @@ namespace LinexTest {
 inline std::string ReadAll(int fd) {
   std::string text;
   char buffer[4096];
-  ssize_t n;
-  while ((n = read(fd, buffer, sizeof buffer)) > 0) text.append(buffer, static_cast<size_t>(n));
+  for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<size_t>(n));
   close(fd);
   return text;
 }
@@ -53,7 +49,5 @@ inline std::map<int, std::string> Descriptors(const std::string& text) {
   }
   return fds;
 }
-
-using TestSupport::CountOwnFds;
 
 }  // namespace LinexTest

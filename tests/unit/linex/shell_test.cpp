@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "../../support/descriptors.h"
 #include "core/linex/create_process.h"
 #include "core/linex/linux_misc.h"
 #include "linex_test_support.h"
@@ -23,41 +24,39 @@ void ExpectNoChildren() {
 
 std::string ReadStream(FILE* stream) {
   std::string text;
-  char line[1024];
-  while (fgets(line, sizeof line, stream) != nullptr) text += line;
+  for (int c; (c = std::fgetc(stream)) != EOF;) text += static_cast<char>(c);
   return text;
 }
 
-TEST(RunCommand, ExitStatus) {
-  struct Case {
+TEST(Shell, RunCommandExitStatusAndLoaderVariables) {
+  setenv("LD_LIBRARY_PATH", "/zl-libs", 1);
+  const char* const mine[] = {"LD_LIBRARY_PATH=/mine", "ZL_EXTRA=1", nullptr};
+  const struct {
     const char* command;
+    bool strip;
+    const char* const* env;
     int status;
   } cases[] = {
-      {"true", 0},
-      {"exit 3", 3},
-      {"exit 255", 255},
-      {"kill -9 $$", -1},
-      {"zl-no-such-command-xyz", 127},
-      {"echo hidden; echo hidden >&2", 0},
-      {"", -1},
+      {"true", false, nullptr, 0},
+      {"exit 3", false, nullptr, 3},
+      {"exit 255", false, nullptr, 255},
+      {"kill -9 $$", false, nullptr, -1},
+      {"zl-no-such-command-xyz", false, nullptr, 127},
+      {"echo hidden; echo hidden >&2", false, nullptr, 0},
+      {"", false, nullptr, -1},
+      {"test \"$LD_LIBRARY_PATH\" = /zl-libs", false, nullptr, 0},
+      {"test -z \"${LD_LIBRARY_PATH+set}\"", true, nullptr, 0},
+      {"test \"$LD_LIBRARY_PATH$ZL_EXTRA\" = /mine1", true, mine, 0},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.command);
-    EXPECT_EQ(RunCommand(c.command), c.status);
+    EXPECT_EQ(RunCommand(c.command, c.strip, c.env), c.status);
   }
+  unsetenv("LD_LIBRARY_PATH");
   ExpectNoChildren();
 }
 
-TEST(RunCommand, LoaderVariablesKeptUnlessStripped) {
-  setenv("LD_LIBRARY_PATH", "/zl-libs", 1);
-  EXPECT_EQ(RunCommand("test \"$LD_LIBRARY_PATH\" = /zl-libs"), 0);
-  EXPECT_EQ(RunCommand("test -z \"${LD_LIBRARY_PATH+set}\"", true), 0);
-  const char* const env[] = {"LD_LIBRARY_PATH=/mine", "ZL_EXTRA=1", nullptr};
-  EXPECT_EQ(RunCommand("test \"$LD_LIBRARY_PATH$ZL_EXTRA\" = /mine1", true, env), 0);
-  unsetenv("LD_LIBRARY_PATH");
-}
-
-TEST(POpen, ReadsOutputAndStripsLoaderVariables) {
+TEST(Shell, POpenReadsOutputAndClosesOnlyItsOwnStreams) {
   setenv("LD_LIBRARY_PATH", "/zl-libs", 1);
   FILE* stream = POpen("echo x; echo \"[$LD_LIBRARY_PATH]\"", "rt");
   unsetenv("LD_LIBRARY_PATH");
@@ -70,13 +69,10 @@ TEST(POpen, ReadsOutputAndStripsLoaderVariables) {
   // The reader goes away early: the writer gets SIGPIPE (default in the child) and ends.
   stream = POpen("exec yes", "r");
   ASSERT_NE(stream, nullptr);
-  char line[8];
-  ASSERT_NE(fgets(line, sizeof line, stream), nullptr);
+  EXPECT_EQ(std::fgetc(stream), 'y');
   EXPECT_EQ(PClose(stream), -1);
   ExpectNoChildren();
-}
 
-TEST(POpen, ForeignStreamIsLeftOpen) {
   FILE* foreign = fopen("/dev/null", "r");
   ASSERT_NE(foreign, nullptr);
   EXPECT_EQ(PClose(foreign), -1);
@@ -86,9 +82,8 @@ TEST(POpen, ForeignStreamIsLeftOpen) {
   EXPECT_EQ(PClose(nullptr), -1);
 }
 
-TEST(StartProcess, PipesOfTheParentCloseOnExec) {
-  int in = 0;
-  int out = 1;
+TEST(Shell, StartProcessPipesOfTheParentCloseOnExec) {
+  int in = 0, out = 1;
   const int pid = StartProcess("read line; echo \"got $line\"", false, &in, &out, nullptr);
   ASSERT_NE(pid, -1);
   EXPECT_EQ(fcntl(in, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
@@ -97,15 +92,14 @@ TEST(StartProcess, PipesOfTheParentCloseOnExec) {
   close(in);
   EXPECT_EQ(LinexTest::ReadAll(out), "got hello\n");
   EXPECT_EQ(ChildProcess::WaitProcess(pid), 0);
-  in = 1;
-  out = 1;
+  in = out = 1;
   EXPECT_EQ(StartProcess("true", false, &in, &out, nullptr), -1);  // one descriptor for both
   EXPECT_EQ(StartProcess(nullptr, false, nullptr, nullptr, nullptr), -1);
   ExpectNoChildren();
 }
 
 TEST(Shell, NoDescriptorLeakOverAThousandCalls) {
-  const int before = LinexTest::CountOwnFds();
+  const int before = TestSupport::CountOwnFds();
   for (int i = 0; i < 1000; ++i) {
     ASSERT_EQ(RunCommand("true"), 0);
     FILE* stream = POpen("echo x", "r");
@@ -113,7 +107,7 @@ TEST(Shell, NoDescriptorLeakOverAThousandCalls) {
     ASSERT_EQ(ReadStream(stream), "x\n");
     ASSERT_EQ(PClose(stream), 0);
   }
-  EXPECT_EQ(LinexTest::CountOwnFds(), before);
+  EXPECT_EQ(TestSupport::CountOwnFds(), before);
   ExpectNoChildren();
 }
 
