@@ -23,8 +23,9 @@ struct Result {
   std::string out;
 };
 
-// Runs `child` with its descriptor 1 on a pipe and collects the output.
-inline Result Run(ChildProcess& child) {
+// Runs the probe in `mode` (or the child as described) with its output on a pipe.
+inline Result Probe(ChildProcess& child, const char* mode = nullptr) {
+  if (mode) child.Args = {AS_CHILD_PROBE, mode};
   int out = -1;
   child.AddRedirection(1, &out, true);
   Result result;
@@ -34,19 +35,11 @@ inline Result Run(ChildProcess& child) {
   return result;
 }
 
-inline Result Probe(ChildProcess& child, const char* mode) {
-  child.Args = {AS_CHILD_PROBE, mode};
-  return Run(child);
-}
-
 // "<fd> <target>" lines of the probe's "fds" mode.
 inline std::map<int, std::string> Descriptors(const std::string& text) {
   std::map<int, std::string> fds;
   std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    const size_t space = line.find(' ');
-    fds[std::stoi(line.substr(0, space))] = line.substr(space + 1);
-  }
+  for (std::string line; std::getline(in, line);) fds[std::stoi(line)] = line.substr(line.find(' ') + 1);
   return fds;
 }
 
