@@ -29,26 +29,19 @@ class SharedMutexTest : public ::testing::Test {
   const std::string name_ = SyncTest::UniqueName("mutex");
 };
 
-TEST_F(SharedMutexTest, LockFileIsPrivateAndOutlivesTheObject) {
+// The lock file is private and outlives the object; a later object takes it over.
+// Recursion holds the file lock until the last Unlock; one Unlock too many is only reported.
+TEST_F(SharedMutexTest, LockFileAndRecursion) {
   const int before = TestSupport::CountOwnFds();
-  {
-    auto mutex = Common::SharedMutex::Create(name_.c_str());
-    EXPECT_EQ(TestSupport::CountOwnFds(), before + 1);
-  }
+  Common::SharedMutex::Create(name_.c_str()).reset();
   EXPECT_EQ(TestSupport::CountOwnFds(), before);
   struct stat st {};
   ASSERT_EQ(stat(LockPath(name_).c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0600u);
-}
-
-// A lock file left by an earlier process is taken over; recursion holds the file lock
-// until the last Unlock, and one Unlock too many is only reported.
-TEST_F(SharedMutexTest, ExistingFileAndRecursion) {
-  close(open(LockPath(name_).c_str(), O_CREAT | O_WRONLY, 0644));
   auto mutex = Common::SharedMutex::Create(name_.c_str());
+  EXPECT_EQ(TestSupport::CountOwnFds(), before + 1);
   EXPECT_FALSE(FileLockHeld(name_));
-  mutex->Lock();
-  mutex->Lock();
+  for (int i = 0; i < 2; ++i) mutex->Lock();
   mutex->Unlock();
   EXPECT_TRUE(FileLockHeld(name_));
   mutex->Unlock();
