@@ -56,7 +56,7 @@ class MessageFiles : public ::testing::Test {
     std::ofstream(dir_ / "xx/appliance_storage.msg", std::ios::binary | std::ios::trunc) << bytes;
     ResourceApi::SetLanguage("xx");
   }
-  static void Put32(std::string& s, size_t at, uint32_t v) { std::memcpy(&s[at], &v, 4); }
+  static std::string& Put32(std::string& s, size_t at, uint32_t v) { return s.replace(at, 4, reinterpret_cast<char*>(&v), 4); }
 
   TestSupport::TempDir dir_;
   String builtIn_;
@@ -89,18 +89,14 @@ TEST_F(MessageFiles, BrokenFilesFallBackToTheBuiltInTexts) {
       {"empty", [](std::string) { return std::string(); }},
       {"shorter than two words", [](std::string) { return std::string("\x07\0\0\0\x64\x06", 6); }},
       {"only two words", [](std::string) { return std::string("\x08\0\0\0\x64\x06\0\0", 8); }},
-      {"size word too big", [](std::string s) { Put32(s, 0, s.size() + 4); return s; }},
-      {"size word too small", [](std::string s) { Put32(s, 0, s.size() - 4); return s; }},
-      {"truncated", [](std::string s) { s.resize(s.size() / 2); return s; }},
-      {"wrong magic", [](std::string s) { Put32(s, 4, 1637); return s; }},
-      {"count beyond the file", [](std::string s) { Put32(s, 8, s.size()); return s; }},
-      {"entry beyond the file", [](std::string s) { Put32(s, 12, s.size()); return s; }},
-      {"entry at an odd offset", [](std::string s) { Put32(s, 12, 5); return s; }},
-      {"unterminated text", [](std::string s) {
-         Put32(s, 12, s.size() - 12 - 2);
-         s[s.size() - 1] = s[s.size() - 2] = 'x';
-         return s;
-       }},
+      {"size word too big", [](std::string s) { return Put32(s, 0, s.size() + 4); }},
+      {"size word too small", [](std::string s) { return Put32(s, 0, s.size() - 4); }},
+      {"truncated", [](std::string s) { return s.substr(0, s.size() / 2); }},
+      {"wrong magic", [](std::string s) { return Put32(s, 4, 1637); }},
+      {"count beyond the file", [](std::string s) { return Put32(s, 8, s.size()); }},
+      {"entry beyond the file", [](std::string s) { return Put32(s, 12, s.size()); }},
+      {"entry at an odd offset", [](std::string s) { return Put32(s, 12, 5); }},
+      {"unterminated text", [](std::string s) { return Put32(s, 12, s.size() - 14).replace(s.size() - 2, 2, "xx"); }},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -118,12 +114,8 @@ TEST_F(MessageFiles, BrokenFilesFallBackToTheBuiltInTexts) {
 }
 
 TEST_F(MessageFiles, AnOlderFileWithFewerMessagesKeepsTheNewOnesBuiltIn) {
-  std::string s(12 + 4 + 4, '\0');  // a table of one message only
-  Put32(s, 0, s.size());
-  Put32(s, 4, 1636);
-  Put32(s, 8, 1);
-  Put32(s, 12, 4);
-  s[16] = '0';
+  std::string s(20, '\0');  // a table of one message only: the text "0"
+  Put32(Put32(Put32(Put32(s, 0, 20), 4, 1636), 8, 1), 12, 4)[16] = '0';
   Install(s);
   ASSERT_NE(DefaultTextsBase, TextsFromMessageFileBase);
   EXPECT_EQ(Common::Str(u"0"), Text(TextFromMessageFile{0}));
