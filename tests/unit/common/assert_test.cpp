@@ -87,9 +87,10 @@ TEST(AssertHandler, WhatEachModeDoes) {
            ++gEventCalls;
          });
          FailingCheck();
+         const std::string last = Common::GetAssertDebugBuffer();  // the stack's last line
          const bool ok = gEventCalls == 2 && gEvents.rfind(kFailure + "|", 0) == 0 &&
-                         gEvents.find("FailingCheck") != std::string::npos &&
-                         Common::GetAssertDebugBuffer().find(" + 0x") != std::string::npos;
+                         gEvents.find("FailingCheck") != std::string::npos && last.find(" + 0x") != std::string::npos &&
+                         gEvents.find("\n" + last + "|") != std::string::npos;  // the whole stack, however long
          return ok ? 0 : 1;
        },
        0, ""},
