@@ -16,7 +16,9 @@ namespace {
 using SCSI::Detail::ReadFile;
 using SCSI::Detail::WriteCommand;
 
-TEST(SysfsHelpers, ReadFileStopsAtTheLimit) {
+// Reads stop at the limit. Each error names what failed in its text (command before
+// path) and its place, and keeps the file layer's error with the errno below it.
+TEST(SysfsHelpers, LimitsAndFailures) {
   const TestSupport::TempDir dir;
   std::ofstream(dir / "state") << "transport-offline, and then some more text than 32 bytes\n";
   std::vector<uint8_t> buffer;
@@ -26,14 +28,8 @@ TEST(SysfsHelpers, ReadFileStopsAtTheLimit) {
   EXPECT_EQ(8u, ReadFile(dir / "state", buffer, 32));
   EXPECT_EQ("running\n", std::string(buffer.begin(), buffer.begin() + 8));
   EXPECT_FALSE(WriteCommand("/dev/null", "1\n"));
-}
 
-// Each error names what failed in its text (command before path), its place, and
-// keeps the file layer's error with the errno below it.
-TEST(SysfsHelpers, Failures) {
-  const TestSupport::TempDir dir;
-  auto thrown = [](const std::string& path) {
-    std::vector<uint8_t> buffer;
+  auto thrown = [&](const std::string& path) {
     try {
       ReadFile(path, buffer, 32);
     } catch (const Common::Error& e) {
