@@ -1,16 +1,17 @@
 // The assertion handler reads its settings once per process, so every case that
-// needs other settings runs in a forked child. The parent never asserts.
+// needs settings runs in a forked child. The parent never asserts.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <stdlib.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <algorithm>
+#include <csignal>
+#include <fstream>
 #include <functional>
 #include <sstream>
 #include <string>
 
+#include "../../support/child.h"
+#include "../../support/temp_dir.h"
 #include "core/common/assert.h"
 #include "core/common/assert_internal.h"
 
@@ -19,18 +20,20 @@ namespace {
 using namespace Common::Detail;
 
 TEST(AssertMode, ParsedFromHexAndWords) {
-  struct Case {
-    const char* value;
+  const std::string pad124(124, ' ');
+  const struct {
+    std::string value;  // "unset" stands for no variable
     uint32_t mode;
   } cases[] = {
-      {nullptr, 0},
+      {"unset", 0},
       {"", 0},
+      {std::string(200, ' '), 0},
       {"0x24", kAssertLog | kAssertAbort},
       {"0X24", kAssertLog | kAssertAbort},
       {"24", kAssertLog | kAssertAbort},
       {"0x0", kAssertOff},  // zero is no mode, and "0x0" is no word either
       {"log stack", kAssertLog | kAssertStack},
-      {"  log\tdebug  ", kAssertLog | kAssertDebug},
+      {"\tlog\tdebug  ", kAssertLog | kAssertDebug},
       {"break debug log event msgbox abort stack", 127},
       {"log loud", kAssertOff},
       {"LOG", kAssertOff},
@@ -38,121 +41,81 @@ TEST(AssertMode, ParsedFromHexAndWords) {
       {"0x24z", kAssertOff},
       {"-1", kAssertOff},
       {"0x1FFFFFFFF", kAssertOff},
+      // Only the first 127 characters are read.
+      {pad124 + "log", kAssertLog},
+      {pad124 + " log", kAssertOff},  // cut to "lo"
+      {"x" + pad124 + "  log nonsense", kAssertOff},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.value ? c.value : "(unset)");
-    EXPECT_EQ(c.mode, ParseAssertMode(c.value));
+  for (const auto& c : cases) {
+    SCOPED_TRACE("[" + c.value + "]");
+    EXPECT_EQ(c.mode, ParseAssertMode(c.value == "unset" ? nullptr : c.value.c_str()));
   }
-  // Only the first 127 characters are read: a bad word beyond them is never seen.
-  const std::string longValue = std::string(126, ' ') + "log" + " nonsense";
-  EXPECT_EQ(kAssertOff, ParseAssertMode(("x" + longValue).c_str()));
-  EXPECT_EQ(0u, ParseAssertMode(std::string(200, ' ').c_str()));
-  EXPECT_EQ(kAssertLog, ParseAssertMode((std::string(124, ' ') + "log").c_str()));
-  EXPECT_EQ(kAssertOff, ParseAssertMode((std::string(125, ' ') + "log").c_str()));  // cut to "lo"
 }
-
-// Runs `body` in a child with the given assertion settings; returns its wait status.
-int InChild(const char* mode, const std::string& logfile, const std::function<int()>& body) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    if (mode) setenv("ZEMLORA_SAFE_ASSERT", mode, 1);
-    if (!logfile.empty()) setenv("ZEMLORA_SAFE_ASSERT_LOGFILE", logfile.c_str(), 1);
-    _exit(body());
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return status;
-}
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-class AssertHandler : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char path[] = "/tmp/as_assertXXXXXX";
-    const int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    log_ = path;
-  }
-  void TearDown() override { unlink(log_.c_str()); }
-  std::string log_;
-};
 
 const int kFailingLine = __LINE__ + 1;
 __attribute__((noinline)) void FailingCheck() { AS_ASSERT(1 + 1 == 3); asm volatile("" ::: "memory"); }
+const std::string kFailure =
+    "Assertion failed: 1 + 1 == 3, file tests/unit/common/assert_test, line " + std::to_string(kFailingLine);
 
-TEST_F(AssertHandler, LogModeAppendsOneLinePerAssertion) {
-  const int status = InChild("log", log_, [] {
-    FailingCheck();
-    return Common::AssertionHandler("second") == 1 ? 0 : 1;
-  });
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  EXPECT_EQ("Assertion failed: 1 + 1 == 3, file tests/unit/common/assert_test, line " +
-                std::to_string(kFailingLine) + "\nsecond\n",
-            ReadAll(log_));
-}
+std::string gEvents;
+int gEventCalls = 0;
 
-TEST_F(AssertHandler, StackLinesFollowWithBit64) {
-  const int status = InChild("log stack", log_, [] {
-    FailingCheck();
-    return 0;
-  });
-  ASSERT_TRUE(WIFEXITED(status));
-  const std::string text = ReadAll(log_);
-  EXPECT_NE(std::string::npos, text.find("Assertion failed: 1 + 1 == 3"));
-  // The executable's own, non-exported function is named through /proc/self/exe.
-  EXPECT_NE(std::string::npos, text.find("FailingCheck")) << text;
-  EXPECT_NE(std::string::npos, text.find(" + 0x")) << text;
-  EXPECT_GT(std::count(text.begin(), text.end(), '\n'), 3);
-}
-
-TEST_F(AssertHandler, DebugBufferAndEventCallback) {
-  const int status = InChild("debug event stack", "", [] {
-    static std::string events;
-    static int calls = 0;
-    Common::SetAssertEventCallback([](int a, int b, int c, const char* text) {
-      if (a == 5 && b == 0 && c == 27) events += std::string(text) + "|";
-      ++calls;
-    });
-    FailingCheck();
-    const std::string buffer = Common::GetAssertDebugBuffer();
-    const bool ok = calls == 2 && events.rfind("Assertion failed: 1 + 1 == 3", 0) == 0 &&
-                    events.find("FailingCheck") != std::string::npos && !buffer.empty();
-    return ok ? 0 : 1;
-  });
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-}
-
-TEST_F(AssertHandler, OffWithoutSettingsOrAfterAnUnknownWord) {
-  EXPECT_EQ(1, InChild(nullptr, "", [] { return Common::AssertionHandler("x"); }) >> 8);
-  EXPECT_EQ(1, InChild("log", "", [] { return Common::AssertionHandler("x"); }) >> 8);  // on, no log
-  EXPECT_EQ(0, InChild("log abort bogus", log_, [] { return Common::AssertionHandler("x"); }) >> 8);
-  EXPECT_EQ("", ReadAll(log_));
-}
-
-TEST_F(AssertHandler, AbortMode) {
-  const int status = InChild("0x24", log_, [] {
-    FailingCheck();
-    return 0;
-  });
-  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT);
-  EXPECT_NE(std::string::npos, ReadAll(log_).find("1 + 1 == 3"));
-}
-
-TEST_F(AssertHandler, LongExpressionsAreCutNotOverrun) {
-  const int status = InChild("log", log_, [] {
-    const std::string huge(5000, 'e');
-    Common::AssertionFailed(huge.c_str(), "file", 1);
-    return 0;
-  });
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(540u, ReadAll(log_).size());  // 539 characters and the line feed
+TEST(AssertHandler, WhatEachModeDoes) {
+  const TestSupport::TempDir dir;
+  const std::string log = dir / "log";
+  const struct {
+    const char* mode;         // nullptr: unset
+    bool logFile;             // a log file is named
+    std::function<int()> body;
+    int result;               // exit code, or 128 + signal
+    std::string logged;       // the whole log, or its first line when a stack follows
+    bool stack = false;
+  } cases[] = {
+      {nullptr, true, [] { return Common::AssertionHandler("x"); }, 1, ""},
+      {"log", false, [] { return Common::AssertionHandler("x"); }, 1, ""},
+      {"log abort bogus", true, [] { return Common::AssertionHandler("x"); }, 0, ""},
+      {"log", true, [] { FailingCheck(); return Common::AssertionHandler("second"); }, 1, kFailure + "\nsecond\n"},
+      {"log", true, [] { Common::AssertionFailed(std::string(5000, 'e').c_str(), "f", 1); return 0; }, 0,
+       "Assertion failed: " + std::string(539 - 18, 'e') + "\n"},  // cut to the message size, not overrun
+      {"0x24", true, [] { FailingCheck(); return 0; }, 128 + SIGABRT, kFailure + "\n"},
+      {"log break", true, [] { FailingCheck(); return 0; }, 128 + SIGTRAP, kFailure + "\n"},
+      {"log stack", true, [] { FailingCheck(); return 0; }, 0, kFailure + "\n", true},
+      {"debug event stack", false,
+       [] {
+         Common::SetAssertEventCallback([](int category, int flags, int id, const char* text) {
+           if (category == 5 && flags == 0 && id == 27) gEvents += std::string(text) + "|";
+           ++gEventCalls;
+         });
+         FailingCheck();
+         const std::string last = Common::GetAssertDebugBuffer();  // the stack's last line
+         const bool ok = gEventCalls == 2 && gEvents.rfind(kFailure + "|", 0) == 0 &&
+                         gEvents.find("FailingCheck") != std::string::npos && last.find(" + 0x") != std::string::npos &&
+                         gEvents.find("\n" + last + "|") != std::string::npos;  // the whole stack, however long
+         return ok ? 0 : 1;
+       },
+       0, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.mode ? c.mode : "unset");
+    std::ofstream(log, std::ios::trunc).close();
+    EXPECT_EQ(c.result, TestSupport::RunInChild([&] {
+                if (c.mode) setenv("ZEMLORA_SAFE_ASSERT", c.mode, 1);
+                if (c.logFile) setenv("ZEMLORA_SAFE_ASSERT_LOGFILE", log.c_str(), 1);
+                return c.body();
+              }));
+    std::stringstream text;
+    text << std::ifstream(log).rdbuf();
+    const std::string logged = text.str();
+    if (!c.stack) {
+      EXPECT_EQ(c.logged, logged);
+      continue;
+    }
+    EXPECT_EQ(0u, logged.rfind(c.logged, 0)) << logged;
+    // A stack follows; the executable's own function is named through /proc/self/exe.
+    EXPECT_NE(std::string::npos, logged.find("FailingCheck")) << logged;
+    EXPECT_NE(std::string::npos, logged.find(" + 0x")) << logged;
+    EXPECT_GT(std::count(logged.begin(), logged.end(), '\n'), 3);
+  }
 }
 
 }  // namespace

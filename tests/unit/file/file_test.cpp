@@ -2,79 +2,128 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
-#include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <map>
-#include <string>
+#include <set>
+#include <thread>
+
+#include "../../support/descriptors.h"
+#include "../../support/temp_dir.h"
+#include "../common/sleeps_in.h"
 
 namespace {
 
 using namespace FileSystem;
 
-class FileLayer : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char dir[] = "/tmp/as_fileXXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(dir));
-    root_ = dir;
-  }
-  void TearDown() override { std::system(("rm -rf " + root_).c_str()); }
-  std::string Path(const std::string& name) const { return root_ + "/" + name; }
-  void Write(const std::string& name, const std::string& text) const { std::ofstream(Path(name)) << text; }
-
-  std::string root_;
-};
-
-TEST_F(FileLayer, WalkTellsEntryKindsAndEndsWithItsStatus) {
-  Write("file", "x");
-  ASSERT_EQ(0, mkdir(Path("dir").c_str(), 0755));
-  ASSERT_EQ(0, symlink("dir", Path("dirlink").c_str()));
-  ASSERT_EQ(0, symlink("file", Path("filelink").c_str()));
-  ASSERT_EQ(0, symlink("nowhere", Path("dangling").c_str()));
-  ASSERT_EQ(0, mkfifo(Path("fifo").c_str(), 0600));
-
-  auto dir = Directory::Open(root_ + "//");
+TEST(FileLayer, WalkTellsEntryKindsAndDirectoriesChange) {
+  const TestSupport::TempDir root;
+  std::ofstream(root / "file") << "x";
+  ASSERT_EQ(0, mkdir((root / "dir").c_str(), 0755));
+  for (const char* link : {"dir", "file", "nowhere"}) ASSERT_EQ(0, symlink(link, (root / link + "link").c_str()));
+  ASSERT_EQ(0, mkfifo((root / "fifo").c_str(), 0600));
+  auto dir = Directory::Open(root.path() + "//");
   ASSERT_TRUE(dir);
-  EXPECT_EQ(root_, dir->FullPath());
+  EXPECT_EQ(root.path(), dir->FullPath());
   std::map<std::string, EntryKind> seen;
-  Directory::Entry e;
-  while (dir->Next(e)) seen[e.name] = e.kind;
+  for (Directory::Entry e; dir->Next(e);) seen[e.name] = e.kind;
   EXPECT_EQ(kStatusEndOfDirectory, dir->Status());
-  EXPECT_EQ((std::map<std::string, EntryKind>{{"dangling", kSymlink},
-                                               {"dir", kDirectory},
-                                               {"dirlink", kDirectoryLink},
-                                               {"fifo", kSpecial},
-                                               {"file", kRegular},
-                                               {"filelink", kSymlink}}),
+  EXPECT_EQ((std::map<std::string, EntryKind>{{"dir", kDirectory}, {"dirlink", kDirectoryLink}, {"fifo", kSpecial},
+                                               {"file", kRegular}, {"filelink", kSymlink}, {"nowherelink", kSymlink}}),
             seen);
   EXPECT_TRUE(dir->OpenChild("dirlink"));
-  EXPECT_FALSE(dir->OpenChild("file"));
-  EXPECT_FALSE(dir->OpenChild("dangling"));
+  EXPECT_FALSE(dir->OpenChild("nowherelink"));
+  EXPECT_TRUE(dir->CreateDir("st1"));
+  EntryKind kind = kUnknown;
+  ASSERT_TRUE(dir->Lookup("st1", &kind));
+  EXPECT_EQ(kDirectory, kind);
+  ASSERT_TRUE(dir->Lookup("fifo", &kind));
+  EXPECT_EQ(kSpecial, kind);
+  EXPECT_TRUE(dir->RemoveDir("st1"));
+  EXPECT_FALSE(dir->Lookup("st1"));
+  EXPECT_FALSE(dir->HasError());
 }
 
-TEST_F(FileLayer, OpenFailuresNameThePathAndKeepErrno) {
-  Common::Error error;
-  EXPECT_FALSE(Directory::Open(Path("missing"), &error));
-  EXPECT_EQ(kErrorDirectoryOpen, error.GetCode());
-  EXPECT_STREQ("path,$module", error.GetFieldNames());
-  EXPECT_EQ(Path("missing"), error.GetStringField("path"));
-  EXPECT_EQ(ENOENT, error.GetCause().GetNumericField("code"));
-
+TEST(FileLayer, FailuresNameCodePathPlaceAndErrno) {
+  const TestSupport::TempDir root;
+  const std::string missing = root / "missing", full = root / "full";
+  std::ofstream(root / "file") << "x";
+  ASSERT_EQ(0, mkdir(full.c_str(), 0755));
+  std::ofstream(full + "/keep") << "data";
+  auto dir = Directory::Open(root.path());
+  auto open = [](const std::string& path, File::Mode mode, File& f) {
+    EXPECT_FALSE(File::Open(path, mode, f));
+    return std::ref(f);
+  };
+  auto failedOpen = [](const std::string& path, File::Mode mode) {
+    File f;
+    const Common::Error e = File::Open(path, mode, f);
+    return f.IsOpen() ? Common::Error() : e;
+  };
+  auto failedChange = [&](bool changed) {
+    const bool kept = dir->HasError();
+    const Common::Error e = dir->TakeLastError();
+    return !changed && kept && !dir->HasError() ? e : Common::Error();
+  };
+  char byte;
+  size_t count = 7;
   File f;
-  const Common::Error open = File::Open(Path("missing"), File::kRead, f);
-  EXPECT_EQ(kErrorOpen, open.GetCode());
-  EXPECT_EQ(Path("missing"), open.GetStringField("path"));
-  EXPECT_FALSE(f.IsOpen());
+  const struct {
+    const char* what;
+    std::function<Common::Error()> fail;
+    uint32_t code;
+    std::string path;
+    const char* function;
+    int err;
+  } cases[] = {
+      {"open a missing directory", [&] { Common::Error e; Directory::Open(missing, &e); return e; }, kErrorDirectoryOpen,
+       missing, "Open", ENOENT},
+      {"open a file as a directory", [&] { Common::Error e; dir->OpenChild("file", &e); return e; },
+       kErrorDirectoryOpen, root / "file", "Open", ENOTDIR},
+      {"read a missing file", [&] { return failedOpen(missing, File::kRead); }, kErrorOpen, missing, "Open", ENOENT},
+      {"write never creates", [&] { return failedOpen(missing, File::kWrite); }, kErrorOpen, missing, "Open", ENOENT},
+      {"read a directory", [&] { return open(root.path(), File::kRead, f).get().Read(&byte, 1, count); }, kErrorRead,
+       root.path(), "Read", EISDIR},
+      {"write a full device", [&] { return open("/dev/full", File::kWrite, f).get().Write("1\n", 2); }, kErrorWrite,
+       "/dev/full", "Write", ENOSPC},
+      {"create an existing directory", [&] { return failedChange(dir->CreateDir("full")); }, kErrorDirectoryCreate,
+       full, "CreateDir", EEXIST},
+      {"remove a directory with files", [&] { return failedChange(dir->RemoveDir("full")); }, kErrorDirectoryRemove,
+       full, "RemoveDir", ENOTEMPTY},
+  };
+  std::set<String> texts;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const Common::Error e = c.fail();
+    EXPECT_EQ(c.code, e.GetCode());
+    EXPECT_STREQ("path,$module", e.GetFieldNames());
+    EXPECT_EQ(c.path, e.GetStringField("path"));
+    EXPECT_STREQ("core/include/file/file", e.GetLocation().file);
+    EXPECT_STREQ(c.function, e.GetLocation().function);
+    EXPECT_EQ(c.err, e.GetCause().GetNumericField("code"));
+    texts.insert(e.GetText());
+  }
+  EXPECT_EQ(6u, texts.size());  // one message a code
+  EXPECT_EQ(0u, texts.count(String()));
+  EXPECT_EQ(7u, count);
+  EXPECT_EQ(-1, access(missing.c_str(), F_OK));
 }
 
-TEST_F(FileLayer, ReadStopsAtTheLimitAndWritingNeverCreates) {
-  Write("state", "running\n");
+std::atomic<bool> gSignalled{false};
+
+TEST(FileLayer, ReadStopsAtTheLimitAndOutlastsASignal) {
+  const TestSupport::TempDir root;
+  std::ofstream(root / "state") << "running\n";
   File f;
-  ASSERT_FALSE(File::Open(Path("state"), File::kRead, f));
+  ASSERT_FALSE(File::Open(root / "state", File::kRead, f));
   char buffer[32] = {};
   size_t count = 0;
   ASSERT_FALSE(f.Read(buffer, 4, count));
@@ -82,63 +131,46 @@ TEST_F(FileLayer, ReadStopsAtTheLimitAndWritingNeverCreates) {
   ASSERT_FALSE(f.Read(buffer, sizeof buffer, count));
   EXPECT_EQ("ing\n", std::string(buffer, count));
 
-  File w;
-  EXPECT_EQ(kErrorOpen, File::Open(Path("scan"), File::kWrite, w).GetCode());
-  EXPECT_EQ(-1, access(Path("scan").c_str(), F_OK));
-
-  File full;
-  ASSERT_FALSE(File::Open("/dev/full", File::kWrite, full));
-  const Common::Error e = full.Write("1\n", 2);
-  EXPECT_EQ(kErrorWrite, e.GetCode());
-  EXPECT_EQ(ENOSPC, e.GetCause().GetNumericField("code"));
+  // A signal without SA_RESTART interrupts a read that waits on a pipe.
+  int fds[2];
+  ASSERT_EQ(0, pipe(fds));
+  ASSERT_FALSE(File::Open("/proc/self/fd/" + std::to_string(fds[0]), File::kRead, f));
+  struct sigaction action {}, old {};
+  action.sa_handler = [](int) { gSignalled = true; };
+  sigaction(SIGUSR1, &action, &old);
+  std::atomic<long> tid{0};
+  Common::Error error;
+  std::thread reader([&] {
+    tid = syscall(SYS_gettid);
+    error = f.Read(buffer, sizeof buffer, count);
+  });
+  while (tid == 0 || !UnitTest::SleepsIn("self/task/" + std::to_string(tid), SYS_read)) std::this_thread::yield();
+  pthread_kill(reader.native_handle(), SIGUSR1);
+  while (!gSignalled) std::this_thread::yield();
+  ASSERT_EQ(1, write(fds[1], "x", 1));
+  reader.join();
+  sigaction(SIGUSR1, &old, nullptr);
+  EXPECT_FALSE(error);
+  EXPECT_EQ("x", std::string(buffer, count));
+  close(fds[0]);
+  close(fds[1]);
 }
 
-TEST_F(FileLayer, DirectoryChangesKeepTheirLastError) {
-  auto dir = Directory::Open(root_);
-  ASSERT_TRUE(dir);
-  EXPECT_TRUE(dir->CreateDir("st1"));
-  EntryKind kind;
-  ASSERT_TRUE(dir->Lookup("st1", &kind));
-  EXPECT_EQ(kDirectory, kind);
-  EXPECT_FALSE(dir->CreateDir("st1"));
-  EXPECT_TRUE(dir->HasError());
-  const Common::Error e = dir->TakeLastError();
-  EXPECT_EQ(kErrorDirectoryCreate, e.GetCode());
-  EXPECT_EQ(EEXIST, e.GetCause().GetNumericField("code"));
-  EXPECT_FALSE(dir->HasError());
-
-  Write("st1/keep", "data");
-  EXPECT_FALSE(dir->RemoveDir("st1"));  // only an empty directory goes
-  EXPECT_EQ(ENOTEMPTY, dir->TakeLastError().GetCause().GetNumericField("code"));
-  ASSERT_EQ(0, unlink(Path("st1/keep").c_str()));
-  EXPECT_TRUE(dir->RemoveDir("st1"));
-  EXPECT_FALSE(dir->Lookup("st1"));
-}
-
-TEST_F(FileLayer, DescriptorsAreCloseOnExecAndReleased) {
-  Write("f", "x");
-  auto openFds = [] {
-    std::map<int, bool> fds;  // descriptor -> close-on-exec
-    for (int fd = 0; fd < 256; ++fd) {
-      const int flags = fcntl(fd, F_GETFD);
-      if (flags >= 0) fds[fd] = flags & FD_CLOEXEC;
-    }
-    return fds;
+TEST(FileLayer, DescriptorsAreCloseOnExecAndReleased) {
+  auto inheritable = [] {  // descriptors that a child would inherit
+    int count = 0;
+    for (int fd = 0; fd < 1024; ++fd) count += fcntl(fd, F_GETFD) == 0;
+    return count;
   };
-  const auto before = openFds();
+  const int before = TestSupport::CountOwnFds(), inherited = inheritable();
   {
     File f;
-    ASSERT_FALSE(File::Open(Path("f"), File::kRead, f));
-    auto dir = Directory::Open(root_);
-    const auto during = openFds();
-    EXPECT_EQ(before.size() + 2, during.size());
-    for (const auto& [fd, cloexec] : during) {
-      if (before.count(fd) == 0) {
-        EXPECT_TRUE(cloexec) << fd;
-      }
-    }
+    ASSERT_FALSE(File::Open("/proc/self/stat", File::kRead, f));
+    auto dir = Directory::Open("/proc/self");
+    EXPECT_EQ(before + 2, TestSupport::CountOwnFds());
+    EXPECT_EQ(inherited, inheritable());
   }
-  EXPECT_EQ(before, openFds());
+  EXPECT_EQ(before, TestSupport::CountOwnFds());
 }
 
 }  // namespace

@@ -1,84 +1,149 @@
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "../../support/child.h"
+#include "../../support/temp_dir.h"
+#include "core/linex/child_env_internal.h"
 #include "core/linex/create_process.h"
+#include "core/linex/linux_misc.h"
 #include "linex_test_support.h"
+
+#ifndef SYS_close_range
+#define SYS_close_range 436
+#endif
 
 namespace {
 
-using LinexTest::Descriptors;
 using LinexTest::Probe;
 
+// The child's descriptors with `parent` open in this process, half of them inheritable.
+std::map<int, std::string> ChildDescriptors(ChildProcess& child, int parent = 100) {
+  std::vector<int> fds;
+  for (int i = 0; i < parent; ++i) fds.push_back(memfd_create("parent", i % 2 ? MFD_CLOEXEC : 0));
+  const auto result = Probe(child, "fds");
+  for (int fd : fds) close(fd);
+  return result.status == 0 ? LinexTest::Descriptors(result.out) : std::map<int, std::string>{};
+}
+
 TEST(Launcher, ChildSeesOnlyStandardAndRedirectedDescriptors) {
-  std::vector<int> parent;  // a hundred descriptors of the parent, half of them inheritable
-  for (int i = 0; i < 100; ++i) parent.push_back(memfd_create("parent", i % 2 ? MFD_CLOEXEC : 0));
-  struct Case {
+  const struct {
     const char* name;
     bool keepStdFds;
-    bool extraInput;  // a redirected descriptor beyond the standard three
-  } cases[] = {{"default", false, false}, {"keep std", true, false}, {"input on 7", false, true}};
-  for (const Case& c : cases) {
+    int input;  // a redirected input descriptor, or -1
+    std::vector<std::string> expected;  // "<fd> <target>"; "?" for any other number
+  } cases[] = {
+      // The "/dev/null" descriptor that served 0 and 2 stays open on purpose.
+      {"default", false, -1, {"0 /dev/null", "1 pipe:", "2 /dev/null", "? /dev/null"}},
+      {"keep std", true, -1, {"0 ", "1 pipe:", "2 "}},
+      {"input on 7", false, 7, {"0 /dev/null", "1 pipe:", "2 /dev/null", "7 pipe:", "? /dev/null"}},
+      {"input on 0", false, 0, {"0 pipe:", "1 pipe:", "2 /dev/null", "? /dev/null"}},
+  };
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     ChildProcess child;
     child.KeepStdFds = c.keepStdFds;
     int in = -1;
-    if (c.extraInput) child.AddRedirection(7, &in, false);
-    const auto result = Probe(child, "fds");
+    if (c.input != -1) child.AddRedirection(c.input, &in, false);
+    std::vector<std::string> seen;
+    for (const auto& [fd, target] : ChildDescriptors(child)) {
+      const bool inherited = c.keepStdFds && (fd == 0 || fd == 2);
+      seen.push_back((fd > 2 && fd != c.input ? "?" : std::to_string(fd)) + " " +
+                     (inherited ? "" : target.substr(0, target.rfind("pipe:", 0) == 0 ? 5 : std::string::npos)));
+    }
     if (in != -1) close(in);
-    ASSERT_EQ(result.status, 0);
-    auto fds = Descriptors(result.out);
-    for (int fd : {0, 1, 2}) EXPECT_EQ(fds.count(fd), 1u) << fd;
-    EXPECT_EQ(fds[1].rfind("pipe:", 0), 0u) << fds[1];
-    if (c.extraInput) {
-      EXPECT_EQ(fds[7].rfind("pipe:", 0), 0u) << fds[7];
-    }
-    // The "/dev/null" descriptor that served 0 and 2 stays open on purpose; nothing else may.
-    size_t expected = c.extraInput ? 4 : 3;
-    if (!c.keepStdFds) {
-      EXPECT_EQ(fds[0], "/dev/null");
-      EXPECT_EQ(fds[2], "/dev/null");
-      for (const auto& fd : fds)
-        if (fd.first > 2 && fd.first != 7) {
-          EXPECT_EQ(fd.second, "/dev/null") << fd.first;
-        }
-      ++expected;
-    }
-    EXPECT_EQ(fds.size(), expected) << result.out;
+    std::sort(seen.begin(), seen.end());
+    EXPECT_EQ(c.expected, seen);
   }
-  for (int fd : parent) close(fd);
 }
 
-TEST(Launcher, StderrFollowsStdoutInTheWorkDir) {
-  ChildProcess child;
-  child.CmdLine = "pwd; echo err >&2";
-  child.StderrToStdout = true;
-  child.WorkDir = "/usr";
-  const auto result = LinexTest::Run(child);
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out, "/usr\nerr\n");
+bool RefuseCloseRange() {
+  sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_close_range, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  sock_fprog program{static_cast<unsigned short>(sizeof filter / sizeof filter[0]), filter};
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
-TEST(Launcher, FirstRedirectionOfADescriptorWins) {
+// An inheritable descriptor above a lowered limit: a loop up to the limit misses it.
+bool DescriptorAboveTheLimit() {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = 512;
+  return dup2(open("/dev/null", O_RDONLY), 900) == 900 && setrlimit(RLIMIT_NOFILE, &limit) == 0;
+}
+
+// A private mount namespace (root only) with `path` hidden under an empty tmpfs.
+bool Hide(const char* path) {
+  return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         mount("tmpfs", path, "tmpfs", 0, nullptr) == 0;
+}
+
+// Without close_range the child reads /proc/self/fd, and without /proc it loops up to
+// the limit; without a shell every command exits 127. Each runs in a forked copy of the
+// test; exit code 2 means the kernel or our rights do not allow the setting.
+TEST(Launcher, FallbacksInForkedCopies) {
+  const struct {
+    const char* name;
+    std::function<bool()> setUp;
+    std::function<bool()> check;
+  } cases[] = {
+      {"/proc/self/fd", [] { return RefuseCloseRange() && DescriptorAboveTheLimit(); },
+       [] { ChildProcess child; child.KeepStdFds = true; return ChildDescriptors(child).size() == 3; }},
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // a sanitized probe needs /proc
+      {"loop", [] { return Hide("/proc") && RefuseCloseRange(); },
+       [] { ChildProcess child; child.KeepStdFds = true; return ChildDescriptors(child).size() == 3; }},
+#endif
+      {"no shell", [] { return Hide(std::filesystem::is_symlink("/bin") ? "/usr/bin" : "/bin"); },
+       [] {
+         FILE* stream = POpen("echo x", "r");
+         const bool popen = stream != nullptr && std::fgetc(stream) == EOF && PClose(stream) == 127;
+         return RunCommand("true") == 127 && popen;
+       }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const int outcome = TestSupport::RunInChild([&] { return !c.setUp() ? 2 : c.check() ? 0 : 1; });
+    if (outcome == 2) std::printf("%s: not tried, needs seccomp or root\n", c.name);
+    EXPECT_NE(1, outcome);
+  }
+}
+
+TEST(Launcher, FirstRedirectionWinsAndStderrFollowsStdoutInTheWorkDir) {
   ChildProcess child;
   int first = 5, second = 5;
   child.AddRedirection(1, &first, true);
   child.AddRedirection(1, &second, false);
-  child.CmdLine = "echo one";
+  child.CmdLine = "pwd; echo err >&2";
+  child.StderrToStdout = true;
+  child.WorkDir = "/usr";
   ASSERT_NE(child.ForkExec(), -1);
   EXPECT_EQ(second, 5);
-  EXPECT_EQ(LinexTest::ReadAll(first), "one\n");
+  EXPECT_EQ(LinexTest::ReadAll(first), "/usr\nerr\n");
   EXPECT_EQ(child.Wait(), 0);
 }
 
@@ -92,36 +157,31 @@ TEST(Launcher, ChildStartsWithNoBlockedSignalAndDefaultDispositions) {
   handler.sa_handler = [](int) {};
   sigaction(SIGPIPE, &ignore, &oldPipe);
   sigaction(SIGUSR2, &handler, &oldUsr2);
-
   ChildProcess child;
   const auto result = Probe(child, "signals");
-
   sigaction(SIGPIPE, &oldPipe, nullptr);
   sigaction(SIGUSR2, &oldUsr2, nullptr);
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out, "blocked 0\n" + std::to_string(SIGPIPE) + " dfl\n" + std::to_string(SIGUSR2) + " dfl\n" +
                             std::to_string(SIGCHLD) + " dfl\n");
 }
 
 TEST(Launcher, SetUpAndExecFailuresExit127) {
   const std::string longName(5000, 'x');
-  const struct Case {
+  const struct {
     const char* name;
     std::vector<std::string> args;
     std::string workDir;
     int32_t target;  // a redirected descriptor, or -1
+    int status;
   } cases[] = {
-      {"missing program", {"no-such-program-zl"}, "", -1},
-      {"missing path", {"/no/such/program"}, "", -1},
-      {"empty program", {""}, "", -1},
-      {"long name", {longName}, "", -1},
-      {"long path", {"/bin/" + longName}, "", -1},
-      {"directory", {"/tmp"}, "", -1},
-      {"missing work dir", {"true"}, "/no/such/dir", -1},
-      {"descriptor beyond any limit", {"true"}, "", INT32_MAX},
+      {"missing program", {"no-such-program-zl"}, "", -1, 127}, {"missing path", {"/no/such/program"}, "", -1, 127},
+      {"empty program", {""}, "", -1, 127},                     {"long name", {longName}, "", -1, 127},
+      {"long path", {"/bin/" + longName}, "", -1, 127},         {"directory", {"/tmp"}, "", -1, 127},
+      {"missing work dir", {"true"}, "/no/such/dir", -1, 127},  {"descriptor beyond any limit", {"true"}, "", INT32_MAX, 127},
+      {"found on PATH", {"sh", "-c", "exit 7"}, "", -1, 7},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     ChildProcess child;
     child.Args = c.args;
@@ -130,84 +190,73 @@ TEST(Launcher, SetUpAndExecFailuresExit127) {
     if (c.target != -1) child.AddRedirection(c.target, &parentEnd, true);
     ASSERT_NE(child.ForkExec(), -1);
     if (parentEnd != -1) close(parentEnd);
-    EXPECT_EQ(child.Wait(), 127);
+    EXPECT_EQ(child.Wait(), c.status);
   }
-  ChildProcess found;  // the same form finds a program on PATH
-  found.Args = {"sh", "-c", "exit 7"};
-  ASSERT_NE(found.ForkExec(), -1);
-  EXPECT_EQ(found.Wait(), 7);
 }
 
-TEST(Launcher, RefusesBadDescriptionsAndASecondStart) {
-  ChildProcess neither;
-  EXPECT_EQ(neither.ForkExec(), -1);
-  EXPECT_EQ(neither.Pid, -1);
-  ChildProcess both;
-  both.CmdLine = "true";
-  both.Args = {"true"};
-  int out = 9;
-  both.AddRedirection(1, &out, true);
-  EXPECT_EQ(both.ForkExec(), -1);
-  EXPECT_EQ(out, 9);  // no pipe was made
-  ChildProcess badRedirections;
-  badRedirections.AddRedirection(-1, &out, true);
-  badRedirections.AddRedirection(1, nullptr, true);
-  EXPECT_TRUE(badRedirections.Redirections.empty());
-
-  ChildProcess child;
-  child.CmdLine = "true";
-  const int pid = child.ForkExec();
-  ASSERT_NE(pid, -1);
-  EXPECT_EQ(child.ForkExec(), pid);
-  EXPECT_EQ(child.Wait(), 0);
-  EXPECT_EQ(child.Wait(), -1);
-  EXPECT_EQ(ChildProcess::WaitProcess(-1), -1);
-  EXPECT_EQ(ChildProcess::WaitProcess(0), -1);
-}
-
-TEST(Launcher, DestructorReapsAnUnwaitedChild) {
-  pid_t pid;
-  {
-    ChildProcess child;
-    child.CmdLine = "exit 0";
-    pid = child.ForkExec();
-    ASSERT_NE(pid, -1);
-  }
-  EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), -1);
-  EXPECT_EQ(errno, ECHILD);
-}
-
-TEST(Launcher, ReportFile) {
-  setenv("ZEMLORA_ERROR_REPORT_FILE", "/tmp/parent-report", 1);
-  {
-    ChildProcess child;
-    const auto result = Probe(child, "env");
-    EXPECT_EQ(result.out.find("ZEMLORA_ERROR_REPORT_FILE"), std::string::npos);
-  }
+TEST(Launcher, EnvironmentAndReportFileReachTheChild) {
+  for (const char* entry : {"LD_PRELOAD=", "ZL_KEEP=kept", "ZL_GONE=x", "ZEMLORA_ERROR_REPORT_FILE=/tmp/parent"})
+    putenv(const_cast<char*>(entry));
   std::string path;
-  {
+  for (bool report : {false, true}) {
+    SCOPED_TRACE(report ? "own report file" : "no report file");
     ChildProcess child;
-    child.CreateReportFile = true;
-    const auto result = Probe(child, "env");
+    for (const char* entry : {"LD_PRELOAD", "ZL_GONE", "ZL_NEW=1", "ZL_NEW=2"}) child.SetEnv(entry);
+    child.CreateReportFile = report;
+    const std::string out = "\n" + Probe(child, "env").out;
+    for (const char* gone : {"\nLD_PRELOAD=", "\nZL_GONE=", "ZL_NEW=1", "/tmp/parent"}) EXPECT_EQ(out.find(gone), std::string::npos) << gone;
+    EXPECT_NE(out.find("\nZL_KEEP=kept\n"), std::string::npos);
     path = child.ReportPath;
-    EXPECT_EQ(path.rfind("/tmp/.zemlora_report.", 0), 0u) << path;
-    EXPECT_NE(result.out.find("ZEMLORA_ERROR_REPORT_FILE=" + path + "\n"), std::string::npos);
-    EXPECT_EQ(result.out.find("/tmp/parent-report"), std::string::npos);
-    struct stat st {};
-    EXPECT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(report, out.find("\nZEMLORA_ERROR_REPORT_FILE=" + path + "\n") != std::string::npos);
+    EXPECT_EQ(report, path.rfind("/tmp/.zemlora_report.", 0) == 0) << path;
+    EXPECT_EQ(report, access(path.c_str(), F_OK) == 0);
+    EXPECT_TRUE(report || out.substr(out.size() - 9) == "ZL_NEW=2\n") << out;  // an added entry comes last
   }
-  unsetenv("ZEMLORA_ERROR_REPORT_FILE");
-  EXPECT_NE(access(path.c_str(), F_OK), 0);
+  EXPECT_NE(access(path.c_str(), F_OK), 0);  // gone with the object
+  for (const char* name : {"LD_PRELOAD", "ZL_KEEP", "ZL_GONE", "ZEMLORA_ERROR_REPORT_FILE"}) unsetenv(name);
 }
 
-TEST(ExecSearchPath, FailuresReturnWithErrno) {
-  char dir[] = "/tmp/zl_search_XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  const std::string plain = std::string(dir) + "/plain";
-  close(open(plain.c_str(), O_CREAT | O_WRONLY, 0644));  // not executable
+TEST(Launcher, ChildEnvironmentRules) {
+  using Strings = std::vector<std::string>;
+  struct {
+    const char* name;
+    Strings parent;
+    bool inherit;
+    Strings overrides;
+    Strings expected;
+  } cases[] = {
+      {"inherited as is", {"A=1", "B=2"}, true, {}, {"A=1", "B=2"}},
+      {"replaced in place", {"A=1", "B=2", "C=3"}, true, {"B=x"}, {"A=1", "B=x", "C=3"}},
+      {"removed", {"LD_PRELOAD=/x.so", "B=2"}, true, {"LD_PRELOAD"}, {"B=2"}},
+      {"appended", {"A=1"}, true, {"Z=9"}, {"A=1", "Z=9"}},
+      {"unmatched removal dropped", {"A=1"}, true, {"NOPE"}, {"A=1"}},
+      {"entry without = dropped", {"A=1", "BROKEN", "C=3"}, true, {}, {"A=1", "C=3"}},
+      {"last match decides", {"A=1"}, true, {"A=2", "A"}, {}},
+      {"last match decides, set", {"A=1"}, true, {"A", "A=3"}, {"A=3"}},
+      {"first inherited of a name only", {"A=1", "A=2"}, true, {"A=x"}, {"A=x", "A=2"}},
+      {"prefix is not a match", {"AB=1"}, true, {"A=2"}, {"AB=1", "A=2"}},
+      {"empty and = overrides never appended", {"A=1"}, true, {"", "=x", "=", "A=5"}, {"A=5"}},
+      {"nameless entry replaced", {"=odd", "A=1"}, true, {"=x", "A=5"}, {"=x", "A=5"}},
+      {"nameless entry removed", {"=odd", "A=1"}, true, {"=x", ""}, {"A=1"}},
+      {"empty value", {"A=1"}, true, {"A="}, {"A="}},
+      {"not inherited", {"A=1", "B=2"}, false, {"B=3", "C", "D=4"}, {"B=3", "D=4"}},
+  };
+  for (auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<char*> env;
+    for (std::string& e : c.parent) env.push_back(&e[0]);
+    env.push_back(nullptr);
+    EXPECT_EQ(LinuxEx::Detail::BuildChildEnvironment(env.data(), c.inherit, c.overrides), c.expected);
+  }
+  EXPECT_EQ(LinuxEx::Detail::BuildChildEnvironment(nullptr, true, {"A=1"}), Strings{"A=1"});
+}
+
+TEST(Launcher, ExecSearchPathFailuresReturnWithErrno) {
+  const TestSupport::TempDir dir;
+  close(open((dir / "plain").c_str(), O_CREAT | O_WRONLY, 0644));  // not executable
   const std::string savedPath = getenv("PATH") ? getenv("PATH") : "";
   char* argv[] = {const_cast<char*>("x"), nullptr};
-  struct Case {
+  const struct {
     const char* name;
     std::string path;
     std::string file;
@@ -215,12 +264,12 @@ TEST(ExecSearchPath, FailuresReturnWithErrno) {
   } cases[] = {
       {"empty name", "/bin", "", ENOENT},
       {"not found", "/no/such:/also/missing", "zl-missing", ENOENT},
-      {"not executable, then missing", std::string(dir) + ":/no/such", "plain", EACCES},
+      {"not executable, then missing", dir.path() + ":/no/such", "plain", EACCES},
       {"long name", "/bin", std::string(5000, 'y'), ENAMETOOLONG},
       {"long element", std::string(4095, 'd') + ":/bin", "true", ENAMETOOLONG},
       {"slash", "/bin", "/no/such/prog", ENOENT},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     setenv("PATH", c.path.c_str(), 1);
     errno = 0;
@@ -228,8 +277,6 @@ TEST(ExecSearchPath, FailuresReturnWithErrno) {
     EXPECT_EQ(errno, c.err);
   }
   setenv("PATH", savedPath.c_str(), 1);
-  unlink(plain.c_str());
-  rmdir(dir);
 }
 
 }  // namespace

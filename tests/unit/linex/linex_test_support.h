@@ -1,13 +1,10 @@
 #pragma once
-// Running the probe child and reading what it reports; counting our own descriptors.
-#include <dirent.h>
+// Running the probe child and reading what it reports.
 #include <unistd.h>
 
 #include <map>
 #include <sstream>
 #include <string>
-
-#include "../../support/descriptors.h"
 
 #include "core/linex/create_process.h"
 
@@ -16,8 +13,7 @@ namespace LinexTest {
 inline std::string ReadAll(int fd) {
   std::string text;
   char buffer[4096];
-  ssize_t n;
-  while ((n = read(fd, buffer, sizeof buffer)) > 0) text.append(buffer, static_cast<size_t>(n));
+  for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<size_t>(n));
   close(fd);
   return text;
 }
@@ -27,8 +23,9 @@ struct Result {
   std::string out;
 };
 
-// Runs `child` with its descriptor 1 on a pipe and collects the output.
-inline Result Run(ChildProcess& child) {
+// Runs the probe in `mode` (or the child as described) with its output on a pipe.
+inline Result Probe(ChildProcess& child, const char* mode = nullptr) {
+  if (mode) child.Args = {AS_CHILD_PROBE, mode};
   int out = -1;
   child.AddRedirection(1, &out, true);
   Result result;
@@ -38,22 +35,12 @@ inline Result Run(ChildProcess& child) {
   return result;
 }
 
-inline Result Probe(ChildProcess& child, const char* mode) {
-  child.Args = {AS_CHILD_PROBE, mode};
-  return Run(child);
-}
-
 // "<fd> <target>" lines of the probe's "fds" mode.
 inline std::map<int, std::string> Descriptors(const std::string& text) {
   std::map<int, std::string> fds;
   std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    const size_t space = line.find(' ');
-    fds[std::stoi(line.substr(0, space))] = line.substr(space + 1);
-  }
+  for (std::string line; std::getline(in, line);) fds[std::stoi(line)] = line.substr(line.find(' ') + 1);
   return fds;
 }
-
-using TestSupport::CountOwnFds;
 
 }  // namespace LinexTest

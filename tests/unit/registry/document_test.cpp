@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "core/common/unicode.h"
 #include "registry/errors.h"
 
@@ -82,6 +80,10 @@ TEST(RegistryDocument, AcceptsHandWrittenVariants) {
 }
 
 TEST(RegistryDocument, RefusesWhatALaterWriteWouldLose) {
+  std::string deep = "<registry>";
+  for (size_t i = 0; i <= Registry::kMaxKeyDepth; ++i) deep += "<key name='k'>";
+  for (size_t i = 0; i <= Registry::kMaxKeyDepth; ++i) deep += "</key>";
+  deep += "</registry>";
   const struct {
     const char* name;
     std::string text;
@@ -113,6 +115,7 @@ TEST(RegistryDocument, RefusesWhatALaterWriteWouldLose) {
       {"text inside a multistring", "<registry><value type='multistring'>a</value></registry>"},
       {"bad escape", "<registry><value type='string'>\\q</value></registry>"},
       {"invalid UTF-8", "<registry><key name='\xC3'/></registry>"},
+      {"keys nested too deep", deep},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -122,19 +125,10 @@ TEST(RegistryDocument, RefusesWhatALaterWriteWouldLose) {
     ASSERT_EQ(error.GetCode(), Registry::kErrorFileCorrupt);
     EXPECT_STREQ(error.GetFieldNames(), "path,$module");
     EXPECT_STREQ(error.GetStringField("path"), "/etc/Zemlora/T.xml");
-    EXPECT_EQ(error.GetText(), Str(u"Registry file '/etc/Zemlora/T.xml' is corrupt."));
+    EXPECT_NE(error.GetText().find(Str(u"'/etc/Zemlora/T.xml'")), String::npos);
     EXPECT_EQ(error.GetCause().GetCode(), Registry::kErrorFileFormat);
     EXPECT_EQ(root.children.count(Str(u"untouched")), 1u);
   }
-}
-
-TEST(RegistryDocument, RefusesKeysNestedTooDeep) {
-  std::string deep = "<registry>";
-  for (size_t i = 0; i <= Registry::kMaxKeyDepth; ++i) deep += "<key name='k'>";
-  for (size_t i = 0; i <= Registry::kMaxKeyDepth; ++i) deep += "</key>";
-  deep += "</registry>";
-  KeyNode root;
-  EXPECT_EQ(Parse(deep, root).GetCode(), Registry::kErrorFileCorrupt);
 }
 
 }  // namespace

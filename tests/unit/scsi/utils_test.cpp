@@ -1,13 +1,14 @@
-// The two sysfs helpers of the disk subsystem: their limits and their error words.
+// The two sysfs helpers of the disk subsystem: their limits and their errors.
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/utils.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <fstream>
+#include <functional>
+#include <vector>
 
+#include "../../support/temp_dir.h"
 #include "core/common/unicode.h"
 
 namespace {
@@ -15,50 +16,55 @@ namespace {
 using SCSI::Detail::ReadFile;
 using SCSI::Detail::WriteCommand;
 
-TEST(SysfsHelpers, ReadFileStopsAtTheLimit) {
-  char path[] = "/tmp/as_stateXXXXXX";
-  const int fd = mkstemp(path);
-  ASSERT_GE(fd, 0);
-  close(fd);
-  std::ofstream(path) << "transport-offline, and then some more text than 32 bytes\n";
+// Reads stop at the limit. Each error names what failed in its text (command before
+// path) and its place, and keeps the file layer's error with the errno below it.
+TEST(SysfsHelpers, LimitsAndFailures) {
+  const TestSupport::TempDir dir;
+  std::ofstream(dir / "state") << "transport-offline, and then some more text than 32 bytes\n";
   std::vector<uint8_t> buffer;
-  EXPECT_EQ(32u, ReadFile(path, buffer, 32));
+  EXPECT_EQ(32u, ReadFile(dir / "state", buffer, 32));
   EXPECT_GE(buffer.size(), 32u);
-  std::ofstream(path, std::ios::trunc) << "running\n";
-  EXPECT_EQ(8u, ReadFile(path, buffer, 32));
+  std::ofstream(dir / "state", std::ios::trunc) << "running\n";
+  EXPECT_EQ(8u, ReadFile(dir / "state", buffer, 32));
   EXPECT_EQ("running\n", std::string(buffer.begin(), buffer.begin() + 8));
-  unlink(path);
-
-  try {
-    ReadFile(path, buffer, 32);
-    ADD_FAILURE() << "the file is gone";
-  } catch (const Common::Error& e) {
-    EXPECT_EQ(0x530123u, e.GetCode());
-    EXPECT_EQ("Failed to open file '" + std::string(path) + "'.", Common::ToUtf8(e.GetText()));
-    EXPECT_STREQ("OpenFile", e.GetLocation().function);
-  }
-  try {
-    ReadFile("/proc/self", buffer, 32);  // opens, but a directory cannot be read
-    ADD_FAILURE() << "a directory has no data";
-  } catch (const Common::Error& e) {
-    EXPECT_EQ(0x530124u, e.GetCode());
-    EXPECT_EQ(EISDIR, e.GetCause().GetCause().GetNumericField("code"));
-  }
-}
-
-TEST(SysfsHelpers, WriteCommandNamesCommandThenPath) {
-  const Common::Error missing = WriteCommand("/nonexistent/host3/scan", "- - -\n");
-  EXPECT_EQ(0x5300C6u, missing.GetCode());
-  EXPECT_EQ("Failed to write command '- - -\n' to file '/nonexistent/host3/scan'.",
-            Common::ToUtf8(missing.GetText()));
-  EXPECT_STREQ("WriteCommand", missing.GetLocation().function);
-  EXPECT_EQ(ENOENT, missing.GetCause().GetCause().GetNumericField("code"));
-
-  const Common::Error full = WriteCommand("/dev/full", "1\n");
-  EXPECT_EQ(0x5300C6u, full.GetCode());
-  EXPECT_EQ(ENOSPC, full.GetCause().GetCause().GetNumericField("code"));
-
   EXPECT_FALSE(WriteCommand("/dev/null", "1\n"));
+
+  auto thrown = [&](const std::string& path) {
+    try {
+      ReadFile(path, buffer, 32);
+    } catch (const Common::Error& e) {
+      return e;
+    }
+    return Common::Error();
+  };
+  const struct {
+    const char* what;
+    std::function<Common::Error()> fail;
+    uint32_t code;
+    const char* function;
+    std::vector<std::string> named;  // in this order
+    int err;
+  } cases[] = {
+      {"read a missing file", [&] { return thrown(dir / "gone"); }, 0x530123, "OpenFile", {dir / "gone"}, ENOENT},
+      {"read a directory", [&] { return thrown(dir.path()); }, 0x530124, "ReadFile", {dir.path()}, EISDIR},
+      {"write a missing file", [] { return WriteCommand("/nonexistent/host3/scan", "- - -\n"); }, 0x5300C6,
+       "WriteCommand", {"- - -\n", "/nonexistent/host3/scan"}, ENOENT},
+      {"write a full device", [] { return WriteCommand("/dev/full", "1\n"); }, 0x5300C6, "WriteCommand",
+       {"1\n", "/dev/full"}, ENOSPC},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const Common::Error e = c.fail();
+    EXPECT_EQ(c.code, e.GetCode());
+    EXPECT_STREQ(c.function, e.GetLocation().function);
+    const std::string text = Common::ToUtf8(e.GetText());
+    size_t at = 0;
+    for (const std::string& part : c.named) {
+      at = text.find(part, at);
+      ASSERT_NE(std::string::npos, at) << text;
+    }
+    EXPECT_EQ(c.err, e.GetCause().GetCause().GetNumericField("code"));
+  }
 }
 
 }  // namespace

@@ -1,13 +1,10 @@
 #pragma once
 // Tells from outside whether the file lock behind a shared mutex is held.
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
 
 #include <string>
-
-#include "../../support/descriptors.h"
 
 namespace SyncTest {
 
@@ -23,7 +20,5 @@ inline bool FileLockHeld(const std::string& name) {
 
 // A name of this test run's own, so that runs never meet.
 inline std::string UniqueName(const char* what) { return std::string("zl_test_") + what + "_" + std::to_string(getpid()); }
-
-using TestSupport::CountOwnFds;
 
 }  // namespace SyncTest

@@ -1,8 +1,15 @@
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "../common/sleeps_in.h"
+#include "core/common/event.h"
 #include "core/common/mutex.h"
 #include "core/common/shared_mutex.h"
 #include "lock_probe.h"
@@ -46,6 +53,61 @@ TEST(SharedMutexThreads, ThreadsSerialise) {
   EXPECT_EQ(counter, 800);
   EXPECT_FALSE(SyncTest::FileLockHeld(name));
   unlink(SyncTest::LockPath(name).c_str());
+}
+
+TEST(Event, SignalStateWithoutWaiters) {
+  const struct {
+    bool manual;
+    bool initially;
+    const char* waits;  // results of Wait(0), Wait(0), Set(), Wait(0), Wait(0)
+  } cases[] = {{false, true, "10-10"}, {false, false, "00-10"}, {true, true, "11-11"}, {true, false, "00-11"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.manual ? "manual, " : "auto, ") + (c.initially ? "signalled" : "not signalled"));
+    Common::Event event(c.manual, c.initially);
+    std::string waits;
+    for (int i = 0; i < 5; ++i) {
+      if (i == 2) event.Set();
+      waits += i == 2 ? '-' : event.Wait(i == 1 ? 1 : 0) ? '1' : '0';
+    }
+    EXPECT_EQ(c.waits, waits);
+  }
+  Common::Event manual(true, false);
+  manual.Set();
+  manual.Set();
+  EXPECT_TRUE(manual.Wait());
+  manual.Reset();
+  EXPECT_FALSE(manual.Wait(0));
+}
+
+// Three threads wait without limit: an auto-reset event wakes one per Set, even when
+// the Sets come faster than the woken leave, and the signal is spent; a manual-reset
+// event wakes them all and stays signalled.
+TEST(Event, SetWakesOneWaiterOrAll) {
+  for (bool manual : {false, true}) {
+    SCOPED_TRACE(manual ? "manual" : "auto");
+    Common::Event event(manual, false);
+    std::atomic<int> woken{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i) {
+      std::atomic<long> tid{0};
+      threads.emplace_back([&] {
+        tid = syscall(SYS_gettid);
+        woken += event.Wait();
+      });
+      // One at a time, so that a sleeping waiter can only sleep in the event's wait.
+      while (tid == 0 || !UnitTest::SleepsIn("self/task/" + std::to_string(tid), SYS_futex))
+        std::this_thread::yield();
+    }
+    event.Set();
+    EXPECT_EQ(manual, event.Wait(0));
+    if (!manual) {
+      event.Set();
+      event.Set();
+    }
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(woken, 3);
+    EXPECT_EQ(manual, event.Wait(0));
+  }
 }
 
 }  // namespace

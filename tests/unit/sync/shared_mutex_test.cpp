@@ -1,51 +1,47 @@
+#include <poll.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "../../support/child.h"
+#include "../../support/descriptors.h"
+#include "../common/sleeps_in.h"
 #include "core/common/error.h"
 #include "core/common/shared_mutex.h"
+#include "core/common/unicode.h"
 #include "lock_probe.h"
 
 namespace {
 
 using SyncTest::FileLockHeld;
 using SyncTest::LockPath;
-using SyncTest::UniqueName;
 
 class SharedMutexTest : public ::testing::Test {
  protected:
   void TearDown() override { unlink(LockPath(name_).c_str()); }
-  const std::string name_ = UniqueName("mutex");
+  const std::string name_ = SyncTest::UniqueName("mutex");
 };
 
-TEST_F(SharedMutexTest, LockFileIsPrivateAndOutlivesTheObject) {
-  const int before = SyncTest::CountOwnFds();
-  {
-    auto mutex = Common::SharedMutex::Create(name_.c_str());
-    EXPECT_EQ(SyncTest::CountOwnFds(), before + 1);
-  }
-  EXPECT_EQ(SyncTest::CountOwnFds(), before);
+// The lock file is private and outlives the object; a later object takes it over.
+// Recursion holds the file lock until the last Unlock; one Unlock too many is only reported.
+TEST_F(SharedMutexTest, LockFileAndRecursion) {
+  const int before = TestSupport::CountOwnFds();
+  Common::SharedMutex::Create(name_.c_str()).reset();
+  EXPECT_EQ(TestSupport::CountOwnFds(), before);
   struct stat st {};
   ASSERT_EQ(stat(LockPath(name_).c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0600u);
-}
-
-// A lock file left by an earlier process is taken over; recursion holds the file lock
-// until the last Unlock, and one Unlock too many is only reported.
-TEST_F(SharedMutexTest, ExistingFileAndRecursion) {
-  close(open(LockPath(name_).c_str(), O_CREAT | O_WRONLY, 0644));
   auto mutex = Common::SharedMutex::Create(name_.c_str());
+  EXPECT_EQ(TestSupport::CountOwnFds(), before + 1);
   EXPECT_FALSE(FileLockHeld(name_));
-  mutex->Lock();
-  mutex->Lock();
+  for (int i = 0; i < 2; ++i) mutex->Lock();
   mutex->Unlock();
   EXPECT_TRUE(FileLockHeld(name_));
   mutex->Unlock();
@@ -56,54 +52,60 @@ TEST_F(SharedMutexTest, ExistingFileAndRecursion) {
   mutex->Unlock();
 }
 
-TEST_F(SharedMutexTest, TwoObjectsOfOneNameAreTwoLocks) {
-  auto first = Common::SharedMutex::Create(name_.c_str());
-  auto second = Common::SharedMutex::Create(name_.c_str());
-  // Each object locks its own open file, so each Lock takes the file lock itself.
-  first->Lock();
-  EXPECT_TRUE(FileLockHeld(name_));
-  std::atomic<bool> secondHeld{false};
-  std::thread other([&] {
-    second->Lock();
-    secondHeld = true;
-    second->Unlock();
-  });
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_FALSE(secondHeld.load()) << "the second object got the lock while the first held it";
-  first->Unlock();
-  other.join();
-  EXPECT_TRUE(secondHeld.load());
-  EXPECT_FALSE(FileLockHeld(name_));
-}
-
-TEST_F(SharedMutexTest, SecondProcessWaitsForTheFirst) {
+// Another object of the name, in another thread or another process, waits in the
+// file lock until the holder lets go.
+TEST_F(SharedMutexTest, AnotherObjectWaitsForTheHolder) {
   auto mutex = Common::SharedMutex::Create(name_.c_str());
-  mutex->Lock();
-  const pid_t child = fork();
-  ASSERT_NE(child, -1);
-  if (child == 0) {
-    auto other = Common::SharedMutex::Create(name_.c_str());
-    other->Lock();
-    other->Unlock();
-    _exit(0);
+  for (bool process : {false, true}) {
+    SCOPED_TRACE(process ? "another process" : "another thread");
+    int done[2];
+    ASSERT_EQ(pipe(done), 0);
+    auto lockOnce = [&] {
+      auto other = Common::SharedMutex::Create(name_.c_str());
+      other->Lock();
+      const bool wrote = write(done[1], "x", 1) == 1;
+      other->Unlock();
+      return wrote ? 0 : 1;
+    };
+    mutex->Lock();
+    std::atomic<long> tid{0};
+    std::thread thread;
+    pid_t child = -1;
+    if (process) {
+      child = TestSupport::StartChild(lockOnce);
+    } else {
+      thread = std::thread([&] {
+        tid = syscall(SYS_gettid);
+        lockOnce();
+      });
+      while (tid == 0) std::this_thread::yield();
+    }
+    const std::string task = process ? std::to_string(child) : "self/task/" + std::to_string(tid);
+    pollfd got{done[0], POLLIN, 0};
+    while (!UnitTest::SleepsIn(task, SYS_flock) && poll(&got, 1, 1) == 0) {
+    }
+    EXPECT_EQ(poll(&got, 1, 0), 0) << "the other got the lock while it was held";
+    mutex->Unlock();
+    if (process) {
+      EXPECT_EQ(TestSupport::WaitChild(child), 0);
+    } else {
+      thread.join();
+    }
+    char c = 0;
+    EXPECT_EQ(read(done[0], &c, 1), 1);
+    close(done[0]);
+    close(done[1]);
   }
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  int status = 0;
-  EXPECT_EQ(waitpid(child, &status, WNOHANG), 0) << "the child got the lock while it was held";
-  mutex->Unlock();
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_FALSE(FileLockHeld(name_));
 }
 
 TEST(SharedMutexCreate, Failures) {
-  struct Case {
+  const std::string longName(300, 'n');
+  const struct {
     const char* name;
     int err;
-  } cases[] = {{"zl/no/such/dir", ENOENT}, {nullptr, EINVAL}, {"zl_long_name_padding_x", 0}};
-  std::string longName(300, 'n');
-  cases[2].name = longName.c_str();
-  cases[2].err = ENAMETOOLONG;
-  for (const Case& c : cases) {
+  } cases[] = {{"zl/no/such/dir", ENOENT}, {nullptr, EINVAL}, {longName.c_str(), ENAMETOOLONG}};
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name ? c.name : "null");
     try {
       auto mutex = Common::SharedMutex::Create(c.name);
@@ -115,7 +117,9 @@ TEST(SharedMutexCreate, Failures) {
       EXPECT_STREQ(e.GetLocation().function, "Create");
       EXPECT_EQ(e.GetCause().GetCode(), Common::Error::kPosixCode);
       EXPECT_EQ(e.GetCause().GetNumericField("code"), c.err);
-      EXPECT_FALSE(e.GetText().empty());
+      EXPECT_FALSE(e.GetText().empty());  // the message with the name in place of its {0}
+      EXPECT_NE(e.GetText().find(Common::FromUtf8(c.name ? c.name : "")), String::npos);
+      EXPECT_EQ(e.GetText().find(Common::Str(u"{0}")), String::npos);
     }
   }
 }

@@ -1,0 +1,21 @@
+#pragma once
+// Whether a thread or process sleeps in a given system call: a test acts once the other
+// side really waits instead of after a guessed delay.
+#include <fstream>
+#include <string>
+
+namespace UnitTest {
+
+// `task` is "<pid>" or "self/task/<tid>". Where the kernel does not tell the system
+// call, any sleep counts; where it tells nothing, the answer is yes.
+inline bool SleepsIn(const std::string& task, long number) {
+  std::ifstream syscall("/proc/" + task + "/syscall");
+  std::string first;
+  if (syscall >> first) return first != "running" && std::stol(first) == number;
+  std::ifstream stat("/proc/" + task + "/stat");
+  std::string line;
+  const size_t end = std::getline(stat, line) ? line.rfind(") ") : std::string::npos;
+  return end == std::string::npos || line.compare(end + 2, 1, "S") == 0;
+}
+
+}  // namespace UnitTest
