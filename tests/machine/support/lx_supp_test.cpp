@@ -37,7 +37,6 @@ int Inheritable() {
   return count;
 }
 
-// What one registration saw.
 struct Seen {
   std::mutex mutex;
   std::condition_variable changed;
@@ -70,7 +69,10 @@ void Record(const LinuxEx::snap_message* messages, void* context) {
   seen.changed.notify_all();
 }
 
-void Other(const LinuxEx::snap_message* messages, void* context) { Record(messages, context); }
+void RecordAndDrop(const LinuxEx::snap_message* messages, void* context) {
+  Record(messages, context);
+  LinuxEx::UnregisterSnapApiCallBack(Record);
+}
 
 void RecordAndLeave(const LinuxEx::snap_message* messages, void* context) {
   Record(messages, context);
@@ -103,13 +105,13 @@ class LxSupp : public ::testing::Test {
   int threads_ = 0, descriptors_ = 0;
 };
 
-// One listener thread serves every registration; unregistering one keeps the other,
-// and the last takes the thread and its descriptors away.
+// One listener thread serves every registration, the same callback's too; unregistering
+// removes the oldest, and the last takes the thread and its descriptors away.
 TEST_F(LxSupp, EveryRegistrationHearsTheKernelUntilItLeaves) {
   Seen first, second;
   const int inheritable = Inheritable();
   ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Record, &first));
-  ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Other, &second));
+  ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Record, &second));
   EXPECT_EQ(threads_ + 1, Threads()) << "one listener for all";
   EXPECT_EQ(inheritable, Inheritable()) << "the listener's descriptors are close-on-exec";
   dev_t device = CycleLoopDevice();
@@ -121,7 +123,8 @@ TEST_F(LxSupp, EveryRegistrationHearsTheKernelUntilItLeaves) {
   device = CycleLoopDevice();
   EXPECT_TRUE(second.WaitFor(device));
   EXPECT_EQ(batchesBefore, first.Batches()) << "called after unregistration";
-  ASSERT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(Other));
+  ASSERT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(Record));
+  EXPECT_EQ(ENOENT, LinuxEx::UnregisterSnapApiCallBack(Record));
   EXPECT_EQ(threads_, Threads());
   EXPECT_EQ(descriptors_, TestSupport::CountOwnFds());
   EXPECT_FALSE(first.malformed || second.malformed);
@@ -137,16 +140,30 @@ TEST_F(LxSupp, UnregisteringFromInsideTheCallbackEndsTheListener) {
   EXPECT_EQ(threads_, Threads());
   EXPECT_EQ(descriptors_, TestSupport::CountOwnFds());
   EXPECT_EQ(ENOENT, LinuxEx::UnregisterSnapApiCallBack(RecordAndLeave));
+  // A new listener hears a new device come and go.
   Seen again;
   ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Record, &again));
-  EXPECT_TRUE(again.WaitFor(CycleLoopDevice()));
+  const int control = ::open("/dev/loop-control", O_RDWR | O_CLOEXEC);
+  const int n = ::ioctl(control, LOOP_CTL_ADD, -1);
+  struct stat st {};
+  EXPECT_EQ(0, ::stat(("/dev/loop" + std::to_string(n)).c_str(), &st));
+  EXPECT_TRUE(again.WaitFor(st.st_rdev)) << "added";
+  {
+    std::lock_guard<std::mutex> lock(again.mutex);
+    again.devices.clear();
+  }
+  EXPECT_EQ(0, ::ioctl(control, LOOP_CTL_REMOVE, n));
+  ::close(control);
+  EXPECT_TRUE(again.WaitFor(st.st_rdev)) << "removed";
   EXPECT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(Record));
-}
-
-TEST(LxSuppArguments, NullAndUnknownCallbacks) {
+  // A registration that an earlier callback removes is not called with that batch.
+  Seen dropper, dropped;
+  ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(RecordAndDrop, &dropper));
+  ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Record, &dropped));
+  EXPECT_TRUE(dropper.WaitFor(CycleLoopDevice()));
+  EXPECT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(RecordAndDrop));
+  EXPECT_EQ(0, dropped.Batches());
   EXPECT_EQ(EINVAL, LinuxEx::RegisterSnapApiCallBack(nullptr, nullptr));
-  EXPECT_EQ(ENOENT, LinuxEx::UnregisterSnapApiCallBack(Record));
-  EXPECT_EQ(ENOENT, LinuxEx::UnregisterSnapApiCallBack(nullptr));
 }
 
 }  // namespace
