@@ -1,12 +1,11 @@
 #include "lx_supp.h"
 
-#include <linux/netlink.h>
+#include <libudev.h>
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/socket.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -14,19 +13,17 @@
 #include <thread>
 #include <vector>
 
-#include "uevent.h"
-
 namespace LinuxEx {
 namespace {
 
 // Records delivered in one call at most; a burst of uevents is split into batches.
 constexpr size_t kMaxBatch = 256;
-// The kernel keeps one uevent below 2 KiB; anything longer is not one.
-constexpr size_t kDatagramSize = 8192;
+// A burst of disk changes must not overflow the socket's default buffer.
 constexpr int kReceiveBuffer = 1 << 20;
 
 struct Listener {
-  int socket = -1;
+  udev* context = nullptr;
+  udev_monitor* monitor = nullptr;
   int wake = -1;
   std::thread thread;
   // Set under the registry lock. `selfOwned`: the listener was stopped from its own
@@ -35,11 +32,11 @@ struct Listener {
   bool selfOwned = false;
 
   ~Listener() {
-    if (socket >= 0) ::close(socket);
+    if (monitor) udev_monitor_unref(monitor);
+    if (context) udev_unref(context);
     if (wake >= 0) ::close(wake);
   }
 };
-
 struct Registration {
   SnapApiCallBack callback;
   void* context;
@@ -86,32 +83,28 @@ bool Deliver(Listener& self, std::vector<snap_message>& batch) {
   return !self.stop;
 }
 
-// Reads every datagram that is waiting and delivers the disk changes among them.
+bool IsDiskChange(udev_device* device) {
+  const char* action = udev_device_get_action(device);
+  if (!action) return false;
+  return std::strcmp(action, "add") == 0 || std::strcmp(action, "remove") == 0 ||
+         std::strcmp(action, "change") == 0;
+}
+
+// Reads every uevent that is waiting and delivers the disk changes among them.
+// libudev answers null once nothing is waiting, and also for a datagram it refuses
+// (not from the kernel, damaged, overflow): poll then brings the thread back.
 bool Drain(Listener& self) {
   std::vector<snap_message> batch;
-  char buffer[kDatagramSize];
-  for (;;) {
-    sockaddr_nl sender{};
-    iovec io{buffer, sizeof buffer};
-    msghdr message{};
-    message.msg_name = &sender;
-    message.msg_namelen = sizeof sender;
-    message.msg_iov = &io;
-    message.msg_iovlen = 1;
-    ssize_t got = ::recvmsg(self.socket, &message, MSG_DONTWAIT);
-    if (got < 0) {
-      if (errno == EINTR || errno == ENOBUFS) continue;  // ENOBUFS: some were lost
-      break;
+  while (udev_device* device = udev_monitor_receive_device(self.monitor)) {
+    if (IsDiskChange(device)) {
+      const dev_t number = udev_device_get_devnum(device);
+      snap_message record{};
+      record.kind = snap_disk_updated;
+      record.major = major(number);
+      record.minor = minor(number);
+      batch.push_back(record);
     }
-    // Only the kernel speaks on this socket; a datagram from a process is not a uevent.
-    if (sender.nl_pid != 0 || (message.msg_flags & MSG_TRUNC)) continue;
-    Uevent::DiskChange change;
-    if (!Uevent::ParseDiskChange(buffer, static_cast<size_t>(got), change)) continue;
-    snap_message record{};
-    record.kind = snap_disk_updated;
-    record.major = change.major;
-    record.minor = change.minor;
-    batch.push_back(record);
+    udev_device_unref(device);
     if (batch.size() == kMaxBatch && !Deliver(self, batch)) return false;
   }
   return batch.empty() || Deliver(self, batch);
@@ -119,11 +112,12 @@ bool Drain(Listener& self) {
 
 void Run(Listener* self) {
   for (;;) {
-    pollfd fds[2] = {{self->socket, POLLIN, 0}, {self->wake, POLLIN, 0}};
+    pollfd fds[2] = {{udev_monitor_get_fd(self->monitor), POLLIN, 0}, {self->wake, POLLIN, 0}};
     int ready = ::poll(fds, 2, -1);
     if (ready < 0 && errno == EINTR) continue;
     if (ready < 0 || fds[1].revents != 0) break;
-    if (fds[0].revents & (POLLERR | POLLNVAL)) break;
+    // POLLERR is an overflow, which the next read reports and clears.
+    if (fds[0].revents & POLLNVAL) break;
     if (!Drain(*self)) break;
   }
   bool selfOwned;
@@ -137,22 +131,20 @@ void Run(Listener* self) {
   }
 }
 
+int LastError() { return errno != 0 ? errno : ENOMEM; }
+
 int Start(std::unique_ptr<Listener>& started) {
   auto listener = std::make_unique<Listener>();
-  listener->socket = ::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
-  if (listener->socket < 0) return errno;
-  // A burst of disk changes must not overflow the default buffer; the forced size
-  // needs privileges, the plain one is the fallback.
-  if (::setsockopt(listener->socket, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer,
-                   sizeof kReceiveBuffer) != 0) {
-    ::setsockopt(listener->socket, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof kReceiveBuffer);
-  }
-  sockaddr_nl address{};
-  address.nl_family = AF_NETLINK;
-  address.nl_groups = 1;  // the kernel's own uevents
-  if (::bind(listener->socket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-    return errno;
-  }
+  errno = 0;
+  listener->context = udev_new();
+  if (!listener->context) return LastError();
+  // The kernel's own uevents, not udevd's: the appliance may run none.
+  listener->monitor = udev_monitor_new_from_netlink(listener->context, "kernel");
+  if (!listener->monitor) return LastError();
+  int r = udev_monitor_filter_add_match_subsystem_devtype(listener->monitor, "block", "disk");
+  if (r >= 0) r = udev_monitor_enable_receiving(listener->monitor);
+  if (r < 0) return -r;
+  udev_monitor_set_receive_buffer_size(listener->monitor, kReceiveBuffer);
   listener->wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (listener->wake < 0) return errno;
   try {

@@ -1,54 +1,56 @@
 // The notification stand-in against the host kernel's own uevents: attaching and
 // detaching a loop device makes the kernel report "change" for its number.
-#include <dirent.h>
+#include <fcntl.h>
+#include <linux/loop.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
 #include <mutex>
 #include <set>
+#include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "../../support/descriptors.h"
 #include "lx_supp.h"
-#include "run_shell.h"
 
 namespace {
 
-using FakeMachineTesting::RunShell;
 using namespace std::chrono_literals;
 
-int CountEntries(const char* dir) {
+int Threads() {
+  const std::filesystem::directory_iterator tasks("/proc/self/task");
+  return static_cast<int>(std::distance(begin(tasks), end(tasks)));
+}
+
+// Descriptors that a child started now would inherit.
+int Inheritable() {
   int count = 0;
-  if (DIR* d = ::opendir(dir)) {
-    while (dirent* e = ::readdir(d)) count += e->d_name[0] != '.';
-    ::closedir(d);
-  }
+  for (int fd = 0; fd < 1024; ++fd) count += ::fcntl(fd, F_GETFD) == 0;
   return count;
 }
 
-int Threads() { return CountEntries("/proc/self/task"); }
-int Descriptors() { return CountEntries("/proc/self/fd"); }
-
-// What one registration saw; records are checked as they arrive.
 struct Seen {
   std::mutex mutex;
   std::condition_variable changed;
-  std::set<std::pair<uint32_t, uint32_t>> devices;
+  std::set<dev_t> devices;
   int batches = 0;
   bool malformed = false;
-  bool unregisterInside = false;
 
   int Batches() {
     std::lock_guard<std::mutex> lock(mutex);
     return batches;
   }
-  bool WaitFor(uint32_t major, uint32_t minor) {
+  bool WaitFor(dev_t device) {
     std::unique_lock<std::mutex> lock(mutex);
-    return changed.wait_for(lock, 20s, [&] { return devices.count({major, minor}) > 0; });
+    return changed.wait_for(lock, 20s, [&] { return devices.count(device) > 0; });
   }
 };
 
@@ -59,12 +61,17 @@ void Record(const LinuxEx::snap_message* messages, void* context) {
     ++seen.batches;
     int i = 0;
     for (; messages[i].kind != LinuxEx::snap_end && i < 1000; ++i) {
-      if (messages[i].kind != LinuxEx::snap_disk_updated) seen.malformed = true;
-      seen.devices.insert({messages[i].major, messages[i].minor});
+      seen.malformed |= messages[i].kind != LinuxEx::snap_disk_updated;
+      seen.devices.insert(makedev(messages[i].major, messages[i].minor));
     }
-    if (i == 0 || i == 1000) seen.malformed = true;
+    seen.malformed |= i == 0 || i == 1000;
   }
   seen.changed.notify_all();
+}
+
+void RecordAndDrop(const LinuxEx::snap_message* messages, void* context) {
+  Record(messages, context);
+  LinuxEx::UnregisterSnapApiCallBack(Record);
 }
 
 void RecordAndLeave(const LinuxEx::snap_message* messages, void* context) {
@@ -72,90 +79,91 @@ void RecordAndLeave(const LinuxEx::snap_message* messages, void* context) {
   EXPECT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(RecordAndLeave));
 }
 
-void Other(const LinuxEx::snap_message* messages, void* context) { Record(messages, context); }
-
-// Attaches a loop device to a small file and detaches it again, which makes the kernel
-// report changes of its number; true with the device's numbers.
-bool CycleLoopDevice(uint32_t& major, uint32_t& minor) {
-  char file[] = "/tmp/lx_supp_testXXXXXX";
-  const int fd = ::mkstemp(file);
-  if (fd < 0) return false;
-  bool ok = ::ftruncate(fd, 1 << 20) == 0;
-  ::close(fd);
-  std::string device = ok ? RunShell(std::string("losetup -f --show ") + file).out : "";
-  while (!device.empty() && device.back() == '\n') device.pop_back();
-  struct stat st;
-  ok = !device.empty() && ::stat(device.c_str(), &st) == 0;
-  if (ok) {
-    major = major(st.st_rdev);
-    minor = minor(st.st_rdev);
-  }
-  if (!device.empty()) RunShell("losetup -d " + device);
-  ::unlink(file);
-  return ok;
+// Attaches a free loop device to a small memory file and detaches it; the number of
+// the device, 0 when that failed.
+dev_t CycleLoopDevice() {
+  const int control = ::open("/dev/loop-control", O_RDWR | O_CLOEXEC);
+  const int n = control < 0 ? -1 : ::ioctl(control, LOOP_CTL_GET_FREE);
+  const int file = ::memfd_create("lx_supp_test", MFD_CLOEXEC);
+  const int loop = n < 0 ? -1 : ::open(("/dev/loop" + std::to_string(n)).c_str(), O_RDWR | O_CLOEXEC);
+  struct stat st {};
+  const bool ok = loop >= 0 && file >= 0 && ::ftruncate(file, 1 << 20) == 0 && ::fstat(loop, &st) == 0 &&
+                  ::ioctl(loop, LOOP_SET_FD, file) == 0 && ::ioctl(loop, LOOP_CLR_FD, 0) == 0;
+  for (int fd : {loop, file, control}) ::close(fd);
+  return ok ? st.st_rdev : 0;
 }
 
 class LxSupp : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (::geteuid() != 0) GTEST_SKIP() << "needs root to attach loop devices";
-    if (RunShell("command -v losetup >/dev/null").status != 0) GTEST_SKIP() << "losetup is not installed";
+    if (::access("/dev/loop-control", W_OK) != 0) GTEST_SKIP() << "needs root and loop devices";
     // Sanitizer runtimes start a helper thread with the first thread; counts start after it.
     std::thread([] {}).join();
+    threads_ = Threads();
+    descriptors_ = TestSupport::CountOwnFds();
   }
+  int threads_ = 0, descriptors_ = 0;
 };
 
-// One listener thread serves every registration; unregistering one keeps the other,
-// and the last takes the thread and its socket away.
+// One listener thread serves every registration, the same callback's too; unregistering
+// removes the oldest, and the last takes the thread and its descriptors away.
 TEST_F(LxSupp, EveryRegistrationHearsTheKernelUntilItLeaves) {
-  const int threads = Threads(), descriptors = Descriptors();
   Seen first, second;
+  const int inheritable = Inheritable();
   ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Record, &first));
-  ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Other, &second));
-  EXPECT_EQ(threads + 1, Threads()) << "one listener for all";
-  uint32_t major = 0, minor = 0;
-  ASSERT_TRUE(CycleLoopDevice(major, minor));
-  EXPECT_TRUE(first.WaitFor(major, minor)) << "no uevent for " << major << ":" << minor;
-  EXPECT_TRUE(second.WaitFor(major, minor));
+  ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Record, &second));
+  EXPECT_EQ(threads_ + 1, Threads()) << "one listener for all";
+  EXPECT_EQ(inheritable, Inheritable()) << "the listener's descriptors are close-on-exec";
+  dev_t device = CycleLoopDevice();
+  ASSERT_NE(0u, device);
+  EXPECT_TRUE(first.WaitFor(device)) << "no uevent for " << major(device) << ":" << minor(device);
+  EXPECT_TRUE(second.WaitFor(device));
   ASSERT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(Record));
   const int batchesBefore = first.Batches();
-  ASSERT_TRUE(CycleLoopDevice(major, minor));
-  EXPECT_TRUE(second.WaitFor(major, minor));
+  device = CycleLoopDevice();
+  EXPECT_TRUE(second.WaitFor(device));
   EXPECT_EQ(batchesBefore, first.Batches()) << "called after unregistration";
-  ASSERT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(Other));
-  EXPECT_EQ(threads, Threads());
-  EXPECT_EQ(descriptors, Descriptors());
+  ASSERT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(Record));
+  EXPECT_EQ(ENOENT, LinuxEx::UnregisterSnapApiCallBack(Record));
+  EXPECT_EQ(threads_, Threads());
+  EXPECT_EQ(descriptors_, TestSupport::CountOwnFds());
   EXPECT_FALSE(first.malformed || second.malformed);
 }
 
 TEST_F(LxSupp, UnregisteringFromInsideTheCallbackEndsTheListener) {
-  int threads = Threads(), descriptors = Descriptors();
   Seen seen;
   ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(RecordAndLeave, &seen));
-  uint32_t major = 0, minor = 0;
-  ASSERT_TRUE(CycleLoopDevice(major, minor));
-  {
-    std::unique_lock<std::mutex> lock(seen.mutex);
-    ASSERT_TRUE(seen.changed.wait_for(lock, 20s, [&] { return seen.batches > 0; }));
-  }
+  ASSERT_TRUE(seen.WaitFor(CycleLoopDevice()));
   // The listener frees itself once the callback has returned.
-  for (int i = 0; i < 200 && (Threads() != threads || Descriptors() != descriptors); ++i) {
+  for (int i = 0; i < 200 && (Threads() != threads_ || TestSupport::CountOwnFds() != descriptors_); ++i)
     std::this_thread::sleep_for(10ms);
-  }
-  EXPECT_EQ(threads, Threads());
-  EXPECT_EQ(descriptors, Descriptors());
+  EXPECT_EQ(threads_, Threads());
+  EXPECT_EQ(descriptors_, TestSupport::CountOwnFds());
   EXPECT_EQ(ENOENT, LinuxEx::UnregisterSnapApiCallBack(RecordAndLeave));
+  // A new listener hears a new device come and go.
   Seen again;
   ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Record, &again));
-  ASSERT_TRUE(CycleLoopDevice(major, minor));
-  EXPECT_TRUE(again.WaitFor(major, minor));
+  const int control = ::open("/dev/loop-control", O_RDWR | O_CLOEXEC);
+  const int n = ::ioctl(control, LOOP_CTL_ADD, -1);
+  struct stat st {};
+  EXPECT_EQ(0, ::stat(("/dev/loop" + std::to_string(n)).c_str(), &st));
+  EXPECT_TRUE(again.WaitFor(st.st_rdev)) << "added";
+  {
+    std::lock_guard<std::mutex> lock(again.mutex);
+    again.devices.clear();
+  }
+  EXPECT_EQ(0, ::ioctl(control, LOOP_CTL_REMOVE, n));
+  ::close(control);
+  EXPECT_TRUE(again.WaitFor(st.st_rdev)) << "removed";
   EXPECT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(Record));
-}
-
-TEST(LxSuppArguments, NullAndUnknownCallbacks) {
+  // A registration that an earlier callback removes is not called with that batch.
+  Seen dropper, dropped;
+  ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(RecordAndDrop, &dropper));
+  ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Record, &dropped));
+  EXPECT_TRUE(dropper.WaitFor(CycleLoopDevice()));
+  EXPECT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(RecordAndDrop));
+  EXPECT_EQ(0, dropped.Batches());
   EXPECT_EQ(EINVAL, LinuxEx::RegisterSnapApiCallBack(nullptr, nullptr));
-  EXPECT_EQ(ENOENT, LinuxEx::UnregisterSnapApiCallBack(Record));
-  EXPECT_EQ(ENOENT, LinuxEx::UnregisterSnapApiCallBack(nullptr));
 }
 
 }  // namespace

@@ -1,31 +1,11 @@
 # shellcheck disable=SC2034  # VM_BOOT_SECONDS and VM_COMMAND_SECONDS are for vmrun
 # shellcheck shell=bash
-# Runs QEMU, watches the guest reach its command, answers the guest's
-# monitor requests and enforces the time limits. Sourced by vmrun; expects
-# VM_RUN, VM_DIR, VM_QEMU_PID and die().
+# Runs QEMU, watches the guest reach its command and enforces the time
+# limits. Sourced by vmrun; expects VM_RUN, VM_DIR, VM_QEMU_PID and die().
 
 vm_now() { date +%s.%N; }
 vm_elapsed() { awk -v a="$1" -v b="$(vm_now)" 'BEGIN { printf "%.1f", b - a }'; }
 vm_older_than() { awk -v a="$1" -v b="$(vm_now)" -v s="$2" 'BEGIN { exit !(b - a > s) }'; }
-
-# The guest asks for monitor commands by leaving monitor/req.N (one HMP line)
-# in the run share; the answer goes to monitor/rep.N: the exit status on the
-# first line, QEMU's text after it. See guest/vmlib.sh.
-vm_serve_monitor() {
-    local req n line out rc
-    for req in "$VM_RUN"/guest/monitor/req.*; do
-        [ -e "$req" ] || return 0
-        n=${req##*.}
-        [[ $n =~ ^[0-9]+$ ]] || continue
-        IFS= read -r line < "$req"
-        out=$(perl "$VM_DIR/lib/qmp.pl" "$VM_RUN/qmp.sock" "$line" 2>&1)
-        rc=$?
-        echo "vmrun: monitor: $line -> $rc" >> "$VM_RUN/monitor.log"
-        printf '%s\n%s\n' "$rc" "$out" > "$VM_RUN/guest/monitor/rep.$n.tmp"
-        mv "$VM_RUN/guest/monitor/rep.$n.tmp" "$VM_RUN/guest/monitor/rep.$n"
-        rm -f "$req"
-    done
-}
 
 # Prints everything the guest and QEMU said, for a run that went wrong.
 vm_report_failure() {
@@ -88,7 +68,6 @@ vm_boot() {
             vm_report_failure "the command did not finish within $timeout s"
             return 1
         fi
-        vm_serve_monitor
         sleep 0.2
     done
     wait "$VM_QEMU_PID"

@@ -29,16 +29,11 @@ vm_kernel_version() {
     echo "$kver"
 }
 
+# A dynamically linked busybox cannot run in an initramfs without libc.
 vm_busybox() {
-    local b
-    for b in /bin/busybox /usr/bin/busybox; do
-        # A dynamically linked busybox cannot run in an initramfs without libc.
-        if [ -x "$b" ] && ! LC_ALL=C ldd "$b" >/dev/null 2>&1; then
-            echo "$b"
-            return
-        fi
-    done
-    die "no statically linked busybox found; install busybox-static"
+    [ -x /bin/busybox ] && ! LC_ALL=C ldd /bin/busybox >/dev/null 2>&1 \
+        || die "no statically linked /bin/busybox; install busybox-static"
+    echo /bin/busybox
 }
 
 # Prints the module files (relative to /) in load order, each once.

@@ -10,36 +10,20 @@ VM_CTRLS=()          # controller keys, KIND#INSTANCE, in order of appearance
 VM_DISK_KIND=()      # per disk: controller key
 VM_DISK_SIZE=()
 VM_DISK_SERIAL=()
-VM_DISK_PLUGGED=()   # 1: attached at boot; 0: left for a scenario to device_add
 
-# kind -> QEMU device of the controller; "ata" kinds take ide-hd disks.
-vm_controller_device() {
+# vm_kind NAME: "KIND QEMU_DEVICE" for a controller kind given by its short or
+# QEMU name; the IDE kind is the pc machine's own controller, no device.
+vm_kind() {
     case $1 in
-        virtio-scsi) echo virtio-scsi-pci ;;
-        lsi) echo lsi53c895a ;;
-        megasas) echo megasas ;;
-        pvscsi) echo pvscsi ;;
-        mptsas) echo mptsas1068 ;;
-        ahci) echo ich9-ahci ;;
-        ide) echo "" ;;   # the pc machine's own PIIX controller
-    esac
-}
-
-# Accepts QEMU's device names as well as the short ones.
-vm_canonical_kind() {
-    case $1 in
-        virtio-scsi|virtio-scsi-pci) echo virtio-scsi ;;
-        lsi|lsi53c895a) echo lsi ;;
-        megasas) echo megasas ;;
-        pvscsi) echo pvscsi ;;
-        mptsas|mptsas1068) echo mptsas ;;
-        ahci|ich9-ahci) echo ahci ;;
+        virtio-scsi|virtio-scsi-pci) echo virtio-scsi virtio-scsi-pci ;;
+        lsi|lsi53c895a) echo lsi lsi53c895a ;;
+        megasas|pvscsi) echo "$1 $1" ;;
+        mptsas|mptsas1068) echo mptsas mptsas1068 ;;
+        ahci|ich9-ahci) echo ahci ich9-ahci ;;
         ide) echo ide ;;
         *) return 1 ;;
     esac
 }
-
-vm_is_ata() { case ${1%%#*} in ahci|ide) return 0 ;; esac; return 1; }
 
 # QEMU id of a controller: "virtio-scsi0", "megasas1".
 vm_controller_id() { local k=$1; echo "${k%%#*}${k##*#}"; }
@@ -50,9 +34,9 @@ vm_add_controller() {
     VM_CTRLS+=("$key")
 }
 
-# vm_add_disk DESCRIPTION PLUGGED
+# vm_add_disk DESCRIPTION
 vm_add_disk() {
-    local desc=$1 plugged=$2 count=1 kind inst size serial i idx rest
+    local desc=$1 count=1 kind inst size serial i idx rest
     if [[ $desc =~ ^([0-9]+)\*(.*)$ ]]; then
         count=${BASH_REMATCH[1]}
         desc=${BASH_REMATCH[2]}
@@ -65,7 +49,8 @@ vm_add_disk() {
         kind=${kind%%#*}
     fi
     [[ $inst =~ ^[0-9]+$ ]] || die "disk '$1': controller instance must be a number"
-    kind=$(vm_canonical_kind "$kind") || die "disk '$1': unknown controller kind"
+    kind=$(vm_kind "$kind") || die "disk '$1': unknown controller kind"
+    kind=${kind%% *}
     size=${size:-1G}
     [[ $size =~ ^[0-9]+[KMGT]?$ ]] || die "disk '$1': size must look like 512M, 12G or a byte count"
     [ -z "$serial" ] || [ "$count" = 1 ] || die "disk '$1': one serial cannot serve $count disks"
@@ -79,35 +64,24 @@ vm_add_disk() {
         # Made-up serials follow the disk's index so that captures repeat.
         if [ -n "$serial" ]; then
             VM_DISK_SERIAL+=("$serial")
-        elif vm_is_ata "$kind"; then
+        elif [[ $kind == ahci || $kind == ide ]]; then
             VM_DISK_SERIAL+=("$(printf 'd15c%016x' $((idx + 1)))")   # ATA allows 20 characters
         else
             VM_DISK_SERIAL+=("$(printf 'd15c%028x' $((idx + 1)))")
         fi
-        VM_DISK_PLUGGED+=("$plugged")
     done
 }
 
-# vm_add_controller_only KIND[#INSTANCE]: a controller with no disk at boot.
-vm_add_controller_only() {
-    local kind=${1%%#*} inst=0
-    [[ $1 == *#* ]] && inst=${1##*#}
-    kind=$(vm_canonical_kind "$kind") || die "controller '$1': unknown kind"
-    vm_add_controller "$kind#$inst"
-}
-
-# Fills VM_QEMU_DEVICES with the controllers and plugged disks, creates the
-# sparse images, and writes the disk table the guest reads:
-#   ID KIND#INSTANCE SIZE SERIAL PLUGGED DEVICE_ADD_ARGUMENTS
+# Fills VM_QEMU_DEVICES with the controllers and disks and creates the sparse
+# images.
 vm_machine_build() {
-    local table=$1 key dev id i kind args ports_ahci=() ide_unit=0
+    local key dev id i kind args ports_ahci=() ide_unit=0
     VM_QEMU_DEVICES=()
     for key in "${VM_CTRLS[@]}"; do
-        dev=$(vm_controller_device "${key%%#*}")
-        [ -n "$dev" ] && VM_QEMU_DEVICES+=(-device "$dev,id=$(vm_controller_id "$key")")
+        dev=$(vm_kind "${key%%#*}")
+        [ "$dev" != ide ] && VM_QEMU_DEVICES+=(-device "${dev#* },id=$(vm_controller_id "$key")")
     done
     mkdir -p "$VM_RUN/disks"
-    : > "$table"
     for i in "${!VM_DISK_KIND[@]}"; do
         key=${VM_DISK_KIND[$i]}
         kind=${key%%#*}
@@ -131,14 +105,6 @@ vm_machine_build() {
             *)
                 args="scsi-hd,drive=drive$i,bus=$id.0" ;;
         esac
-        args+=",id=disk$i,serial=${VM_DISK_SERIAL[$i]}"
-        [ "${VM_DISK_PLUGGED[$i]}" = 1 ] && VM_QEMU_DEVICES+=(-device "$args")
-        echo "disk$i $key ${VM_DISK_SIZE[$i]} ${VM_DISK_SERIAL[$i]} ${VM_DISK_PLUGGED[$i]} $args" >> "$table"
+        VM_QEMU_DEVICES+=(-device "$args,id=disk$i,serial=${VM_DISK_SERIAL[$i]}")
     done
-}
-
-vm_plugged_disks() {
-    local n=0 p
-    for p in "${VM_DISK_PLUGGED[@]}"; do [ "$p" = 1 ] && n=$((n + 1)); done
-    echo $n
 }
