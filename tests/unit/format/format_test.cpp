@@ -104,7 +104,7 @@ TEST(Format, Utf16) {
       {F(u"{0,number,simple} {1,number,simple} {2,number,simple} {3,number}", 0, int64_t{0}, INT64_MIN,
          Processor::Date{1234567}),
        u"0 0 -9223372036854775808 1.234.567"},
-      {F(u"{0,number, }|{0,number,\t}|{0,number,hex\t}", 255), u"255|255|FF"},
+      {F(u"{0,number, }|{0,number,\t}|{0,number,hex\t}|{0,number,integer, }", 255), u"255|255|FF|255"},
       {F(u"{0,number,simple} {1,number,hex}", UINT64_MAX, u"sdb"), u"18446744073709551615 sdb"},
       {F(u"{0,number,integer,0000} {0,number,integer,#0,00}", 42), u"0042 042"},
       {F(u"{0,number,integer,0#}", 1234), u"1.234"},  // ICU refuses the pattern: the default format
@@ -131,7 +131,7 @@ TEST(Format, Utf16) {
        u"0 bytes|1023 bytes|1 KB|1,5 KB|511,2 bytes"},
       {F(u"{0,size}|{1,size}|{2,size}", 1048575, uint64_t{10737418239}, UINT64_MAX), u"1 MB|10 GB|16 EB"},
       {F(u"{0,size}|{1,size}|{2,size,bytes}", 1099511627776.0 * 3 / 2, -5, 1048576), u"1,5 TB|-5|1048576 bytes"},
-      {F(u"{0,size}", 1e21), u"867,4 EB"},
+      {F(u"{0,size}", 1e24), u"867.361,7 EB"},  // beyond the last unit
       {F(u"{0,ellipsis,10}|{0,ellipsis,8}|{0,ellipsis,2}|{0,ellipsis}", u"abcdefghij"),
        u"abcdefghij|abcde...|..|abcdefghij"},
       {F(u"{0,ellipsis,5}|{1,ellipsis,5}", u"a\U00010000bcd", u"a\U0010FFFFbcd"), u"a...|a..."},  // pairs stay whole
@@ -167,7 +167,8 @@ TEST(Format, Utf16) {
     EXPECT_EQ(String::npos, F(p, date).find('<')) << Common::ToUtf8(Str(p));
   EXPECT_NE(String::npos, F(u"{0,date,full}", date).find(Str(u"1971")));
   const String day = F(u"{0,date}", date), hour = F(u"{0,time}", date), both = F(u"{0,date_time}", date);
-  EXPECT_TRUE(day != hour && both.find(day) != String::npos && both.find(hour) != String::npos) << Common::ToUtf8(both);
+  EXPECT_TRUE(both != day && both != hour && both.find(day) != String::npos && both.find(hour) != String::npos)
+      << Common::ToUtf8(both);
 }
 
 TEST(Format, Concord) {
