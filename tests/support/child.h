@@ -1,9 +1,7 @@
 #pragma once
-// Runs a function in a forked child: tests of locks, assertions, crashes and tools need
-// a second process. The child leaves through _exit, so no test fixture or static
-// destructor runs twice.
+// A function run in a forked child, for tests of locks, assertions, crashes and tools.
+// The child leaves through _exit: no fixture or static destructor runs twice.
 #include <fcntl.h>
-#include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,14 +11,13 @@
 
 namespace TestSupport {
 
-// Starts `body` in a child that exits with its return value.
 inline pid_t StartChild(const std::function<int()>& body) {
   const pid_t pid = ::fork();
   if (pid == 0) ::_exit(body());
   return pid;
 }
 
-// The wait status of `pid`, retried across signals; -1 when it is not our child.
+// The wait status of `pid`; -1 when it is not our child.
 inline int WaitChild(pid_t pid) {
   int status = 0;
   while (::waitpid(pid, &status, 0) < 0)
@@ -28,21 +25,16 @@ inline int WaitChild(pid_t pid) {
   return status;
 }
 
-// The exit code in a wait status, or 128 + the signal that ended the child.
+// The exit code, or 128 + the signal that ended the child; -1 without one.
 inline int ExitCode(int status) {
-  if (status != -1 && WIFEXITED(status)) return WEXITSTATUS(status);
-  return status != -1 && WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
+  if (status == -1) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
 }
 
-// The exit code of `body` run in a child.
 inline int RunInChild(const std::function<int()>& body) { return ExitCode(WaitChild(StartChild(body))); }
 
-struct ShellResult {
-  int status = -1;
-  std::string out;
-};
-
 // `command` run by /bin/sh: its exit code and standard output.
+struct ShellResult { int status = -1; std::string out; };
 inline ShellResult RunShell(const std::string& command) {
   ShellResult result;
   int fds[2];
@@ -54,8 +46,7 @@ inline ShellResult RunShell(const std::string& command) {
   });
   ::close(fds[1]);
   char buffer[4096];
-  for (ssize_t got; (got = ::read(fds[0], buffer, sizeof buffer)) > 0;)
-    result.out.append(buffer, static_cast<size_t>(got));
+  for (ssize_t got; (got = ::read(fds[0], buffer, sizeof buffer)) > 0;) result.out.append(buffer, size_t(got));
   ::close(fds[0]);
   result.status = ExitCode(WaitChild(pid));
   return result;

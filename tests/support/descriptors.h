@@ -1,6 +1,6 @@
 #pragma once
-// Descriptors of this process: leak checks compare the count before and after, and a
-// budget makes the next pipe() or open() fail.
+// Descriptors of this process: leak checks compare counts before and after; a budget
+// makes the next pipe() or open() fail.
 #include <dirent.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -16,8 +16,7 @@ inline int CountOwnFds() {
   return count;
 }
 
-// While it lives, only `spare` more descriptors can be opened (the limit counts from
-// the lowest free number).
+// While it lives, only `spare` more descriptors open (the limit counts from the lowest free number).
 class DescriptorBudget {
  public:
   explicit DescriptorBudget(int spare = 0) {

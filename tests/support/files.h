@@ -1,6 +1,6 @@
 #pragma once
-// File-tree helpers of the harness, on std::filesystem. Failures throw, naming the path:
-// a harness that cannot build its machine must stop the test loudly.
+// File-tree helpers of the harness and the kernel's side of block devices in the fake
+// /sys (shared with the helper that the fake gdisk runs). Failures throw, naming the path.
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -18,5 +18,16 @@ void SparseFile(const std::string& path, uint64_t bytes);
 std::vector<std::string> ListDir(const std::string& path);   // sorted; none when unreadable
 std::vector<std::string> ReadLines(const std::string& path);  // without line feeds
 std::string FirstLine(const std::string& path);              // "" when unreadable
+
+struct GptPartition {
+  unsigned number = 0;
+  uint64_t firstSector = 0, sectors = 0;
+};
+// Partition `p` below the disk's sysfs directory, with its dev links and a sparse image.
+void AddPartition(const std::string& disk, const GptPartition& p);
+// The partitions become those of the GPT on /dev/<disk>; one that keeps its start and
+// size keeps its image, and with it its data.
+void RereadPartitionTable(const std::string& disk);
+void RemoveBlockDevice(const std::string& disk);
 
 }  // namespace FakeMachineTesting

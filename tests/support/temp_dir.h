@@ -4,15 +4,13 @@
 
 #include <filesystem>
 #include <string>
-#include <system_error>
 
 namespace TestSupport {
 
 class TempDir {
  public:
-  explicit TempDir(const std::string& under = "/var/tmp") {
-    std::string pattern = under + "/as_test.XXXXXX";
-    if (::mkdtemp(pattern.data()) != nullptr) path_ = pattern;
+  explicit TempDir(const std::string& under = "/var/tmp") : path_(under + "/as_test.XXXXXX") {
+    if (::mkdtemp(path_.data()) == nullptr) path_.clear();
   }
   ~TempDir() {
     std::error_code ignored;

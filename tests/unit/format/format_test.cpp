@@ -98,6 +98,13 @@ TEST(Format, Utf16) {
        u"FF 7FFFFFFF FFFFFFFF FFFFFFFFFFFFFFFF"},
       {F(u"{0,number,simple} {1,number,simple} {2,number,simple} {3,number,simple}", 1234567, -12, int64_t{-3}, 2.5),
        u"1234567 -12 -3 2"},
+      {F(u"{0,number,hex} {1,number,hex} {2,number,hex} {3,number,simple} {4,number,simple}", -1.5, 0.0,
+         -9223372036854775808.0, -9223372036854775808.0, -1e19),
+       u"FFFFFFFFFFFFFFFF 0 8000000000000000 -9223372036854775808 -18446744073709551615"},
+      {F(u"{0,number,simple} {1,number,simple} {2,number,simple} {3,number}", 0, int64_t{0}, INT64_MIN,
+         Processor::Date{1234567}),
+       u"0 0 -9223372036854775808 1.234.567"},
+      {F(u"{0,number, }|{0,number,\t}|{0,number,hex\t}|{0,number,integer, }", 255), u"255|255|FF|255"},
       {F(u"{0,number,simple} {1,number,hex}", UINT64_MAX, u"sdb"), u"18446744073709551615 sdb"},
       {F(u"{0,number,integer,0000} {0,number,integer,#0,00}", 42), u"0042 042"},
       {F(u"{0,number,integer,0#}", 1234), u"1.234"},  // ICU refuses the pattern: the default format
@@ -109,6 +116,10 @@ TEST(Format, Utf16) {
       {F(u"{0,choice,10>small|10#ten} {1,choice,1#a#b} {2,choice, 1 #one|1<above}", 3, 1, 1.5), u"small a#b above"},
       {F(u"{0,choice,-2#minus|+2.7#two|∞#inf} {1,choice,-2#minus|+2.7#two|∞#inf}", -2, 2), u"minus two"},
       {F(u"{0,choice,-2#minus|+2.7#two|∞#inf}|{0,choice,junk|x#y}", INFINITY), u"inf|"},
+      {F(u"{0,choice,-∞#ninf|∞x#inf|0<pos}|{1,choice,-∞#ninf|∞x#inf|0<pos}", -INFINITY, INFINITY), u"ninf|pos"},
+      {F(u"{0,choice,67515448340910453820#eq|1<gt} {1,choice,999999999999999#eq}", 6.751544834091045e19,
+         int64_t{999999999999999}),
+       u"gt eq"},  // long limits are rounded once, not digit by digit
       // The simple subformat.
       {F(u"{0}|{1}|{2}", Variant(std::make_shared<Named>()), Variant::MakeBinary({1}), Variant()),
        u"disk object|<binary data>|<void>"},
@@ -120,11 +131,14 @@ TEST(Format, Utf16) {
        u"0 bytes|1023 bytes|1 KB|1,5 KB|511,2 bytes"},
       {F(u"{0,size}|{1,size}|{2,size}", 1048575, uint64_t{10737418239}, UINT64_MAX), u"1 MB|10 GB|16 EB"},
       {F(u"{0,size}|{1,size}|{2,size,bytes}", 1099511627776.0 * 3 / 2, -5, 1048576), u"1,5 TB|-5|1048576 bytes"},
+      {F(u"{0,size}", 1e24), u"867.361,7 EB"},  // beyond the last unit
       {F(u"{0,ellipsis,10}|{0,ellipsis,8}|{0,ellipsis,2}|{0,ellipsis}", u"abcdefghij"),
        u"abcdefghij|abcde...|..|abcdefghij"},
       {F(u"{0,ellipsis,5}|{1,ellipsis,5}", u"a\U00010000bcd", u"a\U0010FFFFbcd"), u"a...|a..."},  // pairs stay whole
       {F(u"{0,path_ellipsis,100}|{0,path_ellipsis,30}|{0,path_ellipsis,{1}}", path, 20),
        u"/mnt/local_storages/ZLM01/backups/daily|/mnt/.../ZLM01/backups/daily|/mnt/.../daily"},
+      {F(u"{0,path_ellipsis,39}|{0,path_ellipsis,28}", path),
+       u"/mnt/local_storages/ZLM01/backups/daily|/mnt/.../ZLM01/backups/daily"},
       {F(u"{0,path_ellipsis,12}|{0,path_ellipsis,3}", path), u"/mnt/...aily|..."},
       {F(u"{0,time_span}|{1,time_span}|{2,time_span}", 0, 3900000, int64_t{2 * 86400000 + 3004}),
        u"0 ms|1 h 5 min|2 d 3 s 4 ms"},
@@ -152,6 +166,9 @@ TEST(Format, Utf16) {
   for (auto p : {u"{0,date}", u"{0,date,full}", u"{0,date,long}", u"{0,date,medium}", u"{0,time}", u"{0,date_time}"})
     EXPECT_EQ(String::npos, F(p, date).find('<')) << Common::ToUtf8(Str(p));
   EXPECT_NE(String::npos, F(u"{0,date,full}", date).find(Str(u"1971")));
+  const String day = F(u"{0,date}", date), hour = F(u"{0,time}", date), both = F(u"{0,date_time}", date);
+  EXPECT_TRUE(both != day && both != hour && both.find(day) != String::npos && both.find(hour) != String::npos)
+      << Common::ToUtf8(both);
 }
 
 TEST(Format, Concord) {
@@ -187,11 +204,13 @@ TEST(Format, BufferInterfaceReturnsTheFullLength) {
 
 // Deep nesting must neither overflow the stack nor lose the surrounding text.
 TEST(Format, DeepNesting) {
-  String deep = Str(u"<");
-  for (int i = 0; i < 100000; ++i) deep += Str(u"{0,choice,1#");
-  deep += Str(u"x");
-  for (int i = 0; i < 100000; ++i) deep.push_back('}');
-  EXPECT_EQ(Str(u"<x>"), FormatString(deep + Str(u">"), 1));
+  for (int depth : {8, 9, 20, 100000}) {  // around the parser's inline stack, and far beyond
+    const bool text = depth < 100;
+    String deep = Str(u"<"), want = deep;
+    for (int i = 0; i < depth; ++i) deep += Str(text ? u"{0,choice,1#(" : u"{0,choice,1#"), want += Str(text ? u"(" : u"");
+    for (int i = 0; i < depth; ++i) deep += Str(text ? u")}" : u"}"), want += Str(text ? u")" : u"");
+    EXPECT_EQ(want + Str(u">"), FormatString(deep + Str(u">"), 1)) << depth;
+  }
 }
 
 TEST(Format, VariantTypeNamesRoundTrip) {
