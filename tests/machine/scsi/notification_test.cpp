@@ -1,6 +1,4 @@
-// Device notifications: which records of a batch are offered, who claims them, and
-// the proxy's registration with the driver library. Batches are handed to the proxy
-// directly; the handlers' waits use short time-outs instead of ten minutes.
+// Device notifications, with batches handed to the proxy directly and short waits.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -19,8 +17,7 @@ using SCSI::Detail::AttachedHandler;
 using SCSI::Detail::DiskNotificationProxy;
 using Device = std::pair<uint32_t, uint32_t>;
 
-// Records what it is offered and claims one device. Only SCSI disk numbers (major 8)
-// are kept: the host's own kernel may announce its loop devices meanwhile.
+// Claims one device. Keeps only SCSI disks (major 8): the host may announce loop devices.
 class Recorder : public SCSI::Detail::DiskSubsystemHandler {
  public:
   explicit Recorder(Device mine = {0, 0}) : mine_(mine) {}
@@ -55,65 +52,47 @@ size_t Threads() {
   return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
 }
 
-TEST(Notifications, OnlyUpdatedDevicesBeforeTheEndAreOffered) {
-  auto recorder = std::make_shared<Recorder>();
-  AttachedHandler attached(recorder);
-  DiskNotificationProxy::Obtain()->Deliver(Batch({{2, 8, 0}, {1, 8, 16}, {0, 8, 32}, {1, 8, 48}}).data());
-  EXPECT_EQ((std::vector<Device>{{8, 16}}), recorder->Offered());
-}
-
-TEST(Notifications, TheFirstClaimEndsTheBatch) {
+// Only updated devices before the end record are offered; the first claim ends the batch.
+TEST(Notifications, WhichRecordsAreOfferedAndWhoClaims) {
   auto first = std::make_shared<Recorder>(Device{8, 16});
   auto second = std::make_shared<Recorder>(Device{8, 32});
   AttachedHandler a(first), b(second);
-  DiskNotificationProxy::Obtain()->Deliver(Batch({{1, 8, 16}, {1, 8, 32}, {0, 0, 0}}).data());
+  DiskNotificationProxy::Obtain()->Deliver(Batch({{2, 8, 0}, {1, 8, 48}, {1, 8, 16}, {1, 8, 32}, {0, 0, 0}}).data());
+  DiskNotificationProxy::Obtain()->Deliver(Batch({{0, 8, 64}, {1, 8, 32}}).data());
   EXPECT_TRUE(first->Execute(0));
-  EXPECT_FALSE(second->Execute(0));  // still waiting
-  EXPECT_TRUE(second->Offered().empty());
+  EXPECT_FALSE(second->Execute(0));
+  EXPECT_EQ((std::vector<Device>{{8, 48}, {8, 16}}), first->Offered());
+  EXPECT_EQ((std::vector<Device>{{8, 48}}), second->Offered());
 }
 
-TEST(Notifications, RemoveWaitsForItsOwnDevice) {
-  AS_FAKE_MACHINE(m);
-  m.Host(2, "virtio_scsi\n");
-  m.Disk("sdc").At(2, 0, 2, 0);
-  m.Build();
-  auto handler = std::make_shared<SCSI::Detail::RemoveDiskHandler>(Common::Str(u"sdc"), 8, 32);
-  AttachedHandler attached(handler);
-  auto proxy = DiskNotificationProxy::Obtain();
-
-  proxy->Deliver(Batch({{1, 8, 33}, {0, 0, 0}}).data());
-  EXPECT_FALSE(handler->Execute(50));  // timed out
-  EXPECT_EQ("1\n", m.ReadFile("/sys/block/sdc/device/delete"));
-  proxy->Deliver(Batch({{1, 8, 32}, {0, 0, 0}}).data());
-  EXPECT_TRUE(handler->Execute(50));
-}
-
-TEST(Notifications, AddClaimsTheDiskAtItsAddressAndKeepsTheFirstAnswer) {
+// Each handler waits for its own disk; a claimed disk announced again is still its own.
+TEST(Notifications, HandlersClaimOnlyTheirOwnDisk) {
   AS_FAKE_MACHINE(m);
   m.Host(2, "virtio_scsi\n");
   m.Disk("sdb").At(2, 0, 1, 0);  // 8:16
+  m.Disk("sdc").At(2, 0, 2, 0);  // 8:32
   m.Disk("sdd").At(2, 0, 3, 0);  // 8:48
   m.Build();
   auto subsystem = SCSI::CreateDiskSubsystem();  // the disk library is initialised
   dsk_supp::UnixVolID expected;
   expected.ScsiHost = 2;
   expected.ScsiTarget = 3;
-  auto handler = std::make_shared<SCSI::Detail::AddDiskHandler>(expected);
+  auto add = std::make_shared<SCSI::Detail::AddDiskHandler>(expected);
+  auto remove = std::make_shared<SCSI::Detail::RemoveDiskHandler>(Common::Str(u"sdc"), 8, 32);
   auto behind = std::make_shared<Recorder>();
-  AttachedHandler attachedHandler(handler);
-  AttachedHandler attachedBehind(behind);
+  AttachedHandler attachedAdd(add), attachedRemove(remove), attachedBehind(behind);
   auto proxy = DiskNotificationProxy::Obtain();
-
-  proxy->Deliver(Batch({{1, 8, 240}, {1, 8, 16}, {0, 0, 0}}).data());
-  EXPECT_FALSE(handler->Execute(50));  // timed out: no such disk, another target
-  EXPECT_EQ("- - -\n", m.ReadFile("/sys/class/scsi_host/host2/scan"));
+  proxy->Deliver(Batch({{1, 8, 240}, {1, 8, 16}, {1, 8, 33}, {0, 0, 0}}).data());
+  EXPECT_FALSE(add->Execute(50));  // timed out: no such disk, another target
+  EXPECT_FALSE(remove->Execute(50));
   proxy->Deliver(Batch({{1, 8, 48}, {0, 0, 0}}).data());
-  EXPECT_TRUE(handler->Execute(50));
-  EXPECT_EQ("/dev/sdd", handler->Volume().DevNode);
-  // Announced again: still the handler's own, so nobody behind it is asked.
+  proxy->Deliver(Batch({{1, 8, 32}, {0, 0, 0}}).data());
+  EXPECT_TRUE(add->Execute(50));
+  EXPECT_TRUE(remove->Execute(50));
+  EXPECT_EQ("/dev/sdd", add->Volume().DevNode);
   proxy->Deliver(Batch({{1, 8, 48}, {0, 0, 0}}).data());
-  EXPECT_EQ((std::vector<Device>{{8, 240}, {8, 16}}), behind->Offered());
-  EXPECT_EQ("/dev/sdd", handler->Volume().DevNode);
+  EXPECT_EQ((std::vector<Device>{{8, 240}, {8, 16}, {8, 33}}), behind->Offered());
+  EXPECT_EQ("/dev/sdd", add->Volume().DevNode);
 }
 
 // The driver library runs a listener thread exactly while a callback is registered.

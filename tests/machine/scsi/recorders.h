@@ -1,6 +1,5 @@
 #pragma once
-// What the library reports while a test runs: trace events and assertion texts (the
-// program runs with ZEMLORA_SAFE_ASSERT=event).
+// Trace events and assertion texts raised while a recorder lives (ZEMLORA_SAFE_ASSERT=event).
 #include <algorithm>
 #include <mutex>
 #include <string>
@@ -11,12 +10,10 @@
 #include "core/trace/trace_tools.h"
 
 struct RecordedEvent {
-  int level;
-  int code;
+  int level, code;
   std::string text;  // UTF-8
 };
 
-// Records every trace event while it lives.
 class TraceRecorder : public TraceTools::TraceSubscriber {
  public:
   TraceRecorder() { TraceTools::Subscribe(this); }
@@ -26,12 +23,11 @@ class TraceRecorder : public TraceTools::TraceSubscriber {
     std::lock_guard<std::mutex> lock(mutex_);
     events_.push_back({event.level, event.code, Common::ToUtf8(event.text, event.length)});
   }
-  // Events whose text contains `part`.
   std::vector<RecordedEvent> Containing(const std::string& part = "") const {
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<RecordedEvent> found;
-    for (const RecordedEvent& e : events_)
-      if (e.text.find(part) != std::string::npos) found.push_back(e);
+    std::copy_if(events_.begin(), events_.end(), std::back_inserter(found),
+                 [&](const RecordedEvent& e) { return e.text.find(part) != std::string::npos; });
     return found;
   }
 
@@ -40,11 +36,9 @@ class TraceRecorder : public TraceTools::TraceSubscriber {
   std::vector<RecordedEvent> events_;
 };
 
-// Records assertion texts while it lives.
 class AssertRecorder {
  public:
   AssertRecorder() {
-    std::lock_guard<std::mutex> guard(mutex_);
     texts_.clear();
     Common::SetAssertEventCallback([](int, int, int, const char* text) {
       std::lock_guard<std::mutex> lock(mutex_);
@@ -52,7 +46,7 @@ class AssertRecorder {
     });
   }
   ~AssertRecorder() { Common::SetAssertEventCallback(nullptr); }
-  // Assertions whose text ends in `end` ("host, line 115"); all of them for "".
+  // Those ending in `end` ("host, line 115").
   size_t Count(const std::string& end = "") const {
     std::lock_guard<std::mutex> lock(mutex_);
     return std::count_if(texts_.begin(), texts_.end(), [&](const std::string& t) {

@@ -71,11 +71,11 @@ TEST(RegistryDocument, AcceptsHandWrittenVariants) {
   KeyNode root;
   ASSERT_FALSE(Parse("<registry/>", root));
   ASSERT_FALSE(Parse("\xEF\xBB\xBF<?xml version='1.0'?><!-- edited --><registry>"
-                     "<key name='k'><value name='b' type='binary'>0A bC\n 0d</value>"
+                     "<key name='k'><value name='b' type='binary'>0A bC\n 0d Ff</value>"
                      "<value type='string'><![CDATA[<raw>]]></value></key></registry>",
                      root));
   const KeyNode& key = *root.children.at(Str(u"k"));
-  EXPECT_EQ(std::get<Registry::Binary>(key.values.at(Str(u"b"))), (Registry::Binary{0x0A, 0xBC, 0x0D}));
+  EXPECT_EQ(std::get<Registry::Binary>(key.values.at(Str(u"b"))), (Registry::Binary{0x0A, 0xBC, 0x0D, 0xFF}));
   EXPECT_EQ(std::get<String>(key.values.at(String())), Str(u"<raw>"));
 }
 
@@ -84,10 +84,7 @@ TEST(RegistryDocument, RefusesWhatALaterWriteWouldLose) {
   for (size_t i = 0; i <= Registry::kMaxKeyDepth; ++i) deep += "<key name='k'>";
   for (size_t i = 0; i <= Registry::kMaxKeyDepth; ++i) deep += "</key>";
   deep += "</registry>";
-  const struct {
-    const char* name;
-    std::string text;
-  } cases[] = {
+  const std::pair<const char*, std::string> cases[] = {
       {"empty file", ""},
       {"not XML", "registry"},
       {"truncated", "<registry><key name='a'>"},
@@ -113,19 +110,18 @@ TEST(RegistryDocument, RefusesWhatALaterWriteWouldLose) {
       {"text split by a comment", "<registry><value type='string'>a<!--x-->b</value></registry>"},
       {"element inside a string", "<registry><value type='string'><b/></value></registry>"},
       {"text inside a multistring", "<registry><value type='multistring'>a</value></registry>"},
+      {"other element in a multistring", "<registry><value type='multistring'><item>a</item></value></registry>"},
       {"bad escape", "<registry><value type='string'>\\q</value></registry>"},
       {"invalid UTF-8", "<registry><key name='\xC3'/></registry>"},
       {"keys nested too deep", deep},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, text] : cases) {
+    SCOPED_TRACE(name);
     KeyNode root;
     Child(root, Str(u"untouched"));
-    const Common::Error error = Parse(c.text, root);
+    const Common::Error error = Parse(text, root);
     ASSERT_EQ(error.GetCode(), Registry::kErrorFileCorrupt);
-    EXPECT_STREQ(error.GetFieldNames(), "path,$module");
     EXPECT_STREQ(error.GetStringField("path"), "/etc/Zemlora/T.xml");
-    EXPECT_NE(error.GetText().find(Str(u"'/etc/Zemlora/T.xml'")), String::npos);
     EXPECT_EQ(error.GetCause().GetCode(), Registry::kErrorFileFormat);
     EXPECT_EQ(root.children.count(Str(u"untouched")), 1u);
   }
