@@ -65,12 +65,9 @@ class AssertRecorder {
     });
   }
   ~AssertRecorder() { Common::SetAssertEventCallback(nullptr); }
-  // Those ending in `end` ("host, line 115").
-  size_t Count(const std::string& end = "") const {
+  size_t Count(const std::string& part = "") const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return std::count_if(texts_.begin(), texts_.end(), [&](const std::string& t) {
-      return t.size() >= end.size() && t.compare(t.size() - end.size(), end.size(), end) == 0;
-    });
+    return std::count_if(texts_.begin(), texts_.end(), [&](const std::string& t) { return t.find(part) != t.npos; });
   }
 
  private:
