@@ -160,7 +160,9 @@ TEST(Enumerate, SerialForms) {
     const std::vector<SCSI::Disk> disks = List();
     ASSERT_EQ(1u, disks.size());  // listed either way
     EXPECT_EQ(id ? id : "00000000-0000-0000-0000-000000000000", disks[0].id.ToString());
-    EXPECT_EQ(id ? 0u : 1u, traces.Containing("'/dev/sdb'").size());
+    const auto traced = traces.Containing("'/dev/sdb'");
+    ASSERT_EQ(id ? 0u : 1u, traced.size());
+    if (!id) { EXPECT_EQ(std::make_pair(2, 83), std::make_pair(traced[0].level, traced[0].code)); }
   }
 }
 
@@ -473,6 +475,7 @@ TEST(DiskAttributes, HowRecordsRead) {
     DiskAttributes attributes = stale;
     const Common::Error e = SCSI::Detail::LoadDiskAttributes(kDisk, attributes);
     EXPECT_EQ(c.errorLine, e.GetLocation().line);
+    EXPECT_EQ(c.errorLine ? 0x530040u : 0u, e.GetCode());
     EXPECT_EQ(!!e, Common::ToUtf8(e.GetText()).find("'6000C29A-1B2C-3D4E-5F60-718293A4B5C6'") != std::string::npos);
     EXPECT_EQ(c.expected, attributes);
     EXPECT_EQ(c.assertion ? 1u : 0u, asserts.Count());
