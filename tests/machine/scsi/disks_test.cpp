@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <functional>
@@ -27,52 +26,41 @@
 
 namespace {
 
-// What the library reports while a recorder lives (assertions: ZEMLORA_SAFE_ASSERT=event).
-struct RecordedEvent {
+// Trace events and, as level -1, assertion texts (ZEMLORA_SAFE_ASSERT=event) while it lives.
+struct Report {
   int level, code;
   std::string text;  // UTF-8
 };
 
-class TraceRecorder : public TraceTools::TraceSubscriber {
+class Reports : public TraceTools::TraceSubscriber {
  public:
-  TraceRecorder() { TraceTools::Subscribe(this); }
-  ~TraceRecorder() override { TraceTools::Unsubscribe(this); }
-  bool WantsEveryEvent() const override { return true; }
-  void OnTraceEvent(const TraceTools::TraceEvent& event) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    events_.push_back({event.level, event.code, Common::ToUtf8(event.text, event.length)});
+  Reports() {
+    TraceTools::Subscribe(this);
+    current_ = this;
+    Common::SetAssertEventCallback([](int, int, int, const char* text) { current_->Add({-1, 0, text}); });
   }
-  std::vector<RecordedEvent> Containing(const std::string& part = "") const {
+  ~Reports() override {
+    Common::SetAssertEventCallback(nullptr);
+    TraceTools::Unsubscribe(this);
+  }
+  bool WantsEveryEvent() const override { return true; }
+  void OnTraceEvent(const TraceTools::TraceEvent& e) override { Add({e.level, e.code, Common::ToUtf8(e.text, e.length)}); }
+  std::vector<Report> Containing(const std::string& part = "", bool assertions = false) const {
     std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<RecordedEvent> found;
-    std::copy_if(events_.begin(), events_.end(), std::back_inserter(found),
-                 [&](const RecordedEvent& e) { return e.text.find(part) != std::string::npos; });
+    std::vector<Report> found;
+    for (const Report& r : reports_)
+      if ((r.level < 0) == assertions && r.text.find(part) != std::string::npos) found.push_back(r);
     return found;
   }
 
  private:
-  mutable std::mutex mutex_;
-  std::vector<RecordedEvent> events_;
-};
-
-class AssertRecorder {
- public:
-  AssertRecorder() {
-    texts_.clear();
-    Common::SetAssertEventCallback([](int, int, int, const char* text) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      texts_.push_back(text);
-    });
-  }
-  ~AssertRecorder() { Common::SetAssertEventCallback(nullptr); }
-  size_t Count(const std::string& part = "") const {
+  void Add(Report report) {
     std::lock_guard<std::mutex> lock(mutex_);
-    return std::count_if(texts_.begin(), texts_.end(), [&](const std::string& t) { return t.find(part) != t.npos; });
+    reports_.push_back(std::move(report));
   }
-
- private:
-  static inline std::mutex mutex_;
-  static inline std::vector<std::string> texts_;
+  static inline Reports* current_ = nullptr;
+  mutable std::mutex mutex_;
+  std::vector<Report> reports_;
 };
 
 using SCSI::Detail::HostTable;
@@ -101,7 +89,7 @@ Common::Error AnnounceUntilDone(uint32_t major, uint32_t minor, const std::funct
 
 TEST(ScsiHosts, UnknownDriversAreLeftOutAndReportedOnce) {
   AS_FAKE_MACHINE(m);
-  AssertRecorder asserts;
+  Reports reports;
   m.Host(0, "ata_piix\n").Host(10, "ata_piix\n").Host(3, "ahci").Host(4, "nvme\n").Host(5, "ATA_PIIX\n");
   m.HostWithoutProcName(6);
   m.Build();
@@ -110,14 +98,14 @@ TEST(ScsiHosts, UnknownDriversAreLeftOutAndReportedOnce) {
   SCSI::Detail::EnumerateHosts(hosts);
   EXPECT_EQ((HostTable{{0, SCSI::HostTypeAtaPiix}, {10, SCSI::HostTypeAtaPiix}}), hosts);
   // Unknown drivers once per process (no other test here has one); no proc_name every time.
-  EXPECT_EQ(1u, asserts.Count("impl/host, line 115"));
-  EXPECT_EQ(2u, asserts.Count("impl/host, line 121"));
-  EXPECT_EQ(3u, asserts.Count());
+  EXPECT_EQ(1u, reports.Containing("impl/host, line 115", true).size());
+  EXPECT_EQ(2u, reports.Containing("impl/host, line 121", true).size());
+  EXPECT_EQ(3u, reports.Containing("", true).size());
 }
 
 TEST(Enumerate, ScsiDisksOnKnownHostsSortedByKindHostAndTarget) {
   AS_FAKE_MACHINE(m);
-  TraceRecorder traces;
+  Reports reports;
   m.Host(2, "virtio_scsi\n").Host(3, "nvme\n").Host(1, "vmw_pvscsi\n").Host(9, "mptspi\n").Host(4, "mptspi\n");
   m.Disk("sda").At(9, 0, 0, 0).State("offline\n").NoImage();  // never opened
   m.Disk("sdb").At(2, 0, 1, 0).State("blocked\n");            // an unknown state counts as online
@@ -134,7 +122,7 @@ TEST(Enumerate, ScsiDisksOnKnownHostsSortedByKindHostAndTarget) {
   const std::vector<SCSI::Disk> disks = List();
   ASSERT_EQ("sdi sdh! sda! sdg! sdb sdf ", Names(disks));  // ! unreadable
   EXPECT_EQ(6u, disks[5].target);  // the first entry that qualifies; channel and LUN ignored
-  const auto unknown = traces.Containing("'blocked\n'");
+  const auto unknown = reports.Containing("'blocked\n'");
   ASSERT_EQ(1u, unknown.size());
   EXPECT_EQ(std::make_pair(2, 83), std::make_pair(unknown[0].level, unknown[0].code));
 }
@@ -153,14 +141,14 @@ TEST(Enumerate, SerialForms) {
   for (const auto& [output, id] : cases) {
     SCOPED_TRACE(output);
     AS_FAKE_MACHINE(m);
-    TraceRecorder traces;
+    Reports reports;
     m.Host(0, "ahci\n");
     m.Disk("sdb").At(0, 0, 0, 0).ScsiIdOutput(output);
     m.Build();
     const std::vector<SCSI::Disk> disks = List();
     ASSERT_EQ(1u, disks.size());  // listed either way
     EXPECT_EQ(id ? id : "00000000-0000-0000-0000-000000000000", disks[0].id.ToString());
-    const auto traced = traces.Containing("'/dev/sdb'");
+    const auto traced = reports.Containing("'/dev/sdb'");
     ASSERT_EQ(id ? 0u : 1u, traced.size());
     if (!id) { EXPECT_EQ(std::make_pair(2, 83), std::make_pair(traced[0].level, traced[0].code)); }
   }
@@ -212,7 +200,7 @@ TEST(Subsystem, RefreshScansKnownHostsAndRescansListedDisks) {
 // Each call waits for the kernel's announcement of the disk it changes.
 TEST(Subsystem, AddAndRemoveCompleteOnTheDisksAnnouncement) {
   AS_FAKE_MACHINE(m);
-  TraceRecorder traces;
+  Reports reports;
   m.Host(0, "ata_piix\n").Host(2, "virtio_scsi\n");
   m.Disk("sdd").At(2, 0, 3, 0);
   m.Build();
@@ -231,8 +219,8 @@ TEST(Subsystem, AddAndRemoveCompleteOnTheDisksAnnouncement) {
   const Common::Error e = AnnounceUntilDone(8, 48, [&] { return subsystem->RemoveDisk(disk); });
   EXPECT_FALSE(e) << Common::ToUtf8(e.GetText());
   EXPECT_EQ("1\n", m.ReadFile("/sys/block/sdd/device/delete"));
-  EXPECT_FALSE(traces.Containing("Updated disk device 8:48.").empty());
-  EXPECT_TRUE(traces.Containing("DiskSubsystemImpl::").empty());  // a normal exit is not timed
+  EXPECT_FALSE(reports.Containing("Updated disk device 8:48.").empty());
+  EXPECT_TRUE(reports.Containing("DiskSubsystemImpl::").empty());  // a normal exit is not timed
 }
 
 TEST(Subsystem, TheLockIsRecursiveAndHeldWhileAnyHolderLives) {
@@ -301,7 +289,7 @@ TEST(Subsystem, Failures) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.chain.front().second);
     AS_FAKE_MACHINE(m);
-    TraceRecorder traces;
+    Reports reports;
     m.Host(1, "ahci\n");
     m.Disk("sda").At(1, 0, 0, 0);
     m.Build();
@@ -317,7 +305,7 @@ TEST(Subsystem, Failures) {
       e = e.GetCause();
     }
     EXPECT_NE(std::string::npos, texts.find(c.mentions)) << texts;
-    if (c.trace) { EXPECT_EQ(1u, traces.Containing(c.trace).size()); }
+    if (c.trace) { EXPECT_EQ(1u, reports.Containing(c.trace).size()); }
   }
 }
 
@@ -470,17 +458,16 @@ TEST(DiskAttributes, HowRecordsRead) {
     SCOPED_TRACE(c.what);
     AS_FAKE_MACHINE(m);
     if (c.record) Record(kDisk.ToWideString(), c.value);
-    AssertRecorder asserts;
-    TraceRecorder traces;
+    Reports reports;
     DiskAttributes attributes = stale;
     const Common::Error e = SCSI::Detail::LoadDiskAttributes(kDisk, attributes);
     EXPECT_EQ(c.errorLine, e.GetLocation().line);
     EXPECT_EQ(c.errorLine ? 0x530040u : 0u, e.GetCode());
     EXPECT_EQ(!!e, Common::ToUtf8(e.GetText()).find("'6000C29A-1B2C-3D4E-5F60-718293A4B5C6'") != std::string::npos);
     EXPECT_EQ(c.expected, attributes);
-    EXPECT_EQ(c.assertion ? 1u : 0u, asserts.Count());
-    if (c.assertion) { EXPECT_EQ(1u, asserts.Count(c.assertion)); }
-    EXPECT_TRUE(traces.Containing().empty());
+    EXPECT_EQ(c.assertion ? 1u : 0u, reports.Containing("", true).size());
+    if (c.assertion) { EXPECT_EQ(1u, reports.Containing(c.assertion, true).size()); }
+    EXPECT_TRUE(reports.Containing().empty());
     const auto temporary = SCSI::Detail::GetDiskAttributes(kDisk, kTemporary);
     const auto found = c.expected.find(kTemporary);
     EXPECT_TRUE(temporary == (found == c.expected.end() ? std::nullopt : std::optional<String>(found->second)));
@@ -496,19 +483,19 @@ TEST(DiskAttributes, SyncDropsOrphansWithOneTraceEach) {
     Record(Str(name), &value);
   SCSI::Disk disk;
   disk.id = present;
-  TraceRecorder traces;
+  Reports reports;
   SCSI::Detail::SyncDisksAttributes({disk});
   std::vector<String> left;
   ASSERT_FALSE(SCSI::Detail::OpenAttributesRoot().EnumerateChildren(left));
   EXPECT_EQ(std::vector<String>{present.ToWideString()}, left);  // the lower-case twin was an orphan
-  const auto dropped = traces.Containing("orphaned");
+  const auto dropped = reports.Containing("orphaned");
   ASSERT_EQ(3u, dropped.size());
   EXPECT_EQ(83, dropped[0].code);
 
   SCSI::Detail::SyncDisksAttributes({});
   ASSERT_FALSE(SCSI::Detail::OpenAttributesRoot().EnumerateChildren(left));
   EXPECT_TRUE(left.empty());
-  EXPECT_EQ(4u, traces.Containing("orphaned").size());
+  EXPECT_EQ(4u, reports.Containing("orphaned").size());
 }
 
 TEST(DiskAttributes, ACorruptRegistryFailsSyncAndStaysAsItWas) {
