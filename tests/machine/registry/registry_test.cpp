@@ -110,7 +110,7 @@ TEST_F(RegistryTest, BadHandlesAndPathsNameTheKey) {
     uint32_t code;
     const char* field;
   } cases[] = {
-      {machine.Open(Str(u"Software\\Missing"), key), Registry::kErrorKeyNotFound, "HKEY_LOCAL_MACHINE\\Software\\Missing"},
+      {machine.Open(Str(u"Soft\\Missing"), key), Registry::kErrorKeyNotFound, "HKEY_LOCAL_MACHINE\\Soft\\Missing"},
       {machine.Open(Str(u"\\a"), key), kErrorInvalidKeyPath, "HKEY_LOCAL_MACHINE\\\\a"},
       {machine.CreateKeyRecursive(Str(u"a\\"), key), kErrorInvalidKeyPath, "HKEY_LOCAL_MACHINE\\a\\"},
       {machine.CreateKeyRecursive(Str(u"a\\\\b"), key), kErrorInvalidKeyPath, "HKEY_LOCAL_MACHINE\\a\\\\b"},

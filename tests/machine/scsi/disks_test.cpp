@@ -44,7 +44,9 @@ class Reports : public TraceTools::TraceSubscriber {
     TraceTools::Unsubscribe(this);
   }
   bool WantsEveryEvent() const override { return true; }
-  void OnTraceEvent(const TraceTools::TraceEvent& e) override { Add({e.level, e.code, Common::ToUtf8(e.text, e.length)}); }
+  void OnTraceEvent(const TraceTools::TraceEvent& e) override {
+    Add({e.level, e.code, Common::ToUtf8(e.text, e.length)});
+  }
   std::vector<Report> Containing(const std::string& part = "", bool assertions = false) const {
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<Report> found;
