@@ -22,17 +22,6 @@ bool Lookup(const std::string& node, UnixVolID& volume) {
   return ByName(node, index) && dsk_supp::VolIDbyIndex(index, dsk_supp::mt_disk, volume);
 }
 
-TEST(DskSupp, InitNeedsSysfs) {
-  AS_FAKE_MACHINE(m);
-  dsk_supp::ecodes code = dsk_supp::ec_no_sysfs;
-  ASSERT_TRUE(dsk_supp::InitInternals(code));
-  EXPECT_EQ(dsk_supp::ec_ok, code);
-  EXPECT_NE(nullptr, dsk_supp::Instance.load());
-  FakeMachineTesting::fs::remove("/sys/dev/block");
-  EXPECT_FALSE(dsk_supp::InitInternals(code));
-  EXPECT_EQ(dsk_supp::ec_no_sysfs, code);
-}
-
 // The address comes from the first readable device/scsi_disk entry, else the device link.
 TEST(DskSupp, NamesAndNumbersLeadToTheAddress) {
   AS_FAKE_MACHINE(m);
@@ -44,25 +33,18 @@ TEST(DskSupp, NamesAndNumbersLeadToTheAddress) {
   m.Build();
   m.WriteFile("/sys/block/sdc/dev", "8:32");  // a last line without its line feed
   const unsigned kNone = dsk_supp::kNoScsiAddress;
-  const struct {
-    const char* node;
-    unsigned major, minor, host, channel, target, lun;
-  } cases[] = {{"/dev/sda", 8, 0, 2, 3, 1, 4},
-               {"/dev/sdb", 8, 16, 7, 0, 3, 0},
-               {"/dev/sdc", 8, 32, 6, 0, 2, 0},
-               {"/dev/sdd", 8, 48, 6, 0, 4, 0},
-               {"/dev/vda", 254, 0, kNone, kNone, kNone, kNone}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.node);
+  const std::pair<const char*, std::vector<unsigned>> cases[] = {  // major, minor, host, channel, target, LUN
+      {"/dev/sda", {8, 0, 2, 3, 1, 4}},  {"/dev/sdb", {8, 16, 7, 0, 3, 0}}, {"/dev/sdc", {8, 32, 6, 0, 2, 0}},
+      {"/dev/sdd", {8, 48, 6, 0, 4, 0}}, {"/dev/vda", {254, 0, kNone, kNone, kNone, kNone}}};
+  for (const auto& [node, numbers] : cases) {
+    SCOPED_TRACE(node);
     UnixVolID volume;
-    ASSERT_TRUE(Lookup(c.node, volume));
-    EXPECT_EQ(c.node, volume.DevNode);
-    EXPECT_EQ((std::vector<unsigned>{c.major, c.minor, c.host, c.channel, c.target, c.lun}),
-              (std::vector<unsigned>{volume.Major, volume.Minor, volume.ScsiHost, volume.ScsiChannel,
-                                     volume.ScsiTarget, volume.ScsiLun}));
+    ASSERT_TRUE(Lookup(node, volume));
+    EXPECT_EQ(node, volume.DevNode);
+    EXPECT_EQ(numbers, (std::vector<unsigned>{volume.Major, volume.Minor, volume.ScsiHost, volume.ScsiChannel,
+                                              volume.ScsiTarget, volume.ScsiLun}));
     dsk_supp::index_t byName = 0, byNumbers = 1;
-    ASSERT_TRUE(ByName(c.node, byName));
-    ASSERT_TRUE(dsk_supp::IndexbyDev(volume, dsk_supp::mt_disk, byNumbers));
+    ASSERT_TRUE(ByName(node, byName) && dsk_supp::IndexbyDev(volume, dsk_supp::mt_disk, byNumbers));
     EXPECT_EQ(byName, byNumbers);
   }
 }
