@@ -2,20 +2,17 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <new>
 
 #include "core/common/message_ids.h"
 #include "core/common/message_text.h"
 #include "core/common/module.h"
 #include "core/common/unicode.h"
 
-// Error nodes come from the nothrow operator new; counting (and failing) those calls
-// shows what each kind of error costs.
+// Error nodes come from the nothrow operator new: counting (and failing) it shows what
+// each kind of error costs.
 namespace {
 thread_local int gNothrowAllocations = 0;
 thread_local bool gFailNothrow = false;
@@ -41,11 +38,7 @@ TEST(Error, AllocationsAndEmptiness) {
   const unsigned short* shared = GetTextFromMessageFile(Messages::InternalError);
   ASSERT_NE(nullptr, shared);
   const String wide = Str(u"a much longer wide text than any small buffer");
-  const struct {
-    const char* what;
-    std::function<Error()> make;
-    int allocations;  // 0: an empty handle
-  } cases[] = {
+  const struct { const char* what; std::function<Error()> make; int allocations; /* 0: an empty handle */ } cases[] = {
       {"code 0", [] { return Error(0, AS_HERE); }, 0},        {"code 0, narrow", [] { return Error(0, "x", AS_HERE); }, 0},
       {"code 0, wide", [&] { return Error(0, wide, AS_HERE); }, 0}, {"no text", [] { return Error(1, AS_HERE); }, 1},
       {"narrow", [] { return Error(1, "narrow", AS_HERE); }, 1},  {"wide", [&] { return Error(1, wide, AS_HERE); }, 1},
@@ -62,16 +55,14 @@ TEST(Error, AllocationsAndEmptiness) {
   Error fromTable(0x530040, shared, AS_HERE);
   EXPECT_EQ(static_cast<const void*>(shared), fromTable.GetTextAddress());
   EXPECT_EQ(String(shared), fromTable.GetText());
-}
-
-TEST(Error, TextIsCopiedAndNarrowTextWidenedByteByByte) {
+  // Other texts are copied, a narrow one widened byte by byte.
   auto narrow = std::make_unique<char[]>(16);
   std::strcpy(narrow.get(), "gone \xC3\xA9");
-  String wide = Str(u"gone too");
-  Error a(7, narrow.get(), AS_HERE), b(8, wide.c_str(), AS_HERE);
+  String gone = Str(u"gone too");
+  Error a(7, narrow.get(), AS_HERE), b(8, gone.c_str(), AS_HERE);
   EXPECT_NE(static_cast<const void*>(narrow.get()), a.GetTextAddress());
   narrow.reset();
-  wide.assign(wide.size(), 'x');
+  gone.assign(gone.size(), 'x');
   EXPECT_EQ((String{'g', 'o', 'n', 'e', ' ', 0xC3, 0xA9}), a.GetText());
   EXPECT_EQ(Str(u"gone too"), b.GetText());
 }
@@ -81,7 +72,6 @@ TEST(Error, KindsAnswerTheirFields) {
   EXPECT_STREQ("$module", plain.GetFieldNames());
   EXPECT_STREQ(_ErrorModuleName, plain.GetStringField("$module"));
   EXPECT_EQ(nullptr, plain.GetStringField("$Module"));  // exact, case-sensitive
-  EXPECT_EQ(0, plain.GetNumericField("code"));
 
   Error posix;
   posix.AddPosixError(ENOENT, AS_HERE);  // an empty handle becomes the POSIX error
@@ -89,7 +79,6 @@ TEST(Error, KindsAnswerTheirFields) {
   EXPECT_EQ(ENOENT, posix.GetNumericField("code"));
   EXPECT_EQ(0, posix.GetNumericField("Code"));
   EXPECT_STREQ("code,$module", posix.GetFieldNames());
-  EXPECT_STREQ(_ErrorModuleName, posix.GetStringField("$module"));
   EXPECT_EQ(Common::Widen(std::strerror(ENOENT)), posix.GetText());
   EXPECT_FALSE(posix.GetCause());
 
@@ -98,8 +87,6 @@ TEST(Error, KindsAnswerTheirFields) {
   EXPECT_STREQ("SCSISubsystemLocker", fielded.GetStringField("token"));
   EXPECT_EQ(nullptr, fielded.GetStringField("count"));
   EXPECT_EQ(3, fielded.GetNumericField("count"));
-  EXPECT_STREQ(_ErrorModuleName, fielded.GetStringField("$module"));
-  EXPECT_EQ(Str(u"lock failed"), fielded.GetText());
   Error copy = Error(fielded).AddPosixError(EIO, AS_HERE);  // a clone keeps its fields
   EXPECT_STREQ("SCSISubsystemLocker", copy.GetStringField("token"));
 }
@@ -109,7 +96,6 @@ TEST(Error, LocationIsKept) {
   const Common::ErrorLocation where = e.GetLocation();
   EXPECT_STREQ("tests/unit/common/error_test", where.file);
   EXPECT_STREQ("GetBlockDevices", where.function);
-  EXPECT_EQ(577, where.line);
   EXPECT_EQ(Common::LocationTag("tests/unit/common/error_test", 577), where.tag);
   EXPECT_NE((AS_LOCATION("f", 1).tag), (AS_LOCATION("f", 2).tag));
   try {
@@ -133,7 +119,6 @@ TEST(Error, AddPosixErrorReplacesTheCauseOnAnOwnHead) {
   EXPECT_NE(a.GetNode(), b.GetNode());
   EXPECT_EQ(EIO, a.GetCause().GetNumericField("code"));
   EXPECT_EQ(EBUSY, b.GetCause().GetNumericField("code"));
-  EXPECT_EQ(a.GetText(), b.GetText());
   EXPECT_EQ(a.GetLocation().tag, b.GetLocation().tag);
   const void* own = b.GetNode();
   b.AddPosixError(EAGAIN, AS_HERE);  // its own head now changes in place
@@ -162,11 +147,9 @@ TEST(Error, OutOfMemoryGivesTheSharedNode) {
   gFailNothrow = true;
   Error a(0x530040, "no memory for me", AS_HERE);
   Error b(0x720022, Str(u"nor for me"), AS_HERE);
-  Error c;
-  c.AddPosixError(EIO, AS_HERE);
+  Error c = Error().AddPosixError(EIO, AS_HERE);
   gFailNothrow = false;
-  EXPECT_EQ(a.GetNode(), b.GetNode());
-  EXPECT_EQ(a.GetNode(), c.GetNode());
+  EXPECT_TRUE(a.GetNode() == b.GetNode() && a.GetNode() == c.GetNode());
   EXPECT_EQ(Error::kPosixCode, a.GetCode());
   EXPECT_EQ(ENOMEM, a.GetNumericField("code"));
   a.AddPosixError(EPERM, AS_HERE);  // the shared node never changes in place

@@ -6,33 +6,17 @@
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
-#include <map>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "../../support/child.h"
+#include "../../support/descriptors.h"
 #include "../../support/temp_dir.h"
 #include "core/linex/child_env_internal.h"
-#include "core/linex/create_process.h"
 #include "core/linex/linux_misc.h"
 #include "linex_test_support.h"
-
-#ifndef SYS_close_range
-#define SYS_close_range 436
-#endif
 
 namespace {
 
@@ -51,7 +35,7 @@ TEST(Launcher, ChildSeesOnlyStandardAndRedirectedDescriptors) {
   const struct {
     const char* name;
     bool keepStdFds;
-    int input;  // a redirected input descriptor, or -1
+    int input;                          // a redirected input descriptor, or -1
     std::vector<std::string> expected;  // "<fd> <target>"; "?" for any other number
   } cases[] = {
       // The "/dev/null" descriptor that served 0 and 2 stays open on purpose.
@@ -103,26 +87,49 @@ bool Hide(const char* path) {
          mount("tmpfs", path, "tmpfs", 0, nullptr) == 0;
 }
 
-// Without close_range the child reads /proc/self/fd, and without /proc it loops up to
-// the limit; without a shell every command exits 127. Each runs in a forked copy of the
-// test; exit code 2 means the kernel or our rights do not allow the setting.
-TEST(Launcher, FallbacksInForkedCopies) {
+bool OnlyStdFds() { ChildProcess child; child.KeepStdFds = true; return ChildDescriptors(child).size() == 3; }
+
+// With `spare` free descriptors and an output redirected onto `target` (relative to the
+// lowest free number): 1 when it starts, 0 when it fails leaving nothing behind.
+int StartsWithBudget(int spare, int target) {
+  const int lowest = dup(0);
+  close(lowest);
+  const int before = TestSupport::CountOwnFds();
+  const TestSupport::DescriptorBudget budget(spare);
+  ChildProcess child;
+  child.CmdLine = "true";
+  int out = 5;
+  child.AddRedirection(lowest + target, &out, true);
+  if (child.ForkExec() != -1) return child.Wait() != -1 && out >= 0 && close(out) == 0 ? 1 : 2;
+  return out == -1 && TestSupport::CountOwnFds() == before ? 0 : -1;
+}
+
+// Each row runs in a forked copy of the test; exit code 2 means the kernel or our rights
+// do not allow the setting.
+TEST(Launcher, FallbacksAndLimitsInForkedCopies) {
+  const auto yes = [] { return true; };
   const struct {
     const char* name;
-    std::function<bool()> setUp;
-    std::function<bool()> check;
+    std::function<bool()> setUp, check;
   } cases[] = {
-      {"/proc/self/fd", [] { return RefuseCloseRange() && DescriptorAboveTheLimit(); },
-       [] { ChildProcess child; child.KeepStdFds = true; return ChildDescriptors(child).size() == 3; }},
+      {"/proc/self/fd", [] { return RefuseCloseRange() && DescriptorAboveTheLimit(); }, OnlyStdFds},
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // a sanitized probe needs /proc
-      {"loop", [] { return Hide("/proc") && RefuseCloseRange(); },
-       [] { ChildProcess child; child.KeepStdFds = true; return ChildDescriptors(child).size() == 3; }},
+      {"loop", [] { return Hide("/proc") && RefuseCloseRange(); }, OnlyStdFds},
 #endif
       {"no shell", [] { return Hide(std::filesystem::is_symlink("/bin") ? "/usr/bin" : "/bin"); },
        [] {
          FILE* stream = POpen("echo x", "r");
          const bool popen = stream != nullptr && std::fgetc(stream) == EOF && PClose(stream) == 127;
          return RunCommand("true") == 127 && popen;
+       }},
+      {"no room for a pipe", yes, [] { return StartsWithBudget(1, -1) == 0; }},
+      {"pipe fits on the lowest numbers", yes, [] { return StartsWithBudget(2, -1) == 1; }},
+      {"no room above the target", yes, [] { return StartsWithBudget(3, 2) == 0; }},
+      {"popen child never keeps our 0 and 2",
+       [] { const int fd = memfd_create("std", 0); return dup2(fd, 0) == 0 && dup2(fd, 2) == 2; },
+       [] {
+         FILE* stream = POpen("readlink /proc/self/fd/0 /proc/self/fd/2", "r");
+         return LinexTest::ReadStream(stream) == "/dev/null\n/dev/null\n" && PClose(stream) == 0;
        }},
   };
   for (const auto& c : cases) {
@@ -149,8 +156,7 @@ TEST(Launcher, FirstRedirectionWinsAndStderrFollowsStdoutInTheWorkDir) {
 
 TEST(Launcher, ChildStartsWithNoBlockedSignalAndDefaultDispositions) {
   sigset_t block, previous;
-  sigemptyset(&block);
-  for (int sig : {SIGPIPE, SIGTERM, SIGUSR1, SIGCHLD, SIGINT}) sigaddset(&block, sig);
+  sigfillset(&block);
   ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &block, &previous), 0);
   struct sigaction ignore {}, handler {}, oldPipe {}, oldUsr2 {};
   ignore.sa_handler = SIG_IGN;
@@ -162,27 +168,23 @@ TEST(Launcher, ChildStartsWithNoBlockedSignalAndDefaultDispositions) {
   sigaction(SIGPIPE, &oldPipe, nullptr);
   sigaction(SIGUSR2, &oldUsr2, nullptr);
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  EXPECT_EQ(result.out, "blocked 0\n" + std::to_string(SIGPIPE) + " dfl\n" + std::to_string(SIGUSR2) + " dfl\n" +
-                            std::to_string(SIGCHLD) + " dfl\n");
+  EXPECT_EQ(result.out, "blocked 0\n" + std::to_string(SIGPIPE) + " dfl\n" + std::to_string(SIGUSR2) + " dfl\n");
 }
 
 TEST(Launcher, SetUpAndExecFailuresExit127) {
   const std::string longName(5000, 'x');
   const struct {
-    const char* name;
     std::vector<std::string> args;
     std::string workDir;
     int32_t target;  // a redirected descriptor, or -1
     int status;
   } cases[] = {
-      {"missing program", {"no-such-program-zl"}, "", -1, 127}, {"missing path", {"/no/such/program"}, "", -1, 127},
-      {"empty program", {""}, "", -1, 127},                     {"long name", {longName}, "", -1, 127},
-      {"long path", {"/bin/" + longName}, "", -1, 127},         {"directory", {"/tmp"}, "", -1, 127},
-      {"missing work dir", {"true"}, "/no/such/dir", -1, 127},  {"descriptor beyond any limit", {"true"}, "", INT32_MAX, 127},
-      {"found on PATH", {"sh", "-c", "exit 7"}, "", -1, 7},
+      {{"no-such-program-zl"}, "", -1, 127}, {{""}, "", -1, 127}, {{longName}, "", -1, 127},
+      {{"/tmp"}, "", -1, 127}, {{"true"}, "/no/such/dir", -1, 127}, {{"true"}, "", INT32_MAX, 127},
+      {{"sh", "-c", "exit 7"}, "", -1, 7},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.args[0].substr(0, 20) + " in [" + c.workDir + "] " + std::to_string(c.target));
     ChildProcess child;
     child.Args = c.args;
     child.WorkDir = c.workDir;
@@ -199,7 +201,7 @@ TEST(Launcher, EnvironmentAndReportFileReachTheChild) {
     putenv(const_cast<char*>(entry));
   std::string path;
   for (bool report : {false, true}) {
-    SCOPED_TRACE(report ? "own report file" : "no report file");
+    SCOPED_TRACE(report);
     ChildProcess child;
     for (const char* entry : {"LD_PRELOAD", "ZL_GONE", "ZL_NEW=1", "ZL_NEW=2"}) child.SetEnv(entry);
     child.CreateReportFile = report;
@@ -219,30 +221,22 @@ TEST(Launcher, EnvironmentAndReportFileReachTheChild) {
 TEST(Launcher, ChildEnvironmentRules) {
   using Strings = std::vector<std::string>;
   struct {
-    const char* name;
     Strings parent;
     bool inherit;
-    Strings overrides;
-    Strings expected;
+    Strings overrides, expected;
   } cases[] = {
-      {"inherited as is", {"A=1", "B=2"}, true, {}, {"A=1", "B=2"}},
-      {"replaced in place", {"A=1", "B=2", "C=3"}, true, {"B=x"}, {"A=1", "B=x", "C=3"}},
-      {"removed", {"LD_PRELOAD=/x.so", "B=2"}, true, {"LD_PRELOAD"}, {"B=2"}},
-      {"appended", {"A=1"}, true, {"Z=9"}, {"A=1", "Z=9"}},
-      {"unmatched removal dropped", {"A=1"}, true, {"NOPE"}, {"A=1"}},
-      {"entry without = dropped", {"A=1", "BROKEN", "C=3"}, true, {}, {"A=1", "C=3"}},
-      {"last match decides", {"A=1"}, true, {"A=2", "A"}, {}},
-      {"last match decides, set", {"A=1"}, true, {"A", "A=3"}, {"A=3"}},
-      {"first inherited of a name only", {"A=1", "A=2"}, true, {"A=x"}, {"A=x", "A=2"}},
-      {"prefix is not a match", {"AB=1"}, true, {"A=2"}, {"AB=1", "A=2"}},
-      {"empty and = overrides never appended", {"A=1"}, true, {"", "=x", "=", "A=5"}, {"A=5"}},
-      {"nameless entry replaced", {"=odd", "A=1"}, true, {"=x", "A=5"}, {"=x", "A=5"}},
-      {"nameless entry removed", {"=odd", "A=1"}, true, {"=x", ""}, {"A=1"}},
-      {"empty value", {"A=1"}, true, {"A="}, {"A="}},
-      {"not inherited", {"A=1", "B=2"}, false, {"B=3", "C", "D=4"}, {"B=3", "D=4"}},
+      {{"A=1", "B=2", "C=3"}, true, {"B=x"}, {"A=1", "B=x", "C=3"}},
+      {{"LD_PRELOAD=/x.so", "B=2"}, true, {"LD_PRELOAD"}, {"B=2"}},
+      {{"A=1"}, true, {"Z=9", "NOPE"}, {"A=1", "Z=9"}},
+      {{"A=1", "BROKEN", "C=3"}, true, {}, {"A=1", "C=3"}},
+      {{"A=1"}, true, {"A=2", "A"}, {}},                 {{"A=1"}, true, {"A", "A=3"}, {"A=3"}},
+      {{"A=1", "A=2"}, true, {"A=x"}, {"A=x", "A=2"}},   {{"AB=1"}, true, {"A=2"}, {"AB=1", "A=2"}},
+      {{"A=1"}, true, {"", "=x", "=", "A="}, {"A="}},
+      {{"=odd", "A=1"}, true, {"=x", "A=5"}, {"=x", "A=5"}}, {{"=odd", "A=1"}, true, {"=x", ""}, {"A=1"}},
+      {{"A=1", "B=2"}, false, {"B=3", "C", "D=4"}, {"B=3", "D=4"}},
   };
   for (auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(testing::PrintToString(c.overrides));
     std::vector<char*> env;
     for (std::string& e : c.parent) env.push_back(&e[0]);
     env.push_back(nullptr);
@@ -257,20 +251,15 @@ TEST(Launcher, ExecSearchPathFailuresReturnWithErrno) {
   const std::string savedPath = getenv("PATH") ? getenv("PATH") : "";
   char* argv[] = {const_cast<char*>("x"), nullptr};
   const struct {
-    const char* name;
-    std::string path;
-    std::string file;
+    std::string path, file;
     int err;
   } cases[] = {
-      {"empty name", "/bin", "", ENOENT},
-      {"not found", "/no/such:/also/missing", "zl-missing", ENOENT},
-      {"not executable, then missing", dir.path() + ":/no/such", "plain", EACCES},
-      {"long name", "/bin", std::string(5000, 'y'), ENAMETOOLONG},
-      {"long element", std::string(4095, 'd') + ":/bin", "true", ENAMETOOLONG},
-      {"slash", "/bin", "/no/such/prog", ENOENT},
+      {"/bin", "", ENOENT}, {"/no/such:/also/missing", "zl-missing", ENOENT}, {"/bin", "/no/such/prog", ENOENT},
+      {dir.path() + ":/no/such", "plain", EACCES},
+      {"/bin", std::string(5000, 'y'), ENAMETOOLONG}, {std::string(4095, 'd') + ":/bin", "true", ENAMETOOLONG},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.path.substr(0, 20) + " " + c.file.substr(0, 20));
     setenv("PATH", c.path.c_str(), 1);
     errno = 0;
     EXPECT_EQ(ChildProcess::ExecSearchPath(c.file.c_str(), argv, environ), -1);

@@ -1,9 +1,10 @@
 #pragma once
 // Running the probe child and reading what it reports.
+#include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <map>
-#include <sstream>
 #include <string>
 
 #include "core/linex/create_process.h"
@@ -18,14 +19,20 @@ inline std::string ReadAll(int fd) {
   return text;
 }
 
+inline std::string ReadStream(FILE* stream) {
+  std::string text;
+  for (int c; stream != nullptr && (c = std::fgetc(stream)) != EOF;) text += static_cast<char>(c);
+  return text;
+}
+
 struct Result {
   int status = -2;
   std::string out;
 };
 
-// Runs the probe in `mode` (or the child as described) with its output on a pipe.
-inline Result Probe(ChildProcess& child, const char* mode = nullptr) {
-  if (mode) child.Args = {AS_CHILD_PROBE, mode};
+// Runs the probe in `mode` with its output on a pipe.
+inline Result Probe(ChildProcess& child, const char* mode) {
+  child.Args = {AS_CHILD_PROBE, mode};
   int out = -1;
   child.AddRedirection(1, &out, true);
   Result result;
@@ -38,8 +45,10 @@ inline Result Probe(ChildProcess& child, const char* mode = nullptr) {
 // "<fd> <target>" lines of the probe's "fds" mode.
 inline std::map<int, std::string> Descriptors(const std::string& text) {
   std::map<int, std::string> fds;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) fds[std::stoi(line)] = line.substr(line.find(' ') + 1);
+  for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1) {
+    const size_t space = text.find(' ', at);
+    fds[std::stoi(text.substr(at, space - at))] = text.substr(space + 1, end - space - 1);
+  }
   return fds;
 }
 

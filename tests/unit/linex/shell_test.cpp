@@ -1,31 +1,19 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "../../support/descriptors.h"
 #include "core/common/assert.h"
-#include "core/linex/create_process.h"
 #include "core/linex/linux_misc.h"
 #include "linex_test_support.h"
 
 namespace {
 
-bool NoChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
+using LinexTest::ReadStream;
 
-std::string ReadStream(FILE* stream) {
-  std::string text;
-  for (int c; (c = std::fgetc(stream)) != EOF;) text += static_cast<char>(c);
-  return text;
-}
+bool NoChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
 
 TEST(Shell, RunCommandExitStatusAndLoaderVariables) {
   setenv("LD_LIBRARY_PATH", "/zl-libs", 1);
@@ -36,9 +24,8 @@ TEST(Shell, RunCommandExitStatusAndLoaderVariables) {
     const char* const* env;
     int status;
   } cases[] = {
-      {"true", false, nullptr, 0},        {"exit 3", false, nullptr, 3},
-      {"exit 255", false, nullptr, 255},  {"kill -9 $$", false, nullptr, -1},
-      {"", false, nullptr, -1},           {"zl-no-such-command-xyz", false, nullptr, 127},
+      {"true", false, nullptr, 0},       {"exit 3", false, nullptr, 3},   {"exit 255", false, nullptr, 255},
+      {"kill -9 $$", false, nullptr, -1}, {"", false, nullptr, -1},       {"zl-no-such-command-xyz", false, nullptr, 127},
       {"echo hidden; echo hidden >&2", false, nullptr, 0},
       {"test \"$LD_LIBRARY_PATH\" = /zl-libs", false, nullptr, 0},
       {"test -z \"${LD_LIBRARY_PATH+set}\"", true, nullptr, 0},
@@ -56,21 +43,17 @@ TEST(Shell, POpenAndStartProcessPipes) {
   setenv("LD_LIBRARY_PATH", "/zl-libs", 1);
   FILE* stream = POpen("echo x; echo \"[$LD_LIBRARY_PATH]\"", "rt");
   unsetenv("LD_LIBRARY_PATH");
-  ASSERT_NE(stream, nullptr);
   EXPECT_EQ(ReadStream(stream), "x\n[]\n");
   EXPECT_EQ(PClose(stream), 0);
-  stream = POpen("exit 4", "rt");
-  EXPECT_EQ(PClose(stream), 4);
-  // The reader goes away early: the writer gets SIGPIPE (default in the child) and ends.
-  stream = POpen("exec yes", "r");
+  EXPECT_EQ(PClose(POpen("exit 4", "rt")), 4);
+  stream = POpen("exec yes", "r");  // the reader goes away early: SIGPIPE ends the writer
   EXPECT_EQ(std::fgetc(stream), 'y');
   EXPECT_EQ(PClose(stream), -1);
 
   int in = 0, out = 1;
   const int pid = StartProcess("read line; echo \"got $line\"", false, &in, &out, nullptr);
   ASSERT_NE(pid, -1);
-  EXPECT_EQ(fcntl(in, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-  EXPECT_EQ(fcntl(out, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+  EXPECT_EQ(fcntl(in, F_GETFD) & fcntl(out, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
   ASSERT_EQ(write(in, "hello\n", 6), 6);
   close(in);
   EXPECT_EQ(LinexTest::ReadAll(out), "got hello\n");
@@ -110,9 +93,8 @@ std::string gReports;
   std::exit(refused && gReports.find(", file core/linex/" + place + "\n") != std::string::npos ? 0 : 1);
 }
 
-// Misuse of the launcher and the shell services is refused and reported to the
-// assertion handler with a fixed file and line, which support tooling matches on. The
-// handler reads its mode once, so each case runs in a fresh copy of this program.
+// Support tooling matches on the reported file and line. The handler reads its mode
+// once, so each case runs in a fresh copy of this program.
 TEST(Launcher, MisuseIsRefusedAndReportsItsPlace) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const struct {
@@ -169,11 +151,8 @@ TEST(SafeClose, PolicyDecidesWhatABadCloseDoes) {
       errno = 0;
       std::exit(c.file ? ChildProcess::SafeFclose(nullptr) != EOF : ChildProcess::SafeClose(-1) != -1 || errno != EBADF);
     };
-    if (c.signal != 0) {
-      EXPECT_EXIT(badClose(), testing::KilledBySignal(c.signal), "");
-    } else {
-      EXPECT_EXIT(badClose(), testing::ExitedWithCode(0), "");
-    }
+    if (c.signal != 0) EXPECT_EXIT(badClose(), testing::KilledBySignal(c.signal), "");
+    else EXPECT_EXIT(badClose(), testing::ExitedWithCode(0), "");
   }
   unsetenv("ZEMLORA_SAFE_CLOSE");
   int fds[2];

@@ -1,19 +1,13 @@
 #include <atomic>
-#include <cstdio>
-#include <string>
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "core/linex/create_process.h"
 #include "core/linex/linux_misc.h"
 #include "linex_test_support.h"
 
 namespace {
 
-// Many threads spawn at once; each child must see only its own pipe, never one that
-// another thread holds open at that moment.
+// Each child must see only its own pipe, never one that another thread holds open.
 TEST(LauncherThreads, ConcurrentSpawnsKeepTheirDescriptors) {
   std::atomic<int> failures{0};
   std::vector<std::thread> threads;
@@ -28,9 +22,7 @@ TEST(LauncherThreads, ConcurrentSpawnsKeepTheirDescriptors) {
           failures += RunCommand("exit 5") != 5;
         } else {
           FILE* stream = POpen("echo " + std::to_string(t), "r");
-          char line[32] = "";
-          failures += stream == nullptr || fgets(line, sizeof line, stream) == nullptr ||
-                      std::string(line) != std::to_string(t) + "\n" || PClose(stream) != 0;
+          failures += LinexTest::ReadStream(stream) != std::to_string(t) + "\n" || PClose(stream) != 0;
         }
       }
     });

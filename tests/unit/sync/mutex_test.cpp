@@ -1,12 +1,9 @@
+#include <gtest/gtest.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <mutex>
 #include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "../common/sleeps_in.h"
 #include "core/common/event.h"
@@ -32,8 +29,7 @@ TEST(RecursiveMutex, OwnerRelocksOthersWait) {
   EXPECT_TRUE(otherGotIt);
 }
 
-// Threads of one process share one object: the file lock is taken by the first Lock
-// of the holding thread and released by its last Unlock.
+// Threads of one process share one object.
 TEST(SharedMutexThreads, ThreadsSerialise) {
   const std::string name = SyncTest::UniqueName("threads");
   auto mutex = Common::SharedMutex::Create(name.c_str());
@@ -56,11 +52,9 @@ TEST(SharedMutexThreads, ThreadsSerialise) {
 }
 
 TEST(Event, SignalStateWithoutWaiters) {
-  const struct {
-    bool manual;
-    bool initially;
-    const char* waits;  // results of Wait(0), Wait(0), Set(), Wait(0), Wait(0)
-  } cases[] = {{false, true, "10-10"}, {false, false, "00-10"}, {true, true, "11-11"}, {true, false, "00-11"}};
+  // Results of Wait(0), Wait(1), Set(), Wait(0), Wait(0).
+  const struct { bool manual, initially; const char* waits; } cases[] = {
+      {false, true, "10-10"}, {false, false, "00-10"}, {true, true, "11-11"}, {true, false, "00-11"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.manual ? "manual, " : "auto, ") + (c.initially ? "signalled" : "not signalled"));
     Common::Event event(c.manual, c.initially);
@@ -79,9 +73,8 @@ TEST(Event, SignalStateWithoutWaiters) {
   EXPECT_FALSE(manual.Wait(0));
 }
 
-// Three threads wait without limit: an auto-reset event wakes one per Set, even when
-// the Sets come faster than the woken leave, and the signal is spent; a manual-reset
-// event wakes them all and stays signalled.
+// An auto-reset event wakes one waiter per Set, even when the Sets come faster than the
+// woken leave, and the signal is spent; a manual-reset one wakes all and stays signalled.
 TEST(Event, SetWakesOneWaiterOrAll) {
   for (bool manual : {false, true}) {
     SCOPED_TRACE(manual ? "manual" : "auto");
@@ -94,7 +87,7 @@ TEST(Event, SetWakesOneWaiterOrAll) {
         tid = syscall(SYS_gettid);
         woken += event.Wait();
       });
-      // One at a time, so that a sleeping waiter can only sleep in the event's wait.
+      // One at a time, so that a sleeping waiter sleeps in the event's wait.
       while (tid == 0 || !UnitTest::SleepsIn("self/task/" + std::to_string(tid), SYS_futex))
         std::this_thread::yield();
     }
