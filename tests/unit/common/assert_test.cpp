@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <csignal>
 #include <fstream>
-#include <functional>
-#include <sstream>
 
 #include "../../support/child.h"
 #include "../../support/temp_dir.h"
@@ -44,20 +42,14 @@ int gEventCalls = 0;
 TEST(AssertHandler, WhatEachModeDoes) {
   const TestSupport::TempDir dir;
   const std::string log = dir / "log";
-  const struct {
-    const char* mode;  // nullptr: unset
-    bool logFile;
-    std::function<int()> body;
-    int result;          // exit code, or 128 + signal
-    std::string logged;  // the whole log, or its first line when a stack follows
-    bool stack = false;
-  } cases[] = {
+  // Mode (nullptr: unset), exit code or 128 + signal, the log or its first line when a stack follows.
+  const struct { const char* mode; bool logFile; std::function<int()> body; int result; std::string logged; bool stack = false; } cases[] = {
       {nullptr, true, [] { return Common::AssertionHandler("x"); }, 1, ""},
       {"log", false, [] { return Common::AssertionHandler("x"); }, 1, ""},
       {"log abort bogus", true, [] { return Common::AssertionHandler("x"); }, 0, ""},
       {"log", true, [] { FailingCheck(); return Common::AssertionHandler("second"); }, 1, kFailure + "\nsecond\n"},
-      {"log", true, [] { Common::AssertionFailed(std::string(5000, 'e').c_str(), "f", 1); return 0; }, 0,
-       "Assertion failed: " + std::string(539 - 18, 'e') + "\n"},  // cut to the message size, not overrun
+      {"log", true, [] { Common::AssertionFailed(std::string(5000, 'e').c_str(), "f", 1); return 0; }, 0,  // cut, not overrun
+       "Assertion failed: " + std::string(539 - 18, 'e') + "\n"},
       {"0x24", true, [] { FailingCheck(); return 0; }, 128 + SIGABRT, kFailure + "\n"},
       {"log break", true, [] { FailingCheck(); return 0; }, 128 + SIGTRAP, kFailure + "\n"},
       {"log stack", true, [] { FailingCheck(); return 0; }, 0, kFailure + "\n", true},

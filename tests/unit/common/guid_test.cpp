@@ -14,26 +14,18 @@ const char kText[] = "0123ABCD-4567-89EF-FEDC-BA9876543210";
 TEST(Guid, TextAndBytesRoundTrip) {
   GUID g;
   ASSERT_TRUE(GUID::Parse(kText, g));
-  EXPECT_EQ(0x0123ABCDu, g.Data1);
-  EXPECT_EQ(0x4567, g.Data2);
-  EXPECT_EQ(0x89EF, g.Data3);
-  EXPECT_EQ(0x10, g.Data4[7]);
+  EXPECT_TRUE(g.Data1 == 0x0123ABCDu && g.Data2 == 0x4567 && g.Data3 == 0x89EF && g.Data4[0] == 0xFE && g.Data4[7] == 0x10);
   EXPECT_EQ(kText, g.ToString());
   EXPECT_EQ(Common::Widen(kText), g.ToWideString());
   EXPECT_TRUE(GUID().IsNull() && !g.IsNull());
   EXPECT_EQ("00000000-0000-0000-0000-000000000000", GUID().ToString());
   uint8_t bytes[16];
   g.ToBytes(bytes);
-  EXPECT_EQ(0xCD, bytes[0]);  // Data1 little-endian
-  EXPECT_EQ(0x67, bytes[4]);
-  EXPECT_EQ(0xFE, bytes[8]);
-  EXPECT_EQ(g, GUID::FromBytes(bytes));
+  EXPECT_TRUE(bytes[0] == 0xCD && bytes[4] == 0x67 && bytes[8] == 0xFE && g == GUID::FromBytes(bytes));  // little-endian
   Common::GuidTemplate<Common::BigEndian> big;
   ASSERT_TRUE(decltype(big)::Parse(kText, big));
   big.ToBytes(bytes);
-  EXPECT_EQ(0x01, bytes[0]);
-  EXPECT_EQ(0x45, bytes[4]);
-  EXPECT_EQ(big, decltype(big)::FromBytes(bytes));
+  EXPECT_TRUE(bytes[0] == 0x01 && bytes[4] == 0x45 && big == decltype(big)::FromBytes(bytes));
   GUID later;  // ordered by the fields, not by the bytes
   ASSERT_TRUE(GUID::Parse("00000000-FFFF-0000-0000-000000000000", later));
   EXPECT_TRUE(later < g && !(g < later) && later != g);

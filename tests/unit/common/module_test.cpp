@@ -5,7 +5,6 @@
 
 #include <cstring>
 #include <fstream>
-#include <functional>
 
 #include "../../support/temp_dir.h"
 #include "core/common/error.h"
@@ -64,7 +63,6 @@ TEST_F(MessageFiles, AValidFileReplacesTheTextsAndStaysValidAfterASwitch) {
   EXPECT_NE(DefaultTextsBase, TextsFromMessageFileBase);
   EXPECT_EQ(Common::FromUtf8("Внутренняя ошибка."), Text(Messages::InternalError));
   EXPECT_EQ(untranslated, Text(Messages::DroppingOrphanedAttributeNode));
-
   const unsigned short* translated = GetTextFromMessageFile(Messages::InternalError);
   Common::Error e(0x530040, translated, AS_HERE);
   EXPECT_EQ(static_cast<const void*>(translated), e.GetTextAddress());  // shared, not copied

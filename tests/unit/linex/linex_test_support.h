@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <map>
-#include <string>
+#include <sstream>
 
 #include "core/linex/create_process.h"
 
@@ -25,30 +23,21 @@ inline std::string ReadStream(FILE* stream) {
   return text;
 }
 
-struct Result {
-  int status = -2;
-  std::string out;
-};
-
-// Runs the probe in `mode` with its output on a pipe.
-inline Result Probe(ChildProcess& child, const char* mode) {
+// The probe's report in `mode`, empty when it could not run or failed.
+inline std::string Probe(ChildProcess& child, const char* mode) {
   child.Args = {AS_CHILD_PROBE, mode};
   int out = -1;
   child.AddRedirection(1, &out, true);
-  Result result;
-  if (child.ForkExec() == -1) return result;
-  result.out = ReadAll(out);
-  result.status = child.Wait();
-  return result;
+  if (child.ForkExec() == -1) return "";
+  const std::string text = ReadAll(out);
+  return child.Wait() == 0 ? text : "";
 }
 
 // "<fd> <target>" lines of the probe's "fds" mode.
 inline std::map<int, std::string> Descriptors(const std::string& text) {
   std::map<int, std::string> fds;
-  for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1) {
-    const size_t space = text.find(' ', at);
-    fds[std::stoi(text.substr(at, space - at))] = text.substr(space + 1, end - space - 1);
-  }
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) fds[std::stoi(line)] = line.substr(line.find(' ') + 1);
   return fds;
 }
 

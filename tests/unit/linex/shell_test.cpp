@@ -2,8 +2,6 @@
 #include <signal.h>
 #include <sys/wait.h>
 
-#include <functional>
-
 #include "../../support/descriptors.h"
 #include "core/common/assert.h"
 #include "core/linex/linux_misc.h"
@@ -18,12 +16,7 @@ bool NoChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHIL
 TEST(Shell, RunCommandExitStatusAndLoaderVariables) {
   setenv("LD_LIBRARY_PATH", "/zl-libs", 1);
   const char* const mine[] = {"LD_LIBRARY_PATH=/mine", "ZL_EXTRA=1", nullptr};
-  const struct {
-    const char* command;
-    bool strip;
-    const char* const* env;
-    int status;
-  } cases[] = {
+  const struct { const char* command; bool strip; const char* const* env; int status; } cases[] = {
       {"true", false, nullptr, 0},       {"exit 3", false, nullptr, 3},   {"exit 255", false, nullptr, 255},
       {"kill -9 $$", false, nullptr, -1}, {"", false, nullptr, -1},       {"zl-no-such-command-xyz", false, nullptr, 127},
       {"echo hidden; echo hidden >&2", false, nullptr, 0},
@@ -39,7 +32,8 @@ TEST(Shell, RunCommandExitStatusAndLoaderVariables) {
   EXPECT_TRUE(NoChildren());
 }
 
-TEST(Shell, POpenAndStartProcessPipes) {
+TEST(Shell, POpenAndStartProcessPipesLeakNothing) {
+  const int before = TestSupport::CountOwnFds();
   setenv("LD_LIBRARY_PATH", "/zl-libs", 1);
   FILE* stream = POpen("echo x; echo \"[$LD_LIBRARY_PATH]\"", "rt");
   unsetenv("LD_LIBRARY_PATH");
@@ -49,7 +43,6 @@ TEST(Shell, POpenAndStartProcessPipes) {
   stream = POpen("exec yes", "r");  // the reader goes away early: SIGPIPE ends the writer
   EXPECT_EQ(std::fgetc(stream), 'y');
   EXPECT_EQ(PClose(stream), -1);
-
   int in = 0, out = 1;
   const int pid = StartProcess("read line; echo \"got $line\"", false, &in, &out, nullptr);
   ASSERT_NE(pid, -1);
@@ -59,17 +52,6 @@ TEST(Shell, POpenAndStartProcessPipes) {
   EXPECT_EQ(LinexTest::ReadAll(out), "got hello\n");
   EXPECT_EQ(ChildProcess::WaitProcess(pid), 0);
   EXPECT_EQ(StartProcess(nullptr, false, nullptr, nullptr, nullptr), -1);
-  EXPECT_TRUE(NoChildren());
-}
-
-TEST(Shell, NoDescriptorLeakOverAThousandCalls) {
-  const int before = TestSupport::CountOwnFds();
-  for (int i = 0; i < 1000; ++i) {
-    ASSERT_EQ(RunCommand("true"), 0);
-    FILE* stream = POpen("echo x", "r");
-    ASSERT_EQ(ReadStream(stream), "x\n");
-    ASSERT_EQ(PClose(stream), 0);
-  }
   EXPECT_EQ(TestSupport::CountOwnFds(), before);
   EXPECT_TRUE(NoChildren());
 }
@@ -97,17 +79,13 @@ std::string gReports;
 // once, so each case runs in a fresh copy of this program.
 TEST(Launcher, MisuseIsRefusedAndReportsItsPlace) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const struct {
-    const char* place;
-    std::function<bool()> misuse;
-  } cases[] = {
+  const struct { const char* place; std::function<bool()> misuse; } cases[] = {
       {"create_process, line 273", [] { ChildProcess c; c.AddRedirection(1, nullptr, true); return c.Redirections.empty(); }},
       {"create_process, line 274", [] { ChildProcess c; int fd; c.AddRedirection(-1, &fd, true); return c.Redirections.empty(); }},
       {"create_process, line 587", [] {
          ChildProcess c;
          int out = 9;
-         c.AddRedirection(1, &out, true);
-         return c.ForkExec() == -1 && out == 9 && c.Wait() == -1 && ChildProcess::WaitProcess(0) == -1;
+         return c.AddRedirection(1, &out, true), c.ForkExec() == -1 && out == 9 && c.Wait() == -1 && ChildProcess::WaitProcess(0) == -1;
        }},
       {"create_process, line 587", [] { ChildProcess c; c.CmdLine = "true"; c.Args = {"true"}; return c.ForkExec() == -1; }},
       {"create_process, line 325", [] { return StartWithStale(FORK_STATUS_PARENT, -1); }},
@@ -118,10 +96,7 @@ TEST(Launcher, MisuseIsRefusedAndReportsItsPlace) {
          const int pid = c.ForkExec();
          return pid != -1 && c.ForkExec() == pid && c.Wait() == 3 && c.Wait() == -1;
        }},
-      {"create_process, line 509", [] {
-         { ChildProcess c; c.CmdLine = "true"; c.ForkExec(); }  // not waited for: reaped all the same
-         return NoChildren();
-       }},
+      {"create_process, line 509", [] { { ChildProcess c; c.CmdLine = "true"; c.ForkExec(); } return NoChildren(); }},  // reaped all the same
       {"create_process, line 432", [] { int in = 0, out = 0; return StartProcess("true", false, &in, &out, nullptr) == -1; }},
       {"linux_misc, line 504", [] {
          FILE* foreign = std::fopen("/dev/null", "r");
@@ -138,12 +113,9 @@ TEST(Launcher, MisuseIsRefusedAndReportsItsPlace) {
 
 TEST(SafeClose, PolicyDecidesWhatABadCloseDoes) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // the policy is read once at load
-  const struct {
-    const char* policy;  // nullptr: unset
-    bool file;           // SafeFclose(nullptr), else SafeClose(-1)
-    int signal;          // 0: only reported
-  } cases[] = {{nullptr, false, SIGABRT}, {"please-abort", false, SIGABRT}, {"abort,break", true, SIGTRAP},
-               {"0", false, 0}, {"0", true, 0}};
+  // Policy (nullptr: unset), SafeFclose(nullptr) or else SafeClose(-1), the signal (0: only reported).
+  const struct { const char* policy; bool file; int signal; } cases[] = {
+      {nullptr, false, SIGABRT}, {"please-abort", false, SIGABRT}, {"abort,break", true, SIGTRAP}, {"0", false, 0}, {"0", true, 0}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.policy ? c.policy : "unset");
     c.policy ? setenv("ZEMLORA_SAFE_CLOSE", c.policy, 1) : unsetenv("ZEMLORA_SAFE_CLOSE");

@@ -2,7 +2,6 @@
 #include <sys/syscall.h>
 
 #include <atomic>
-#include <mutex>
 #include <thread>
 
 #include "../common/sleeps_in.h"
@@ -22,10 +21,7 @@ TEST(RecursiveMutex, OwnerRelocksOthersWait) {
   EXPECT_FALSE(otherGotIt);
   mutex.Unlock();
   mutex.Unlock();
-  std::thread([&] {
-    std::lock_guard<Common::RecursiveMutex> guard(mutex);
-    otherGotIt = true;
-  }).join();
+  std::thread([&] { otherGotIt = mutex.TryLock(); mutex.Unlock(); }).join();
   EXPECT_TRUE(otherGotIt);
 }
 
@@ -38,11 +34,8 @@ TEST(SharedMutexThreads, ThreadsSerialise) {
   for (int t = 0; t < 4; ++t)
     threads.emplace_back([&] {
       for (int i = 0; i < 200; ++i) {
-        mutex->Lock();
-        mutex->Lock();
-        ++counter;
-        mutex->Unlock();
-        mutex->Unlock();
+        mutex->Lock(), mutex->Lock(), ++counter;
+        mutex->Unlock(), mutex->Unlock();
       }
     });
   for (auto& t : threads) t.join();
@@ -52,25 +45,19 @@ TEST(SharedMutexThreads, ThreadsSerialise) {
 }
 
 TEST(Event, SignalStateWithoutWaiters) {
-  // Results of Wait(0), Wait(1), Set(), Wait(0), Wait(0).
+  // Results of Wait(0), Wait(1), Set(), Wait(0), Wait(0), Reset(), Wait(0).
   const struct { bool manual, initially; const char* waits; } cases[] = {
-      {false, true, "10-10"}, {false, false, "00-10"}, {true, true, "11-11"}, {true, false, "00-11"}};
+      {false, true, "10-10-0"}, {false, false, "00-10-0"}, {true, true, "11-11-0"}, {true, false, "00-11-0"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.manual ? "manual, " : "auto, ") + (c.initially ? "signalled" : "not signalled"));
     Common::Event event(c.manual, c.initially);
     std::string waits;
-    for (int i = 0; i < 5; ++i) {
-      if (i == 2) event.Set();
-      waits += i == 2 ? '-' : event.Wait(i == 1 ? 1 : 0) ? '1' : '0';
+    for (int i = 0; i < 7; ++i) {
+      if (i == 2 || i == 5) i == 2 ? event.Set() : event.Reset();
+      waits += i == 2 || i == 5 ? '-' : event.Wait(i == 1 ? 1 : 0) ? '1' : '0';
     }
     EXPECT_EQ(c.waits, waits);
   }
-  Common::Event manual(true, false);
-  manual.Set();
-  manual.Set();
-  EXPECT_TRUE(manual.Wait());
-  manual.Reset();
-  EXPECT_FALSE(manual.Wait(0));
 }
 
 // An auto-reset event wakes one waiter per Set, even when the Sets come faster than the
