@@ -17,8 +17,7 @@ thread_local bool gFailNothrow = false;
 }  // namespace
 
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  ++gNothrowAllocations;
-  return gFailNothrow ? nullptr : std::malloc(size ? size : 1);
+  return ++gNothrowAllocations, gFailNothrow ? nullptr : std::malloc(size ? size : 1);
 }
 void* operator new(std::size_t size) {
   if (void* p = std::malloc(size ? size : 1)) return p;

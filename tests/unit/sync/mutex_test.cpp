@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "../common/sleeps_in.h"
+#include "core/common/error.h"
 #include "core/common/event.h"
 #include "core/common/mutex.h"
 #include "core/common/shared_mutex.h"
@@ -88,6 +89,26 @@ TEST(Event, SetWakesOneWaiterOrAll) {
     EXPECT_EQ(woken, 3);
     EXPECT_EQ(manual, event.Wait(0));
   }
+}
+
+// Handles to one chain copied, wrapped and dropped on many threads: the counts must stay
+// exact (no leak, no double free under the sanitizers).
+TEST(ErrorThreads, ConcurrentCopiesOfOneChain) {
+  Common::Error shared(0x530040, "shared head", AS_HERE);
+  shared.AddPosixError(EIO, AS_HERE);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t)
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 20000; ++i) {
+        Common::Error copy = shared;
+        Common::Error wrapped = Common::Error(0x720000 + t, "wrap", AS_HERE).WithCause(copy);
+        if (i % 3 == 0) copy.AddPosixError(EAGAIN, AS_HERE);  // copy-on-write, never in place
+        ASSERT_EQ(EIO, wrapped.GetCause().GetCause().GetNumericField("code"));
+      }
+    });
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(EIO, shared.GetCause().GetNumericField("code"));
+  EXPECT_FALSE(shared.GetCause().GetCause());
 }
 
 }  // namespace
