@@ -46,17 +46,14 @@ TEST(SharedMutexThreads, ThreadsSerialise) {
 }
 
 TEST(Event, SignalStateWithoutWaiters) {
-  // Results of Wait(0), Wait(1), Set(), Wait(0), Wait(0), Reset(), Wait(0).
   const struct { bool manual, initially; const char* waits; } cases[] = {
       {false, true, "10-10-0"}, {false, false, "00-10-0"}, {true, true, "11-11-0"}, {true, false, "00-11-0"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.manual ? "manual, " : "auto, ") + (c.initially ? "signalled" : "not signalled"));
     Common::Event event(c.manual, c.initially);
-    std::string waits;
-    for (int i = 0; i < 7; ++i) {
-      if (i == 2 || i == 5) i == 2 ? event.Set() : event.Reset();
-      waits += i == 2 || i == 5 ? '-' : event.Wait(i == 1 ? 1 : 0) ? '1' : '0';
-    }
+    std::string waits;  // S: Set, R: Reset, a digit: Wait with that limit
+    for (const char* op = "01S00R0"; *op; ++op)
+      waits += *op == 'S' ? (event.Set(), '-') : *op == 'R' ? (event.Reset(), '-') : event.Wait(*op - '0') ? '1' : '0';
     EXPECT_EQ(c.waits, waits);
   }
 }
@@ -71,13 +68,9 @@ TEST(Event, SetWakesOneWaiterOrAll) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 3; ++i) {
       std::atomic<long> tid{0};
-      threads.emplace_back([&] {
-        tid = syscall(SYS_gettid);
-        woken += event.Wait();
-      });
+      threads.emplace_back([&] { tid = syscall(SYS_gettid), woken += event.Wait(); });
       // One at a time, so that a sleeping waiter sleeps in the event's wait.
-      while (tid == 0 || !UnitTest::SleepsIn("self/task/" + std::to_string(tid), SYS_futex))
-        std::this_thread::yield();
+      while (tid == 0 || !UnitTest::SleepsIn("self/task/" + std::to_string(tid), SYS_futex)) std::this_thread::yield();
     }
     event.Set();
     EXPECT_EQ(manual, event.Wait(0));
