@@ -1,14 +1,10 @@
-// The assertion handler reads its settings once per process, so every case that
-// needs settings runs in a forked child. The parent never asserts.
+// The handler reads its settings once per process: every case that needs them runs in
+// a forked child.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <algorithm>
 #include <csignal>
 #include <fstream>
-#include <functional>
-#include <sstream>
-#include <string>
 
 #include "../../support/child.h"
 #include "../../support/temp_dir.h"
@@ -20,31 +16,14 @@ namespace {
 using namespace Common::Detail;
 
 TEST(AssertMode, ParsedFromHexAndWords) {
-  const std::string pad124(124, ' ');
-  const struct {
-    std::string value;  // "unset" stands for no variable
-    uint32_t mode;
-  } cases[] = {
-      {"unset", 0},
-      {"", 0},
-      {std::string(200, ' '), 0},
-      {"0x24", kAssertLog | kAssertAbort},
-      {"0X24", kAssertLog | kAssertAbort},
-      {"24", kAssertLog | kAssertAbort},
-      {"0x0", kAssertOff},  // zero is no mode, and "0x0" is no word either
-      {"log stack", kAssertLog | kAssertStack},
-      {"\tlog\tdebug  ", kAssertLog | kAssertDebug},
-      {"break debug log event msgbox abort stack", 127},
-      {"log loud", kAssertOff},
-      {"LOG", kAssertOff},
-      {"0x", kAssertOff},
-      {"0x24z", kAssertOff},
-      {"-1", kAssertOff},
-      {"0x1FFFFFFFF", kAssertOff},
-      // Only the first 127 characters are read.
-      {pad124 + "log", kAssertLog},
-      {pad124 + " log", kAssertOff},  // cut to "lo"
-      {"x" + pad124 + "  log nonsense", kAssertOff},
+  const std::string pad124(124, ' ');  // only the first 127 characters are read
+  const struct { std::string value; /* "unset": no variable */ uint32_t mode; } cases[] = {
+      {"unset", 0},         {"", 0},         {std::string(200, ' '), 0},    {"0x24", kAssertLog | kAssertAbort},
+      {"0X24", kAssertLog | kAssertAbort},   {"24", kAssertLog | kAssertAbort}, {"0x0", kAssertOff},  {"0x", kAssertOff},
+      {"log stack", kAssertLog | kAssertStack}, {"\tlog\tdebug  ", kAssertLog | kAssertDebug},
+      {"break debug log event msgbox abort stack", 127}, {"log loud", kAssertOff}, {"LOG", kAssertOff},
+      {"0x24z", kAssertOff}, {"-1", kAssertOff}, {"0x1FFFFFFFF", kAssertOff},
+      {pad124 + "log", kAssertLog},  {pad124 + " log", kAssertOff} /* cut to "lo" */,
   };
   for (const auto& c : cases) {
     SCOPED_TRACE("[" + c.value + "]");
@@ -58,42 +37,30 @@ const std::string kFailure =
     "Assertion failed: 1 + 1 == 3, file tests/unit/common/assert_test, line " + std::to_string(kFailingLine);
 
 std::string gEvents;
-int gEventCalls = 0;
 
 TEST(AssertHandler, WhatEachModeDoes) {
   const TestSupport::TempDir dir;
   const std::string log = dir / "log";
-  const struct {
-    const char* mode;         // nullptr: unset
-    bool logFile;             // a log file is named
-    std::function<int()> body;
-    int result;               // exit code, or 128 + signal
-    std::string logged;       // the whole log, or its first line when a stack follows
-    bool stack = false;
-  } cases[] = {
+  // Mode (nullptr: unset), exit code or 128 + signal, the log or its first line when a stack follows.
+  const struct { const char* mode; bool logFile; std::function<int()> body; int result; std::string logged; bool stack = false; } cases[] = {
       {nullptr, true, [] { return Common::AssertionHandler("x"); }, 1, ""},
       {"log", false, [] { return Common::AssertionHandler("x"); }, 1, ""},
       {"log abort bogus", true, [] { return Common::AssertionHandler("x"); }, 0, ""},
       {"log", true, [] { FailingCheck(); return Common::AssertionHandler("second"); }, 1, kFailure + "\nsecond\n"},
-      {"log", true, [] { Common::AssertionFailed(std::string(5000, 'e').c_str(), "f", 1); return 0; }, 0,
-       "Assertion failed: " + std::string(539 - 18, 'e') + "\n"},  // cut to the message size, not overrun
+      {"log", true, [] { Common::AssertionFailed(std::string(5000, 'e').c_str(), "f", 1); return 0; }, 0,  // cut, not overrun
+       "Assertion failed: " + std::string(539 - 18, 'e') + "\n"},
       {"0x24", true, [] { FailingCheck(); return 0; }, 128 + SIGABRT, kFailure + "\n"},
       {"log break", true, [] { FailingCheck(); return 0; }, 128 + SIGTRAP, kFailure + "\n"},
       {"log stack", true, [] { FailingCheck(); return 0; }, 0, kFailure + "\n", true},
-      {"debug event stack", false,
-       [] {
+      {"debug event stack", false, [] {  // the event gets the whole stack, however long
          Common::SetAssertEventCallback([](int category, int flags, int id, const char* text) {
-           if (category == 5 && flags == 0 && id == 27) gEvents += std::string(text) + "|";
-           ++gEventCalls;
+           gEvents += category == 5 && flags == 0 && id == 27 ? std::string(text) + "|" : "?";
          });
          FailingCheck();
          const std::string last = Common::GetAssertDebugBuffer();  // the stack's last line
-         const bool ok = gEventCalls == 2 && gEvents.rfind(kFailure + "|", 0) == 0 &&
-                         gEvents.find("FailingCheck") != std::string::npos && last.find(" + 0x") != std::string::npos &&
-                         gEvents.find("\n" + last + "|") != std::string::npos;  // the whole stack, however long
-         return ok ? 0 : 1;
-       },
-       0, ""},
+         return gEvents.rfind(kFailure + "|", 0) == 0 && gEvents.find("FailingCheck") != std::string::npos &&
+                last.find(" + 0x") != std::string::npos && gEvents.size() == gEvents.find("\n" + last + "|") + last.size() + 2 ? 0 : 1;
+       }, 0, ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.mode ? c.mode : "unset");
@@ -111,7 +78,10 @@ TEST(AssertHandler, WhatEachModeDoes) {
       continue;
     }
     EXPECT_EQ(0u, logged.rfind(c.logged, 0)) << logged;
-    // A stack follows; the executable's own function is named through /proc/self/exe.
+    // A stack follows, without the handler's own frames; the executable's own function is
+    // named through /proc/self/exe.
+    const size_t second = c.logged.size();
+    EXPECT_NE(std::string::npos, logged.substr(second, logged.find('\n', second) - second).find("Common::Assertion"));
     EXPECT_NE(std::string::npos, logged.find("FailingCheck")) << logged;
     EXPECT_NE(std::string::npos, logged.find(" + 0x")) << logged;
     EXPECT_GT(std::count(logged.begin(), logged.end(), '\n'), 3);

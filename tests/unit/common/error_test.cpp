@@ -2,28 +2,23 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <functional>
-#include <memory>
-#include <new>
 
+#include "core/common/guid.h"
 #include "core/common/message_ids.h"
 #include "core/common/message_text.h"
 #include "core/common/module.h"
 #include "core/common/unicode.h"
 
-// Error nodes come from the nothrow operator new; counting (and failing) those calls
-// shows what each kind of error costs.
+// Error nodes come from the nothrow operator new: counting (and failing) it shows what
+// each kind of error costs.
 namespace {
 thread_local int gNothrowAllocations = 0;
 thread_local bool gFailNothrow = false;
 }  // namespace
 
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  ++gNothrowAllocations;
-  return gFailNothrow ? nullptr : std::malloc(size ? size : 1);
+  return ++gNothrowAllocations, gFailNothrow ? nullptr : std::malloc(size ? size : 1);
 }
 void* operator new(std::size_t size) {
   if (void* p = std::malloc(size ? size : 1)) return p;
@@ -41,11 +36,7 @@ TEST(Error, AllocationsAndEmptiness) {
   const unsigned short* shared = GetTextFromMessageFile(Messages::InternalError);
   ASSERT_NE(nullptr, shared);
   const String wide = Str(u"a much longer wide text than any small buffer");
-  const struct {
-    const char* what;
-    std::function<Error()> make;
-    int allocations;  // 0: an empty handle
-  } cases[] = {
+  const struct { const char* what; std::function<Error()> make; int allocations; /* 0: an empty handle */ } cases[] = {
       {"code 0", [] { return Error(0, AS_HERE); }, 0},        {"code 0, narrow", [] { return Error(0, "x", AS_HERE); }, 0},
       {"code 0, wide", [&] { return Error(0, wide, AS_HERE); }, 0}, {"no text", [] { return Error(1, AS_HERE); }, 1},
       {"narrow", [] { return Error(1, "narrow", AS_HERE); }, 1},  {"wide", [&] { return Error(1, wide, AS_HERE); }, 1},
@@ -62,61 +53,43 @@ TEST(Error, AllocationsAndEmptiness) {
   Error fromTable(0x530040, shared, AS_HERE);
   EXPECT_EQ(static_cast<const void*>(shared), fromTable.GetTextAddress());
   EXPECT_EQ(String(shared), fromTable.GetText());
-}
-
-TEST(Error, TextIsCopiedAndNarrowTextWidenedByteByByte) {
+  // Other texts are copied, a narrow one widened byte by byte.
   auto narrow = std::make_unique<char[]>(16);
   std::strcpy(narrow.get(), "gone \xC3\xA9");
-  String wide = Str(u"gone too");
-  Error a(7, narrow.get(), AS_HERE), b(8, wide.c_str(), AS_HERE);
+  String gone = Str(u"gone too");
+  Error a(7, narrow.get(), AS_HERE), b(8, gone.c_str(), AS_HERE);
   EXPECT_NE(static_cast<const void*>(narrow.get()), a.GetTextAddress());
   narrow.reset();
-  wide.assign(wide.size(), 'x');
+  gone.assign(gone.size(), 'x');
   EXPECT_EQ((String{'g', 'o', 'n', 'e', ' ', 0xC3, 0xA9}), a.GetText());
   EXPECT_EQ(Str(u"gone too"), b.GetText());
 }
 
-TEST(Error, KindsAnswerTheirFields) {
+TEST(Error, KindsAnswerTheirFieldsAndPlace) {
   Error plain(3, AS_HERE);
   EXPECT_STREQ("$module", plain.GetFieldNames());
   EXPECT_STREQ(_ErrorModuleName, plain.GetStringField("$module"));
   EXPECT_EQ(nullptr, plain.GetStringField("$Module"));  // exact, case-sensitive
-  EXPECT_EQ(0, plain.GetNumericField("code"));
-
   Error posix;
   posix.AddPosixError(ENOENT, AS_HERE);  // an empty handle becomes the POSIX error
-  EXPECT_EQ(Error::kPosixCode, posix.GetCode());
-  EXPECT_EQ(ENOENT, posix.GetNumericField("code"));
-  EXPECT_EQ(0, posix.GetNumericField("Code"));
+  EXPECT_TRUE(posix.GetCode() == Error::kPosixCode && posix.GetNumericField("code") == ENOENT && !posix.GetNumericField("Code"));
   EXPECT_STREQ("code,$module", posix.GetFieldNames());
-  EXPECT_STREQ(_ErrorModuleName, posix.GetStringField("$module"));
-  EXPECT_EQ(Common::Widen(std::strerror(ENOENT)), posix.GetText());
-  EXPECT_FALSE(posix.GetCause());
-
+  EXPECT_TRUE(Common::Widen(std::strerror(ENOENT)) == posix.GetText() && !posix.GetCause());
   Error fielded(0x6, Str(u"lock failed"), AS_HERE, {{"token", "SCSISubsystemLocker"}, {"count", int64_t{3}}});
   EXPECT_STREQ("token,count,$module", fielded.GetFieldNames());
   EXPECT_STREQ("SCSISubsystemLocker", fielded.GetStringField("token"));
-  EXPECT_EQ(nullptr, fielded.GetStringField("count"));
-  EXPECT_EQ(3, fielded.GetNumericField("count"));
-  EXPECT_STREQ(_ErrorModuleName, fielded.GetStringField("$module"));
-  EXPECT_EQ(Str(u"lock failed"), fielded.GetText());
+  EXPECT_TRUE(fielded.GetStringField("count") == nullptr && fielded.GetNumericField("count") == 3);
   Error copy = Error(fielded).AddPosixError(EIO, AS_HERE);  // a clone keeps its fields
   EXPECT_STREQ("SCSISubsystemLocker", copy.GetStringField("token"));
-}
-
-TEST(Error, LocationIsKept) {
   Error e(1, "x", AS_LOCATION("GetBlockDevices", 577));
   const Common::ErrorLocation where = e.GetLocation();
-  EXPECT_STREQ("tests/unit/common/error_test", where.file);
-  EXPECT_STREQ("GetBlockDevices", where.function);
-  EXPECT_EQ(577, where.line);
+  EXPECT_EQ("tests/unit/common/error_test GetBlockDevices", std::string(where.file) + " " + where.function);
   EXPECT_EQ(Common::LocationTag("tests/unit/common/error_test", 577), where.tag);
   EXPECT_NE((AS_LOCATION("f", 1).tag), (AS_LOCATION("f", 2).tag));
   try {
     AS_THROW(0x720022, Str(u"thrown"));
   } catch (const Error& thrown) {
-    EXPECT_EQ(0x720022u, thrown.GetCode());
-    EXPECT_STREQ("TestBody", thrown.GetLocation().function);
+    EXPECT_TRUE(thrown.GetCode() == 0x720022u && std::string("TestBody") == thrown.GetLocation().function);
   }
 }
 
@@ -124,16 +97,12 @@ TEST(Error, AddPosixErrorReplacesTheCauseOnAnOwnHead) {
   Error a(0x530123, "open", AS_HERE);
   a.SetCause(Error(2, "first cause", AS_HERE).AddPosixError(EPERM, AS_HERE));
   a.AddPosixError(EIO, AS_HERE);
-  EXPECT_EQ(Error::kPosixCode, a.GetCause().GetCode());
-  EXPECT_FALSE(a.GetCause().GetCause());  // replaced, not appended behind
-
+  EXPECT_TRUE(a.GetCause().GetCode() == Error::kPosixCode && !a.GetCause().GetCause());  // replaced, not appended behind
   Error b = a;
   ASSERT_EQ(a.GetNode(), b.GetNode());
   b.AddPosixError(EBUSY, AS_HERE);  // a shared head is copied first
   EXPECT_NE(a.GetNode(), b.GetNode());
-  EXPECT_EQ(EIO, a.GetCause().GetNumericField("code"));
-  EXPECT_EQ(EBUSY, b.GetCause().GetNumericField("code"));
-  EXPECT_EQ(a.GetText(), b.GetText());
+  EXPECT_TRUE(a.GetCause().GetNumericField("code") == EIO && b.GetCause().GetNumericField("code") == EBUSY);
   EXPECT_EQ(a.GetLocation().tag, b.GetLocation().tag);
   const void* own = b.GetNode();
   b.AddPosixError(EAGAIN, AS_HERE);  // its own head now changes in place
@@ -147,12 +116,9 @@ TEST(Error, WrappingSharesTheInnerChainWithoutCycles) {
   EXPECT_EQ(0x530124u, outer.GetCause().GetCode());
   EXPECT_EQ(EIO, outer.GetCause().GetCause().GetNumericField("code"));
   EXPECT_EQ(inner.GetNode(), outer.GetCause().GetNode());
-
   Error self(1, "self", AS_HERE);
   self.SetCause(self);  // the head is copied first
-  EXPECT_EQ(1u, self.GetCause().GetCode());
-  EXPECT_FALSE(self.GetCause().GetCause());
-
+  EXPECT_TRUE(self.GetCause().GetCode() == 1u && !self.GetCause().GetCause());
   Error chain(1, AS_HERE);
   for (int i = 0; i < 1000000; ++i) chain = Error(2, AS_HERE).WithCause(chain);
   chain = Error();  // released recursively, this would overflow the stack
@@ -162,22 +128,88 @@ TEST(Error, OutOfMemoryGivesTheSharedNode) {
   gFailNothrow = true;
   Error a(0x530040, "no memory for me", AS_HERE);
   Error b(0x720022, Str(u"nor for me"), AS_HERE);
-  Error c;
-  c.AddPosixError(EIO, AS_HERE);
+  Error c = Error().AddPosixError(EIO, AS_HERE);
   gFailNothrow = false;
-  EXPECT_EQ(a.GetNode(), b.GetNode());
-  EXPECT_EQ(a.GetNode(), c.GetNode());
-  EXPECT_EQ(Error::kPosixCode, a.GetCode());
-  EXPECT_EQ(ENOMEM, a.GetNumericField("code"));
+  EXPECT_TRUE(a.GetNode() == b.GetNode() && a.GetNode() == c.GetNode());
+  EXPECT_TRUE(a.GetCode() == Error::kPosixCode && a.GetNumericField("code") == ENOMEM);
   a.AddPosixError(EPERM, AS_HERE);  // the shared node never changes in place
-  EXPECT_NE(b.GetNode(), a.GetNode());
-  EXPECT_FALSE(b.GetCause());
-  EXPECT_EQ(EPERM, a.GetCause().GetNumericField("code"));
+  EXPECT_TRUE(b.GetNode() != a.GetNode() && !b.GetCause() && a.GetCause().GetNumericField("code") == EPERM);
   gFailNothrow = true;
   b.AddPosixError(EPERM, AS_HERE);  // no memory even for the copy: unchanged
   gFailNothrow = false;
-  EXPECT_EQ(c.GetNode(), b.GetNode());
-  EXPECT_FALSE(b.GetCause());
+  EXPECT_TRUE(c.GetNode() == b.GetNode() && !b.GetCause());
+}
+
+using Common::GUID;
+
+const char kText[] = "0123ABCD-4567-89EF-FEDC-BA9876543210";
+
+TEST(Guid, TextAndBytesRoundTrip) {
+  GUID g;
+  ASSERT_TRUE(GUID::Parse(kText, g));
+  EXPECT_TRUE(g.Data1 == 0x0123ABCDu && g.Data2 == 0x4567 && g.Data3 == 0x89EF && g.Data4[0] == 0xFE && g.Data4[7] == 0x10);
+  EXPECT_TRUE(kText == g.ToString() && Common::Widen(kText) == g.ToWideString());
+  EXPECT_TRUE(GUID().IsNull() && !g.IsNull());
+  EXPECT_EQ("00000000-0000-0000-0000-000000000000", GUID().ToString());
+  uint8_t bytes[16];
+  g.ToBytes(bytes);
+  EXPECT_TRUE(bytes[0] == 0xCD && bytes[4] == 0x67 && bytes[8] == 0xFE && g == GUID::FromBytes(bytes));  // little-endian
+  Common::GuidTemplate<Common::BigEndian> big;
+  ASSERT_TRUE(decltype(big)::Parse(kText, big));
+  big.ToBytes(bytes);
+  EXPECT_TRUE(bytes[0] == 0x01 && bytes[4] == 0x45 && big == decltype(big)::FromBytes(bytes));
+  GUID later;  // ordered by the fields, not by the bytes
+  ASSERT_TRUE(GUID::Parse("00000000-FFFF-0000-0000-000000000000", later));
+  EXPECT_TRUE(later < g && !(g < later) && later != g);
+}
+
+TEST(Guid, SpellingsAcceptedAndRefused) {
+  GUID expected;
+  ASSERT_TRUE(GUID::Parse(kText, expected));
+  const struct { const char* text; bool accepted; } cases[] = {
+      {"0123abcd-4567-89ef-fedc-ba9876543210", true},   {"{0123ABCD-4567-89EF-FEDC-BA9876543210}", true},
+      {"0123ABCD-4567-89EF-FEDC-BA9876543210\n", true}, {"{0123abcd-4567-89EF-fedc-BA9876543210}\n", true},
+      {"", false},                                       {"0123ABCD-4567-89EF-FEDC-BA987654321", false},
+      {"0123ABCD-4567-89EF-FEDC-BA98765432100", false},  {"0123ABCD-4567-89EF-FEDC-BA987654321G", false},
+      {"0123ABCD 4567-89EF-FEDC-BA9876543210", false},   {"0123ABCD-4567-89EF-FEDCBA98-76543210", false},
+      {"{0123ABCD-4567-89EF-FEDC-BA9876543210", false},  {"0123ABCD-4567-89EF-FEDC-BA9876543210}", false},
+      {"0123ABCD-4567-89EF-FEDC-BA9876543210\n\n", false}, {"0123ABCD-4567-89EF-FEDC-BA9876543210\r\n", false},
+      {"+123ABCD-4567-89EF-FEDC-BA9876543210", false},   {"0123ABCD4567089EF0FEDC0BA9876543210", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    GUID narrow, wide;
+    narrow.Data1 = wide.Data1 = 42;
+    EXPECT_EQ(c.accepted, GUID::Parse(c.text, narrow));
+    EXPECT_EQ(c.accepted, GUID::Parse(Common::Widen(c.text), wide));
+    EXPECT_EQ(c.accepted ? expected.Data1 : 42u, narrow.Data1);
+    EXPECT_EQ(c.accepted, expected == wide);
+  }
+  String wide = Common::Widen(kText);
+  wide[0] = 0x0130;  // a unit whose low byte is '0' is still no digit
+  EXPECT_FALSE(GUID::Parse(wide, expected));
+}
+
+TEST(Unicode, Utf8DecodingReplacesEveryInvalidSequenceAndEncodingRoundTrips) {
+  const struct { const char* utf8; String utf16; bool roundTrips; } cases[] = {
+      {"", String(), true},
+      {"\xD0\x94\xD0\xB8\xD1\x81\xD0\xBA", Str(u"Диск"), true},
+      {"\xF0\x9F\x92\xBE", Str(u"\U0001F4BE"), true},      // a surrogate pair
+      {"a\xFF" "b", Str(u"a\uFFFDb"), false},                // never valid
+      {"\xC3", Str(u"\uFFFD"), false},                      // truncated at the end
+      {"\xE2\x82x", Str(u"\uFFFDx"), false},                // truncated in the middle
+      {"\xC0\xAF", Str(u"\uFFFD\uFFFD"), false},            // overlong
+      {"\xED\xA0\x80", Str(u"\uFFFD\uFFFD\uFFFD"), false},  // encoded surrogate
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.utf8);
+    EXPECT_EQ(c.utf16, Common::FromUtf8(c.utf8));
+    EXPECT_EQ(c.roundTrips, c.utf8 == Common::ToUtf8(c.utf16));
+  }
+  EXPECT_EQ((String{'a', 0, 'b'}), Common::FromUtf8(std::string_view("a\0b", 3)));
+  EXPECT_EQ("a\xEF\xBF\xBD" "b", Common::ToUtf8(String{'a', 0xD800, 'b'}));  // a lone surrogate
+  EXPECT_EQ((String{0x00, 0x7F, 0x80, 0xFF}), Common::Widen(std::string_view("\x00\x7F\x80\xFF", 4)));
+  EXPECT_TRUE(Common::Length(nullptr) == 0 && Common::Length(Str(u"abc").c_str()) == 3);
 }
 
 }  // namespace

@@ -1,14 +1,9 @@
-// The first message lookup of a process subscribes to language changes; a caller's
-// errno must come through it unchanged. This runs in a program of its own so that
-// the lookup here is really the first.
+// A program of its own, so that its lookup is really the process's first: that one
+// subscribes to language changes and must keep the caller's errno.
 #include <gtest/gtest.h>
-
-#include <cerrno>
 
 #include "core/common/message_ids.h"
 #include "core/common/message_text.h"
-
-namespace {
 
 TEST(FirstLookup, KeepsErrno) {
   errno = 12345;
@@ -17,5 +12,3 @@ TEST(FirstLookup, KeepsErrno) {
   ASSERT_NE(nullptr, text);
   EXPECT_EQ('T', text[0]);
 }
-
-}  // namespace

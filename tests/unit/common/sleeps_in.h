@@ -1,13 +1,12 @@
 #pragma once
-// Whether a thread or process sleeps in a given system call: a test acts once the other
-// side really waits instead of after a guessed delay.
+// Whether a thread ("self/task/<tid>") or process ("<pid>") sleeps in system call
+// `number`, so that a test acts once the other side really waits. Where the kernel does
+// not tell the call, any sleep counts; where it tells nothing, the answer is yes.
 #include <fstream>
 #include <string>
 
 namespace UnitTest {
 
-// `task` is "<pid>" or "self/task/<tid>". Where the kernel does not tell the system
-// call, any sleep counts; where it tells nothing, the answer is yes.
 inline bool SleepsIn(const std::string& task, long number) {
   std::ifstream syscall("/proc/" + task + "/syscall");
   std::string first;

@@ -6,55 +6,38 @@
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
-#include <unistd.h>
+#include <sys/wait.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <filesystem>
-#include <functional>
-#include <map>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "../../support/child.h"
+#include "../../support/descriptors.h"
 #include "../../support/temp_dir.h"
+#include "core/common/assert.h"
 #include "core/linex/child_env_internal.h"
-#include "core/linex/create_process.h"
 #include "core/linex/linux_misc.h"
 #include "linex_test_support.h"
-
-#ifndef SYS_close_range
-#define SYS_close_range 436
-#endif
 
 namespace {
 
 using LinexTest::Probe;
+using LinexTest::ReadStream;
 
 // The child's descriptors with `parent` open in this process, half of them inheritable.
 std::map<int, std::string> ChildDescriptors(ChildProcess& child, int parent = 100) {
   std::vector<int> fds;
   for (int i = 0; i < parent; ++i) fds.push_back(memfd_create("parent", i % 2 ? MFD_CLOEXEC : 0));
-  const auto result = Probe(child, "fds");
+  const std::string out = Probe(child, "fds");
   for (int fd : fds) close(fd);
-  return result.status == 0 ? LinexTest::Descriptors(result.out) : std::map<int, std::string>{};
+  return LinexTest::Descriptors(out);
 }
 
 TEST(Launcher, ChildSeesOnlyStandardAndRedirectedDescriptors) {
-  const struct {
-    const char* name;
-    bool keepStdFds;
-    int input;  // a redirected input descriptor, or -1
-    std::vector<std::string> expected;  // "<fd> <target>"; "?" for any other number
-  } cases[] = {
-      // The "/dev/null" descriptor that served 0 and 2 stays open on purpose.
+  // A redirected input (or -1), and "<fd> <target>" seen, "?" for any other number; the
+  // "/dev/null" descriptor that served 0 and 2 stays open on purpose.
+  const struct { const char* name; bool keepStdFds; int input; std::vector<std::string> expected; } cases[] = {
       {"default", false, -1, {"0 /dev/null", "1 pipe:", "2 /dev/null", "? /dev/null"}},
       {"keep std", true, -1, {"0 ", "1 pipe:", "2 "}},
       {"input on 7", false, 7, {"0 /dev/null", "1 pipe:", "2 /dev/null", "7 pipe:", "? /dev/null"}},
@@ -92,8 +75,7 @@ bool RefuseCloseRange() {
 // An inheritable descriptor above a lowered limit: a loop up to the limit misses it.
 bool DescriptorAboveTheLimit() {
   rlimit limit{};
-  getrlimit(RLIMIT_NOFILE, &limit);
-  limit.rlim_cur = 512;
+  getrlimit(RLIMIT_NOFILE, &limit), limit.rlim_cur = 512;
   return dup2(open("/dev/null", O_RDONLY), 900) == 900 && setrlimit(RLIMIT_NOFILE, &limit) == 0;
 }
 
@@ -103,27 +85,40 @@ bool Hide(const char* path) {
          mount("tmpfs", path, "tmpfs", 0, nullptr) == 0;
 }
 
-// Without close_range the child reads /proc/self/fd, and without /proc it loops up to
-// the limit; without a shell every command exits 127. Each runs in a forked copy of the
-// test; exit code 2 means the kernel or our rights do not allow the setting.
-TEST(Launcher, FallbacksInForkedCopies) {
-  const struct {
-    const char* name;
-    std::function<bool()> setUp;
-    std::function<bool()> check;
-  } cases[] = {
-      {"/proc/self/fd", [] { return RefuseCloseRange() && DescriptorAboveTheLimit(); },
-       [] { ChildProcess child; child.KeepStdFds = true; return ChildDescriptors(child).size() == 3; }},
+bool OnlyStdFds() { ChildProcess child; child.KeepStdFds = true; return ChildDescriptors(child).size() == 3; }
+
+// With `spare` free descriptors and an output redirected onto `target` (relative to the
+// lowest free number): 1 when it starts, 0 when it fails leaving nothing behind.
+int StartsWithBudget(int spare, int target) {
+  const int lowest = dup(0);
+  close(lowest);
+  const int before = TestSupport::CountOwnFds();
+  const TestSupport::DescriptorBudget budget(spare);
+  ChildProcess child;
+  child.CmdLine = "true";
+  int out = 5;
+  child.AddRedirection(lowest + target, &out, true);
+  if (child.ForkExec() != -1) return child.Wait() != -1 && out >= 0 && close(out) == 0 ? 1 : 2;
+  return out == -1 && TestSupport::CountOwnFds() == before ? 0 : -1;
+}
+
+// Each row runs in a forked copy of the test; exit code 2 means the kernel or our rights
+// do not allow the setting.
+TEST(Launcher, FallbacksAndLimitsInForkedCopies) {
+  const auto yes = [] { return true; };
+  const struct { const char* name; std::function<bool()> setUp, check; } cases[] = {
+      {"/proc/self/fd", [] { return RefuseCloseRange() && DescriptorAboveTheLimit(); }, OnlyStdFds},
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // a sanitized probe needs /proc
-      {"loop", [] { return Hide("/proc") && RefuseCloseRange(); },
-       [] { ChildProcess child; child.KeepStdFds = true; return ChildDescriptors(child).size() == 3; }},
+      {"loop", [] { return Hide("/proc") && RefuseCloseRange(); }, OnlyStdFds},
 #endif
       {"no shell", [] { return Hide(std::filesystem::is_symlink("/bin") ? "/usr/bin" : "/bin"); },
-       [] {
-         FILE* stream = POpen("echo x", "r");
-         const bool popen = stream != nullptr && std::fgetc(stream) == EOF && PClose(stream) == 127;
-         return RunCommand("true") == 127 && popen;
-       }},
+       [] { FILE* out = POpen("echo x", "r"); return RunCommand("true") == 127 && out && std::fgetc(out) == EOF && PClose(out) == 127; }},
+      {"no room for a pipe", yes, [] { return StartsWithBudget(1, -1) == 0; }},
+      {"pipe fits on the lowest numbers", yes, [] { return StartsWithBudget(2, -1) == 1; }},
+      {"no room above the target", yes, [] { return StartsWithBudget(3, 2) == 0; }},
+      {"popen child never keeps our 0 and 2",
+       [] { const int fd = memfd_create("std", 0); return dup2(fd, 0) == 0 && dup2(fd, 2) == 2; },
+       [] { FILE* out = POpen("readlink /proc/self/fd/0 /proc/self/fd/2", "r"); return LinexTest::ReadStream(out) == "/dev/null\n/dev/null\n" && !PClose(out); }},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -138,9 +133,7 @@ TEST(Launcher, FirstRedirectionWinsAndStderrFollowsStdoutInTheWorkDir) {
   int first = 5, second = 5;
   child.AddRedirection(1, &first, true);
   child.AddRedirection(1, &second, false);
-  child.CmdLine = "pwd; echo err >&2";
-  child.StderrToStdout = true;
-  child.WorkDir = "/usr";
+  child.CmdLine = "pwd; echo err >&2", child.StderrToStdout = true, child.WorkDir = "/usr";
   ASSERT_NE(child.ForkExec(), -1);
   EXPECT_EQ(second, 5);
   EXPECT_EQ(LinexTest::ReadAll(first), "/usr\nerr\n");
@@ -149,43 +142,26 @@ TEST(Launcher, FirstRedirectionWinsAndStderrFollowsStdoutInTheWorkDir) {
 
 TEST(Launcher, ChildStartsWithNoBlockedSignalAndDefaultDispositions) {
   sigset_t block, previous;
-  sigemptyset(&block);
-  for (int sig : {SIGPIPE, SIGTERM, SIGUSR1, SIGCHLD, SIGINT}) sigaddset(&block, sig);
+  sigfillset(&block);
   ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &block, &previous), 0);
-  struct sigaction ignore {}, handler {}, oldPipe {}, oldUsr2 {};
+  struct sigaction ignore {}, old {};
   ignore.sa_handler = SIG_IGN;
-  handler.sa_handler = [](int) {};
-  sigaction(SIGPIPE, &ignore, &oldPipe);
-  sigaction(SIGUSR2, &handler, &oldUsr2);
+  sigaction(SIGPIPE, &ignore, &old);
   ChildProcess child;
-  const auto result = Probe(child, "signals");
-  sigaction(SIGPIPE, &oldPipe, nullptr);
-  sigaction(SIGUSR2, &oldUsr2, nullptr);
+  const std::string out = Probe(child, "signals");
+  sigaction(SIGPIPE, &old, nullptr);
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  EXPECT_EQ(result.out, "blocked 0\n" + std::to_string(SIGPIPE) + " dfl\n" + std::to_string(SIGUSR2) + " dfl\n" +
-                            std::to_string(SIGCHLD) + " dfl\n");
+  EXPECT_EQ(out, "blocked 0, default\n");
 }
 
 TEST(Launcher, SetUpAndExecFailuresExit127) {
-  const std::string longName(5000, 'x');
-  const struct {
-    const char* name;
-    std::vector<std::string> args;
-    std::string workDir;
-    int32_t target;  // a redirected descriptor, or -1
-    int status;
-  } cases[] = {
-      {"missing program", {"no-such-program-zl"}, "", -1, 127}, {"missing path", {"/no/such/program"}, "", -1, 127},
-      {"empty program", {""}, "", -1, 127},                     {"long name", {longName}, "", -1, 127},
-      {"long path", {"/bin/" + longName}, "", -1, 127},         {"directory", {"/tmp"}, "", -1, 127},
-      {"missing work dir", {"true"}, "/no/such/dir", -1, 127},  {"descriptor beyond any limit", {"true"}, "", INT32_MAX, 127},
-      {"found on PATH", {"sh", "-c", "exit 7"}, "", -1, 7},
-  };
+  const struct { std::vector<std::string> args; std::string workDir; int32_t target; /* redirected, or -1 */ int status; } cases[] = {
+      {{"no-such-program-zl"}, "", -1, 127}, {{"/tmp"}, "", -1, 127}, {{"true"}, "/no/such/dir", -1, 127},
+      {{"true"}, "", INT32_MAX, 127},        {{"sh", "-c", "exit 7"}, "", -1, 7}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.args[0].substr(0, 20) + " in [" + c.workDir + "] " + std::to_string(c.target));
     ChildProcess child;
-    child.Args = c.args;
-    child.WorkDir = c.workDir;
+    child.Args = c.args, child.WorkDir = c.workDir;
     int parentEnd = -1;
     if (c.target != -1) child.AddRedirection(c.target, &parentEnd, true);
     ASSERT_NE(child.ForkExec(), -1);
@@ -199,17 +175,16 @@ TEST(Launcher, EnvironmentAndReportFileReachTheChild) {
     putenv(const_cast<char*>(entry));
   std::string path;
   for (bool report : {false, true}) {
-    SCOPED_TRACE(report ? "own report file" : "no report file");
+    SCOPED_TRACE(report);
     ChildProcess child;
     for (const char* entry : {"LD_PRELOAD", "ZL_GONE", "ZL_NEW=1", "ZL_NEW=2"}) child.SetEnv(entry);
     child.CreateReportFile = report;
-    const std::string out = "\n" + Probe(child, "env").out;
+    const std::string out = "\n" + Probe(child, "env");
     for (const char* gone : {"\nLD_PRELOAD=", "\nZL_GONE=", "ZL_NEW=1", "/tmp/parent"}) EXPECT_EQ(out.find(gone), std::string::npos) << gone;
     EXPECT_NE(out.find("\nZL_KEEP=kept\n"), std::string::npos);
     path = child.ReportPath;
-    EXPECT_EQ(report, out.find("\nZEMLORA_ERROR_REPORT_FILE=" + path + "\n") != std::string::npos);
-    EXPECT_EQ(report, path.rfind("/tmp/.zemlora_report.", 0) == 0) << path;
-    EXPECT_EQ(report, access(path.c_str(), F_OK) == 0);
+    EXPECT_EQ(report, out.find("\nZEMLORA_ERROR_REPORT_FILE=" + path + "\n") != std::string::npos &&
+                          path.rfind("/tmp/.zemlora_report.", 0) == 0 && access(path.c_str(), F_OK) == 0) << path;
     EXPECT_TRUE(report || out.substr(out.size() - 9) == "ZL_NEW=2\n") << out;  // an added entry comes last
   }
   EXPECT_NE(access(path.c_str(), F_OK), 0);  // gone with the object
@@ -218,31 +193,19 @@ TEST(Launcher, EnvironmentAndReportFileReachTheChild) {
 
 TEST(Launcher, ChildEnvironmentRules) {
   using Strings = std::vector<std::string>;
-  struct {
-    const char* name;
-    Strings parent;
-    bool inherit;
-    Strings overrides;
-    Strings expected;
-  } cases[] = {
-      {"inherited as is", {"A=1", "B=2"}, true, {}, {"A=1", "B=2"}},
-      {"replaced in place", {"A=1", "B=2", "C=3"}, true, {"B=x"}, {"A=1", "B=x", "C=3"}},
-      {"removed", {"LD_PRELOAD=/x.so", "B=2"}, true, {"LD_PRELOAD"}, {"B=2"}},
-      {"appended", {"A=1"}, true, {"Z=9"}, {"A=1", "Z=9"}},
-      {"unmatched removal dropped", {"A=1"}, true, {"NOPE"}, {"A=1"}},
-      {"entry without = dropped", {"A=1", "BROKEN", "C=3"}, true, {}, {"A=1", "C=3"}},
-      {"last match decides", {"A=1"}, true, {"A=2", "A"}, {}},
-      {"last match decides, set", {"A=1"}, true, {"A", "A=3"}, {"A=3"}},
-      {"first inherited of a name only", {"A=1", "A=2"}, true, {"A=x"}, {"A=x", "A=2"}},
-      {"prefix is not a match", {"AB=1"}, true, {"A=2"}, {"AB=1", "A=2"}},
-      {"empty and = overrides never appended", {"A=1"}, true, {"", "=x", "=", "A=5"}, {"A=5"}},
-      {"nameless entry replaced", {"=odd", "A=1"}, true, {"=x", "A=5"}, {"=x", "A=5"}},
-      {"nameless entry removed", {"=odd", "A=1"}, true, {"=x", ""}, {"A=1"}},
-      {"empty value", {"A=1"}, true, {"A="}, {"A="}},
-      {"not inherited", {"A=1", "B=2"}, false, {"B=3", "C", "D=4"}, {"B=3", "D=4"}},
+  struct { Strings parent; bool inherit; Strings overrides, expected; } cases[] = {
+      {{"A=1", "B=2", "C=3"}, true, {"B=x"}, {"A=1", "B=x", "C=3"}},
+      {{"LD_PRELOAD=/x.so", "B=2"}, true, {"LD_PRELOAD"}, {"B=2"}},
+      {{"A=1"}, true, {"Z=9", "NOPE"}, {"A=1", "Z=9"}},
+      {{"A=1", "BROKEN", "C=3"}, true, {}, {"A=1", "C=3"}},
+      {{"A=1"}, true, {"A=2", "A"}, {}},                 {{"A=1"}, true, {"A", "A=3"}, {"A=3"}},
+      {{"A=1", "A=2"}, true, {"A=x"}, {"A=x", "A=2"}},   {{"AB=1"}, true, {"A=2"}, {"AB=1", "A=2"}},
+      {{"A=1"}, true, {"", "=x", "=", "A="}, {"A="}},
+      {{"=odd", "A=1"}, true, {"=x", "A=5"}, {"=x", "A=5"}}, {{"=odd", "A=1"}, true, {"=x", ""}, {"A=1"}},
+      {{"A=1", "B=2"}, false, {"B=3", "C", "D=4"}, {"B=3", "D=4"}},
   };
   for (auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(testing::PrintToString(c.overrides));
     std::vector<char*> env;
     for (std::string& e : c.parent) env.push_back(&e[0]);
     env.push_back(nullptr);
@@ -256,27 +219,135 @@ TEST(Launcher, ExecSearchPathFailuresReturnWithErrno) {
   close(open((dir / "plain").c_str(), O_CREAT | O_WRONLY, 0644));  // not executable
   const std::string savedPath = getenv("PATH") ? getenv("PATH") : "";
   char* argv[] = {const_cast<char*>("x"), nullptr};
-  const struct {
-    const char* name;
-    std::string path;
-    std::string file;
-    int err;
-  } cases[] = {
-      {"empty name", "/bin", "", ENOENT},
-      {"not found", "/no/such:/also/missing", "zl-missing", ENOENT},
-      {"not executable, then missing", dir.path() + ":/no/such", "plain", EACCES},
-      {"long name", "/bin", std::string(5000, 'y'), ENAMETOOLONG},
-      {"long element", std::string(4095, 'd') + ":/bin", "true", ENAMETOOLONG},
-      {"slash", "/bin", "/no/such/prog", ENOENT},
+  const struct { std::string path, file; int err; } cases[] = {
+      {"/bin", "", ENOENT}, {"/no/such:/also/missing", "zl-missing", ENOENT}, {"/bin", "/no/such/prog", ENOENT},
+      {dir.path() + ":/no/such", "plain", EACCES},
+      {"/bin", std::string(5000, 'y'), ENAMETOOLONG}, {std::string(4095, 'd') + ":/bin", "true", ENAMETOOLONG},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.path.substr(0, 20) + " " + c.file.substr(0, 20));
     setenv("PATH", c.path.c_str(), 1);
     errno = 0;
     EXPECT_EQ(ChildProcess::ExecSearchPath(c.file.c_str(), argv, environ), -1);
     EXPECT_EQ(errno, c.err);
   }
   setenv("PATH", savedPath.c_str(), 1);
+}
+
+bool NoChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
+
+TEST(Shell, RunCommandExitStatusAndLoaderVariables) {
+  setenv("LD_LIBRARY_PATH", "/zl-libs", 1);
+  const char* const mine[] = {"LD_LIBRARY_PATH=/mine", "ZL_EXTRA=1", nullptr};
+  const struct { const char* command; bool strip; const char* const* env; int status; } cases[] = {
+      {"true", false, nullptr, 0},       {"exit 3", false, nullptr, 3},   {"exit 255", false, nullptr, 255},
+      {"kill -9 $$", false, nullptr, -1}, {"", false, nullptr, -1},       {"zl-no-such-command-xyz", false, nullptr, 127},
+      {"echo hidden; echo hidden >&2", false, nullptr, 0}, {"test \"$LD_LIBRARY_PATH\" = /zl-libs", false, nullptr, 0},
+      {"test -z \"${LD_LIBRARY_PATH+set}\"", true, nullptr, 0}, {"test \"$LD_LIBRARY_PATH$ZL_EXTRA\" = /mine1", true, mine, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.command);
+    EXPECT_EQ(RunCommand(c.command, c.strip, c.env), c.status);
+  }
+  unsetenv("LD_LIBRARY_PATH");
+  EXPECT_TRUE(NoChildren());
+}
+
+TEST(Shell, POpenAndStartProcessPipesLeakNothing) {
+  const int before = TestSupport::CountOwnFds();
+  setenv("LD_LIBRARY_PATH", "/zl-libs", 1);
+  FILE* stream = POpen("echo x; echo \"[$LD_LIBRARY_PATH]\"", "rt");
+  unsetenv("LD_LIBRARY_PATH");
+  EXPECT_EQ(ReadStream(stream), "x\n[]\n");
+  EXPECT_EQ(PClose(stream), 0);
+  EXPECT_EQ(PClose(POpen("exit 4", "rt")), 4);
+  stream = POpen("exec yes", "r");  // the reader goes away early: SIGPIPE ends the writer
+  EXPECT_EQ(std::fgetc(stream), 'y');
+  EXPECT_EQ(PClose(stream), -1);
+  int in = 0, out = 1;
+  const int pid = StartProcess("read line; echo \"got $line\"", false, &in, &out, nullptr);
+  ASSERT_NE(pid, -1);
+  EXPECT_EQ(fcntl(in, F_GETFD) & fcntl(out, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+  ASSERT_EQ(write(in, "hello\n", 6), 6);
+  close(in);
+  EXPECT_EQ(LinexTest::ReadAll(out), "got hello\n");
+  EXPECT_EQ(ChildProcess::WaitProcess(pid), 0);
+  EXPECT_EQ(StartProcess(nullptr, false, nullptr, nullptr, nullptr), -1);
+  EXPECT_EQ(TestSupport::CountOwnFds(), before);
+  EXPECT_TRUE(NoChildren());
+}
+
+// A redirection described by hand as if it had served an earlier start.
+bool StartWithStale(ForkStatus status, int pipeEnd) {
+  ChildProcess child;
+  child.CmdLine = "true";
+  int fd = -1;
+  child.Redirections[1] = FdRedirection{1, &fd, false, {-1, pipeEnd}, status};
+  return child.ForkExec() != -1 && child.Wait() == 0;
+}
+
+std::string gReports;
+
+// Exits 0 when `misuse` is refused and reports a failed check at `place`.
+[[noreturn]] void CheckMisuse(const std::function<bool()>& misuse, const std::string& place) {
+  setenv("ZEMLORA_SAFE_ASSERT", "event", 1);
+  Common::SetAssertEventCallback([](int, int, int, const char* text) { gReports += std::string(text) + "\n"; });
+  const bool refused = misuse();
+  std::exit(refused && gReports.find(", file core/linex/" + place + "\n") != std::string::npos ? 0 : 1);
+}
+
+// Support tooling matches on the reported file and line. The handler reads its mode
+// once, so each case runs in a fresh copy of this program.
+TEST(Launcher, MisuseIsRefusedAndReportsItsPlace) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const struct { const char* place; std::function<bool()> misuse; } cases[] = {
+      {"create_process, line 273", [] { ChildProcess c; c.AddRedirection(1, nullptr, true); return c.Redirections.empty(); }},
+      {"create_process, line 274", [] { ChildProcess c; int fd; c.AddRedirection(-1, &fd, true); return c.Redirections.empty(); }},
+      {"create_process, line 587", [] {
+         ChildProcess c;
+         int out = 9;
+         return c.AddRedirection(1, &out, true), c.ForkExec() == -1 && out == 9 && c.Wait() == -1 && ChildProcess::WaitProcess(0) == -1;
+       }},
+      {"create_process, line 587", [] { ChildProcess c; c.CmdLine = "true"; c.Args = {"true"}; return c.ForkExec() == -1; }},
+      {"create_process, line 325", [] { return StartWithStale(FORK_STATUS_PARENT, -1); }},
+      {"create_process, line 326", [] { return StartWithStale(FORK_STATUS_BEFORE, 99); }},
+      {"create_process, line 581", [] {
+         ChildProcess c;
+         c.CmdLine = "exit 3";
+         const int pid = c.ForkExec();
+         return pid != -1 && c.ForkExec() == pid && c.Wait() == 3 && c.Wait() == -1;
+       }},
+      {"create_process, line 509", [] { { ChildProcess c; c.CmdLine = "true"; c.ForkExec(); } return NoChildren(); }},  // reaped all the same
+      {"create_process, line 432", [] { int in = 0, out = 0; return StartProcess("true", false, &in, &out, nullptr) == -1; }},
+      {"linux_misc, line 504", [] {
+         FILE* foreign = std::fopen("/dev/null", "r");  // refused and left open
+         return PClose(foreign) == -1 && std::fgetc(foreign) == EOF && !std::ferror(foreign) && PClose(nullptr) == -1;
+       }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.place);
+    EXPECT_EXIT(CheckMisuse(c.misuse, c.place), testing::ExitedWithCode(0), "");
+  }
+}
+
+TEST(SafeClose, PolicyDecidesWhatABadCloseDoes) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // the policy is read once at load
+  // Policy (nullptr: unset), SafeFclose(nullptr) or else SafeClose(-1), the signal (0: only reported).
+  const struct { const char* policy; bool file; int signal; } cases[] = {
+      {nullptr, false, SIGABRT}, {"please-abort", false, SIGABRT}, {"abort,break", true, SIGTRAP}, {"0", false, 0}, {"0", true, 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.policy ? c.policy : "unset");
+    c.policy ? setenv("ZEMLORA_SAFE_CLOSE", c.policy, 1) : unsetenv("ZEMLORA_SAFE_CLOSE");
+    auto badClose = [&] {
+      errno = 0;
+      std::exit(c.file ? ChildProcess::SafeFclose(nullptr) != EOF : ChildProcess::SafeClose(-1) != -1 || errno != EBADF);
+    };
+    if (c.signal != 0) EXPECT_EXIT(badClose(), testing::KilledBySignal(c.signal), "");
+    else EXPECT_EXIT(badClose(), testing::ExitedWithCode(0), "");
+  }
+  unsetenv("ZEMLORA_SAFE_CLOSE");
+  int fds[2];
+  EXPECT_TRUE(pipe(fds) == 0 && ChildProcess::SafeClose(fds[0]) == 0 && ChildProcess::SafeFclose(fdopen(fds[1], "w")) == 0);
 }
 
 }  // namespace

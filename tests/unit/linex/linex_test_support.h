@@ -1,10 +1,9 @@
 #pragma once
 // Running the probe child and reading what it reports.
+#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <map>
 #include <sstream>
-#include <string>
 
 #include "core/linex/create_process.h"
 
@@ -18,21 +17,20 @@ inline std::string ReadAll(int fd) {
   return text;
 }
 
-struct Result {
-  int status = -2;
-  std::string out;
-};
+inline std::string ReadStream(FILE* stream) {
+  std::string text;
+  for (int c; stream != nullptr && (c = std::fgetc(stream)) != EOF;) text += static_cast<char>(c);
+  return text;
+}
 
-// Runs the probe in `mode` (or the child as described) with its output on a pipe.
-inline Result Probe(ChildProcess& child, const char* mode = nullptr) {
-  if (mode) child.Args = {AS_CHILD_PROBE, mode};
+// The probe's report in `mode`, empty when it could not run or failed.
+inline std::string Probe(ChildProcess& child, const char* mode) {
+  child.Args = {AS_CHILD_PROBE, mode};
   int out = -1;
   child.AddRedirection(1, &out, true);
-  Result result;
-  if (child.ForkExec() == -1) return result;
-  result.out = ReadAll(out);
-  result.status = child.Wait();
-  return result;
+  if (child.ForkExec() == -1) return "";
+  const std::string text = ReadAll(out);
+  return child.Wait() == 0 ? text : "";
 }
 
 // "<fd> <target>" lines of the probe's "fds" mode.

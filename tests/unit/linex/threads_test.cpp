@@ -1,19 +1,12 @@
 #include <atomic>
-#include <cstdio>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include "core/linex/create_process.h"
 #include "core/linex/linux_misc.h"
 #include "linex_test_support.h"
 
 namespace {
 
-// Many threads spawn at once; each child must see only its own pipe, never one that
-// another thread holds open at that moment.
+// Each child must see only its own pipe, never one that another thread holds open.
 TEST(LauncherThreads, ConcurrentSpawnsKeepTheirDescriptors) {
   std::atomic<int> failures{0};
   std::vector<std::thread> threads;
@@ -22,15 +15,12 @@ TEST(LauncherThreads, ConcurrentSpawnsKeepTheirDescriptors) {
       for (int i = 0; i < 25; ++i) {
         if ((t + i) % 3 == 0) {
           ChildProcess child;
-          const auto result = LinexTest::Probe(child, "fds");
-          failures += result.status != 0 || LinexTest::Descriptors(result.out).size() != 4;
+          failures += LinexTest::Descriptors(LinexTest::Probe(child, "fds")).size() != 4;
         } else if ((t + i) % 3 == 1) {
           failures += RunCommand("exit 5") != 5;
         } else {
           FILE* stream = POpen("echo " + std::to_string(t), "r");
-          char line[32] = "";
-          failures += stream == nullptr || fgets(line, sizeof line, stream) == nullptr ||
-                      std::string(line) != std::to_string(t) + "\n" || PClose(stream) != 0;
+          failures += LinexTest::ReadStream(stream) != std::to_string(t) + "\n" || PClose(stream) != 0;
         }
       }
     });

@@ -9,16 +9,13 @@
 namespace SyncTest {
 
 inline std::string LockPath(const std::string& name) { return "/tmp/.SharedMutex_" + name; }
+inline std::string UniqueName(const char* what) { return std::string("zl_test_") + what + "_" + std::to_string(getpid()); }
 
 inline bool FileLockHeld(const std::string& name) {
   const int fd = open(LockPath(name).c_str(), O_RDWR | O_CLOEXEC);
-  if (fd == -1) return false;
-  const bool held = flock(fd, LOCK_EX | LOCK_NB) != 0;
-  close(fd);
+  const bool held = fd != -1 && flock(fd, LOCK_EX | LOCK_NB) != 0;
+  if (fd != -1) close(fd);
   return held;
 }
-
-// A name of this test run's own, so that runs never meet.
-inline std::string UniqueName(const char* what) { return std::string("zl_test_") + what + "_" + std::to_string(getpid()); }
 
 }  // namespace SyncTest
