@@ -1,11 +1,6 @@
 #!/usr/bin/perl
-# dump_sysfs.pl: prints the SCSI slices of this machine's /sys as fixture
-# records (format in tests/vm/README.md): the hosts of /sys/class/scsi_host,
-# the disks of /sys/block/sd* with their SCSI devices and partitions, and the
-# index links that lead to them (/sys/dev/block, /sys/class/scsi_disk,
-# /sys/class/scsi_device, /sys/bus/scsi/devices).
-# One perl process instead of a shell loop: each program started in the VM
-# costs a tenth of a second.
+# Prints the SCSI slices of /sys as fixture records (README.md). Perl rather than
+# a shell loop: each program started in the VM costs a tenth of a second.
 use strict;
 use warnings;
 use Cwd qw(abs_path);
@@ -40,8 +35,7 @@ sub add_dir {
     $records{$p} = "d $p" if -d $p && !-l $p;
 }
 
-# Attributes without read permission (scan, delete, rescan) only show up;
-# reading them as root would fail anyway.
+# Attributes without read permission (scan, delete) are only listed.
 sub add_file {
     my ($p) = @_;
     return unless -f $p;
@@ -107,8 +101,7 @@ for my $dir (qw(/sys/dev/block /sys/class/scsi_disk /sys/class/scsi_device /sys/
     add_link($_) for @links;
 }
 
-# Directories, files and attributes first, links after them: replayed top to
-# bottom, every link's target then exists.
+# Links last, so that a replay from the top finds every target in place.
 my @lines = values %records;
 my @plain = sort { (split / /, $a)[1] cmp (split / /, $b)[1] } grep { !/^l / } @lines;
 my @links = sort { (split / /, $a)[1] cmp (split / /, $b)[1] } grep { /^l / } @lines;
