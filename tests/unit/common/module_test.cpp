@@ -85,7 +85,7 @@ TEST_F(MessageFiles, BrokenFilesFallBackAndShortOnesKeepTheRestBuiltIn) {
       {"count beyond the file", [](std::string s) { return Put32(s, 8, s.size()); }, false},
       {"entry beyond the file", [](std::string s) { return Put32(s, 12, s.size()); }, false},
       {"entry at an odd offset", [](std::string s) { return Put32(s, 12, 5); }, false},
-      {"unterminated text", [](std::string s) { return Put32(s, 12, s.size() - 14).replace(s.size() - 2, 2, "xx"); }, false},
+      {"unterminated text", [](std::string s) { return Put32(s, 12, s.size() - 14).replace(s.size() - 2, 2, "x\0", 2); }, false},
       {"no messages", [&](std::string) { return header(12, 0); }, true},
       {"one message", [&](std::string) { std::string s = header(20, 1); Put32(s, 12, 4)[16] = '0'; return s; }, true, Common::Str(u"0")},
   };

@@ -27,6 +27,7 @@ TEST(FileLayer, WalkTellsEntryKindsAndDirectoriesChange) {
   auto dir = Directory::Open(root.path() + "//");
   ASSERT_TRUE(dir);
   EXPECT_EQ(root.path(), dir->FullPath());
+  EXPECT_EQ("/", Directory::Open("//")->FullPath());
   std::map<std::string, EntryKind> seen;
   for (Directory::Entry e; dir->Next(e);) seen[e.name] = e.kind;
   EXPECT_EQ(kStatusEndOfDirectory, dir->Status());
