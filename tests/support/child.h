@@ -1,13 +1,11 @@
 #pragma once
-// A function run in a forked child, for tests of locks, assertions, crashes and tools.
+// A function run in a forked child, for tests of locks, assertions and crashes.
 // The child leaves through _exit: no fixture or static destructor runs twice.
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <functional>
-#include <string>
 
 namespace TestSupport {
 
@@ -32,24 +30,5 @@ inline int ExitCode(int status) {
 }
 
 inline int RunInChild(const std::function<int()>& body) { return ExitCode(WaitChild(StartChild(body))); }
-
-// `command` run by /bin/sh: its exit code and standard output.
-struct ShellResult { int status = -1; std::string out; };
-inline ShellResult RunShell(const std::string& command) {
-  ShellResult result;
-  int fds[2];
-  if (::pipe2(fds, O_CLOEXEC) != 0) return result;
-  const pid_t pid = StartChild([&] {
-    ::dup2(fds[1], 1);
-    ::execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-    return 127;
-  });
-  ::close(fds[1]);
-  char buffer[4096];
-  for (ssize_t got; (got = ::read(fds[0], buffer, sizeof buffer)) > 0;) result.out.append(buffer, size_t(got));
-  ::close(fds[0]);
-  result.status = ExitCode(WaitChild(pid));
-  return result;
-}
 
 }  // namespace TestSupport
