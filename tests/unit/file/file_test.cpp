@@ -10,6 +10,7 @@
 #include <fstream>
 #include <thread>
 
+#include "../../support/child.h"
 #include "../../support/descriptors.h"
 #include "../../support/temp_dir.h"
 #include "../common/sleeps_in.h"
@@ -130,6 +131,15 @@ TEST(FileLayer, DescriptorsAreCloseOnExecAndReleased) {
     EXPECT_TRUE(before + 2 == TestSupport::CountOwnFds() && inherited == inheritable());
   }
   EXPECT_EQ(before, TestSupport::CountOwnFds());
+  // Without standard input, the file gets descriptor 0 and still gives it back.
+  EXPECT_EQ(0, TestSupport::RunInChild([] {
+    int left = close(0);
+    for (bool reassign : {false, true}) {
+      File f;
+      left += File::Open("/proc/self/stat", File::kRead, f) ? 2 : reassign ? (f = File(), fcntl(0, F_GETFD) != -1) : 0;
+    }
+    return left + (fcntl(0, F_GETFD) != -1);
+  }));
 }
 
 }  // namespace
