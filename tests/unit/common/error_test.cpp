@@ -175,6 +175,7 @@ TEST(Guid, SpellingsAcceptedAndRefused) {
       {"{0123ABCD-4567-89EF-FEDC-BA9876543210", false},  {"0123ABCD-4567-89EF-FEDC-BA9876543210}", false},
       {"0123ABCD-4567-89EF-FEDC-BA9876543210\n\n", false}, {"0123ABCD-4567-89EF-FEDC-BA9876543210\r\n", false},
       {"+123ABCD-4567-89EF-FEDC-BA9876543210", false},   {"0123ABCD4567089EF0FEDC0BA9876543210", false},
+      {"(0123ABCD-4567-89EF-FEDC-BA9876543210)", false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
