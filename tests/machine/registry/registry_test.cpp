@@ -2,6 +2,7 @@
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -160,6 +161,18 @@ TEST_F(RegistryTest, EachRootKeepsItsOwnFileAndACorruptOneIsLeftAlone) {
   }
   EXPECT_EQ(File(kMachineFile), corrupt);
   EXPECT_FALSE(usersKey.SetValue(String(), uint32_t{2}));  // other roots go on working
+}
+
+// A change that does not fit on the disk fails and leaves the file as it was.
+TEST_F(RegistryTest, AFullDiskKeepsTheLastDocument) {
+  Key key;
+  ASSERT_FALSE(Machine().CreateKeyRecursive(Str(u"Software"), key));
+  ASSERT_EQ(0, ::mount("tmpfs", "/etc/Zemlora", "tmpfs", MS_REMOUNT, "size=8k"));
+  ASSERT_FALSE(key.SetValue(Str(u"small"), uint32_t{1}));
+  const std::string before = File(kMachineFile);
+  const Common::Error e = key.SetValue(Str(u"big"), String(8192, 'x'));
+  EXPECT_EQ(Registry::kErrorFileAccess, e.GetCode());
+  EXPECT_EQ(before, File(kMachineFile));
 }
 
 TEST_F(RegistryTest, TwoProcessesWritingAtOnceLoseNothing) {

@@ -217,11 +217,12 @@ TEST(Launcher, ChildEnvironmentRules) {
 TEST(Launcher, ExecSearchPathFailuresReturnWithErrno) {
   const TestSupport::TempDir dir;
   close(open((dir / "plain").c_str(), O_CREAT | O_WRONLY, 0644));  // not executable
+  ASSERT_EQ(0, symlink("loop", (dir / "loop").c_str()));
   const std::string savedPath = getenv("PATH") ? getenv("PATH") : "";
   char* argv[] = {const_cast<char*>("x"), nullptr};
   const struct { std::string path, file; int err; } cases[] = {
       {"/bin", "", ENOENT}, {"/no/such:/also/missing", "zl-missing", ENOENT}, {"/bin", "/no/such/prog", ENOENT},
-      {dir.path() + ":/no/such", "plain", EACCES},
+      {dir.path() + ":/no/such", "plain", EACCES}, {dir.path() + ":/no/such", "loop", ELOOP},  // the search stops
       {"/bin", std::string(5000, 'y'), ENAMETOOLONG}, {std::string(4095, 'd') + ":/bin", "true", ENAMETOOLONG},
   };
   for (const auto& c : cases) {
