@@ -219,7 +219,7 @@ TEST_F(RegistryTest, WritersKilledAtRandomNeverLeaveAPartialDocument) {
     // Killed early, the writer leaves no key or no value; never a partial document.
     ASSERT_TRUE(!e || e.GetCode() == Registry::kErrorKeyNotFound || e.GetCode() == Registry::kErrorValueNotFound)
         << Common::ToUtf8(e.GetText());
-    const int64_t now = e ? int64_t{-1} : int64_t{std::get<uint32_t>(n)};  // not -1 made unsigned
+    const int64_t now = e ? int64_t{-1} : int64_t{std::get<uint32_t>(n)};  // -1 stays signed
     ASSERT_GE(now, last);  // never older than what was there
     last = now;
   }
