@@ -22,7 +22,7 @@ TEST(AssertMode, ParsedFromHexAndWords) {
       {"0X24", kAssertLog | kAssertAbort},   {"24", kAssertLog | kAssertAbort}, {"0x0", kAssertOff},  {"0x", kAssertOff},
       {"log stack", kAssertLog | kAssertStack}, {"\tlog\tdebug  ", kAssertLog | kAssertDebug},
       {"break debug log event msgbox abort stack", 127}, {"log loud", kAssertOff}, {"LOG", kAssertOff},
-      {"0x24z", kAssertOff}, {"-1", kAssertOff}, {"0x1FFFFFFFF", kAssertOff},
+      {"0x24z", kAssertOff}, {"-1", kAssertOff}, {"0x1FFFFFFFF", kAssertOff}, {"064", 0x64},
       {pad124 + "log", kAssertLog},  {pad124 + " log", kAssertOff} /* cut to "lo" */,
   };
   for (const auto& c : cases) {

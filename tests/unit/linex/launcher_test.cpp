@@ -116,6 +116,10 @@ TEST(Launcher, FallbacksAndLimitsInForkedCopies) {
       {"no room for a pipe", yes, [] { return StartsWithBudget(1, -1) == 0; }},
       {"pipe fits on the lowest numbers", yes, [] { return StartsWithBudget(2, -1) == 1; }},
       {"no room above the target", yes, [] { return StartsWithBudget(3, 2) == 0; }},
+      {"a denied entry does not end the search",  // /bin/true runs and exits 0
+       [] { return Hide("/tmp") && mkdir("/tmp/zl-denied", 0755) + close(open("/tmp/zl-denied/true", O_CREAT | O_WRONLY, 0644)) == 0 &&
+                   setenv("PATH", "/tmp/zl-denied:/bin:/usr/bin", 1) == 0; },
+       [] { char* argv[] = {const_cast<char*>("true"), nullptr}; ChildProcess::ExecSearchPath("true", argv, environ); return false; }},
       {"popen child never keeps our 0 and 2",
        [] { const int fd = memfd_create("std", 0); return dup2(fd, 0) == 0 && dup2(fd, 2) == 2; },
        [] { FILE* out = POpen("readlink /proc/self/fd/0 /proc/self/fd/2", "r"); return LinexTest::ReadStream(out) == "/dev/null\n/dev/null\n" && !PClose(out); }},
