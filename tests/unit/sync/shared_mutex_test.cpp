@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
@@ -98,6 +100,18 @@ TEST(SharedMutexCreate, Failures) {
       EXPECT_EQ(e.GetText().find(Common::Str(u"{0}")), String::npos);
     }
   }
+  // A lock directory that takes no file (read-only here; root only, else not tried).
+  EXPECT_NE(1, TestSupport::RunInChild([] {
+    if (unshare(CLONE_NEWNS) || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) ||
+        mount("tmpfs", "/tmp", "tmpfs", MS_RDONLY, nullptr))
+      return 2;
+    try {
+      Common::SharedMutex::Create("readonly");
+    } catch (const Common::Error& e) {
+      return e.GetCode() == 6u && e.GetCause().GetNumericField("code") == EROFS ? 0 : 1;
+    }
+    return 1;
+  }));
 }
 
 }  // namespace
