@@ -174,9 +174,28 @@ std::string Demangle(const std::string& name) {
   return out;
 }
 
+// Where the main program's ELF header is mapped: the first object that dl_iterate_phdr
+// reports, at its segment that maps file offset 0. Only its symbols are looked up in
+// /proc/self/exe; a library's unexported function stays unnamed.
+uintptr_t MainProgramBase() {
+  uintptr_t base = 0;
+  dl_iterate_phdr(
+      [](dl_phdr_info* object, size_t, void* out) {
+        for (int i = 0; i < object->dlpi_phnum; ++i)
+          if (object->dlpi_phdr[i].p_type == PT_LOAD && object->dlpi_phdr[i].p_offset == 0) {
+            *static_cast<uintptr_t*>(out) = object->dlpi_addr + object->dlpi_phdr[i].p_vaddr;
+            break;
+          }
+        return 1;
+      },
+      &base);
+  return base;
+}
+
 std::vector<std::string> StackTrace() {
   void* frames[64];
   const int count = backtrace(frames, 64);
+  const uintptr_t mainBase = MainProgramBase();
   std::vector<std::string> lines;
   for (int i = 2; i < count; ++i) {  // the first two frames are the handler's own
     const auto address = reinterpret_cast<uintptr_t>(frames[i]);
@@ -193,14 +212,9 @@ std::vector<std::string> StackTrace() {
         symbol = info.dli_sname;
         offset = address - reinterpret_cast<uintptr_t>(info.dli_saddr);
         hasOffset = true;
-      } else if (info.dli_fbase != nullptr) {
-        // The main program is the first object that dl_iterate_phdr reports.
-        Dl_info mainInfo{};
-        void* mainSymbol = dlsym(RTLD_DEFAULT, "main");
-        if (mainSymbol == nullptr || (dladdr(mainSymbol, &mainInfo) != 0 && mainInfo.dli_fbase == info.dli_fbase)) {
-          symbol = ExecutableSymbol(address, reinterpret_cast<uintptr_t>(info.dli_fbase), &offset);
-          hasOffset = !symbol.empty();
-        }
+      } else if (info.dli_fbase != nullptr && reinterpret_cast<uintptr_t>(info.dli_fbase) == mainBase) {
+        symbol = ExecutableSymbol(address, mainBase, &offset);
+        hasOffset = !symbol.empty();
       }
     }
     symbol = symbol.empty() ? std::string("?") : Demangle(symbol);
