@@ -6,11 +6,13 @@
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 
 #include "../../support/child.h"
 #include "../../support/descriptors.h"
@@ -102,6 +104,21 @@ int StartsWithBudget(int spare, int target) {
   return out == -1 && TestSupport::CountOwnFds() == before ? 0 : -1;
 }
 
+// With the address space nearly used up, the launcher has no stack for its child: the
+// start fails and gives its pipe back.
+bool NoRoomForAChildStack() {
+  ChildProcess child;
+  child.CmdLine = "true";
+  int out = 5;
+  child.AddRedirection(1, &out, true);
+  const int before = TestSupport::CountOwnFds();
+  long pages = 0;
+  std::ifstream("/proc/self/statm") >> pages;
+  const rlimit limit{rlim_t(pages) * 4096 + 64 * 1024, RLIM_INFINITY};
+  if (setrlimit(RLIMIT_AS, &limit) != 0) return false;
+  return child.ForkExec() == -1 && out == -1 && TestSupport::CountOwnFds() == before;
+}
+
 // Each row runs in a forked copy of the test; exit code 2 means the kernel or our rights
 // do not allow the setting.
 TEST(Launcher, FallbacksAndLimitsInForkedCopies) {
@@ -113,6 +130,9 @@ TEST(Launcher, FallbacksAndLimitsInForkedCopies) {
 #endif
       {"no shell", [] { return Hide(std::filesystem::is_symlink("/bin") ? "/usr/bin" : "/bin"); },
        [] { FILE* out = POpen("echo x", "r"); return RunCommand("true") == 127 && out && std::fgetc(out) == EOF && PClose(out) == 127; }},
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // sanitizers reserve the address space
+      {"no room for the child's stack", yes, NoRoomForAChildStack},
+#endif
       {"no room for a pipe", yes, [] { return StartsWithBudget(1, -1) == 0; }},
       {"pipe fits on the lowest numbers", yes, [] { return StartsWithBudget(2, -1) == 1; }},
       {"no room above the target", yes, [] { return StartsWithBudget(3, 2) == 0; }},
