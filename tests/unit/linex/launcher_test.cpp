@@ -106,7 +106,7 @@ int StartsWithBudget(int spare, int target) {
 
 // With the address space nearly used up, the launcher has no stack for its child: the
 // start fails and gives its pipe back.
-bool NoRoomForAChildStack() {
+[[maybe_unused]] bool NoRoomForAChildStack() {
   ChildProcess child;
   child.CmdLine = "true";
   int out = 5;
