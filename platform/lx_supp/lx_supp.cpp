@@ -159,10 +159,8 @@ int Start(std::unique_ptr<Listener>& started) {
 // Called without the registry lock: the listener may be waiting for it.
 void StopAndJoin(std::unique_ptr<Listener> listener) {
   uint64_t one = 1;
-  ssize_t written;
-  do {
-    written = ::write(listener->wake, &one, sizeof one);
-  } while (written < 0 && errno == EINTR);
+  // An eventfd write fails only on overflow, which a pending wake-up already means.
+  (void)TEMP_FAILURE_RETRY(::write(listener->wake, &one, sizeof one));
   if (listener->thread.joinable()) listener->thread.join();
 }
 

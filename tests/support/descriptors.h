@@ -1,7 +1,8 @@
 #pragma once
-// Descriptors of this process: leak checks compare counts before and after; a budget
-// makes the next pipe() or open() fail.
+// Descriptors and threads of this process: leak checks compare counts before and
+// after; a budget makes the next pipe() or open() fail.
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -11,6 +12,22 @@ inline int CountOwnFds() {
   int count = -1;  // the directory itself
   if (DIR* dir = opendir("/proc/self/fd")) {
     while (const dirent* entry = readdir(dir)) count += entry->d_name[0] != '.';
+    closedir(dir);
+  }
+  return count;
+}
+
+// Descriptors that a child started now would inherit (no close-on-exec).
+inline int CountInheritableFds() {
+  int count = 0;
+  for (int fd = 0; fd < 1024; ++fd) count += ::fcntl(fd, F_GETFD) == 0;
+  return count;
+}
+
+inline int CountThreads() {
+  int count = -2;  // "." and ".."
+  if (DIR* dir = opendir("/proc/self/task")) {
+    while (readdir(dir) != nullptr) ++count;
     closedir(dir);
   }
   return count;

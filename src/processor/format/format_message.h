@@ -7,14 +7,11 @@
 // A message that the table lacks gives an empty text. Arguments that are path parts,
 // device or host numbers should be passed as text: a bare "{0}" shows an integer in
 // the locale's number format.
-#include "core/common/export.h"
 #include "core/common/message_text.h"
 #include "core/common/ustring.h"
 #include "processor/format/format_string.h"
 
 namespace Core {
-
-AS_EXPORT String FormatMessage(TextFromMessageFile id);
 
 template <class... Args>
 String FormatMessage(TextFromMessageFile id, const Args&... args) {

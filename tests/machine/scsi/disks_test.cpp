@@ -1,13 +1,8 @@
 // SCSI hosts and disks: listing, rescans, adding and removing, device notifications, the
 // lock, failures, and the disks' attribute records in the registry.
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include <array>
-#include <filesystem>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -18,6 +13,7 @@
 #include "descriptors.h"
 #include "fake_machine.h"
 #include "files.h"
+#include "lock_probe.h"
 #include "lx_supp.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/disk.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/attributes.h"
@@ -227,12 +223,7 @@ TEST(Subsystem, AddAndRemoveCompleteOnTheDisksAnnouncement) {
 
 TEST(Subsystem, TheLockIsRecursiveAndHeldWhileAnyHolderLives) {
   AS_FAKE_MACHINE(m);
-  const auto held = [] {  // from outside, as another process would see it
-    const int fd = ::open("/tmp/.SharedMutex_SCSISubsystemLocker", O_RDWR | O_CLOEXEC);
-    const bool busy = fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) != 0;
-    ::close(fd);
-    return busy;
-  };
+  const auto held = [] { return TestSupport::FileLockHeld("SCSISubsystemLocker"); };  // as another process sees it
   auto subsystem = SCSI::CreateDiskSubsystem();
   auto first = subsystem->Lock();
   auto second = subsystem->Lock();  // same thread: no deadlock
@@ -345,11 +336,6 @@ std::vector<LinuxEx::snap_message> Batch(std::initializer_list<std::array<uint32
   return batch;
 }
 
-size_t Threads() {
-  const std::filesystem::directory_iterator tasks("/proc/self/task");
-  return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
-}
-
 // Only updated devices before the end record are offered; the first claim ends the batch.
 TEST(Notifications, WhichRecordsAreOfferedAndWhoClaims) {
   auto first = std::make_shared<Recorder>(Device{8, 16});
@@ -395,17 +381,17 @@ TEST(Notifications, HandlersClaimOnlyTheirOwnDisk) {
 
 // The driver library runs a listener thread exactly while a callback is registered.
 TEST(Notifications, RegisteredWhileAnyCallIsAttached) {
-  const size_t idle = Threads();
+  const int idle = TestSupport::CountThreads();
   auto first = DiskNotificationProxy::Obtain();
-  EXPECT_EQ(idle + 1, Threads());
+  EXPECT_EQ(idle + 1, TestSupport::CountThreads());
   auto second = DiskNotificationProxy::Obtain();
   EXPECT_EQ(first, second);
   first.reset();
-  EXPECT_EQ(idle + 1, Threads());
+  EXPECT_EQ(idle + 1, TestSupport::CountThreads());
   second.reset();
-  EXPECT_EQ(idle, Threads());
+  EXPECT_EQ(idle, TestSupport::CountThreads());
   auto again = DiskNotificationProxy::Obtain();
-  EXPECT_EQ(idle + 1, Threads());
+  EXPECT_EQ(idle + 1, TestSupport::CountThreads());
 }
 
 using Common::Str;

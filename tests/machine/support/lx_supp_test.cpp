@@ -10,7 +10,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <filesystem>
 #include <mutex>
 #include <set>
 #include <string>
@@ -25,17 +24,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-int Threads() {
-  const std::filesystem::directory_iterator tasks("/proc/self/task");
-  return static_cast<int>(std::distance(begin(tasks), end(tasks)));
-}
-
-// Descriptors that a child started now would inherit.
-int Inheritable() {
-  int count = 0;
-  for (int fd = 0; fd < 1024; ++fd) count += ::fcntl(fd, F_GETFD) == 0;
-  return count;
-}
+using TestSupport::CountThreads;
 
 struct Seen {
   std::mutex mutex;
@@ -99,7 +88,7 @@ class LxSupp : public ::testing::Test {
     if (::access("/dev/loop-control", W_OK) != 0) GTEST_SKIP() << "needs root and loop devices";
     // Sanitizer runtimes start a helper thread with the first thread; counts start after it.
     std::thread([] {}).join();
-    threads_ = Threads();
+    threads_ = CountThreads();
     descriptors_ = TestSupport::CountOwnFds();
   }
   int threads_ = 0, descriptors_ = 0;
@@ -109,11 +98,11 @@ class LxSupp : public ::testing::Test {
 // removes the oldest, and the last takes the thread and its descriptors away.
 TEST_F(LxSupp, EveryRegistrationHearsTheKernelUntilItLeaves) {
   Seen first, second;
-  const int inheritable = Inheritable();
+  const int inheritable = TestSupport::CountInheritableFds();
   ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Record, &first));
   ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Record, &second));
-  EXPECT_EQ(threads_ + 1, Threads()) << "one listener for all";
-  EXPECT_EQ(inheritable, Inheritable()) << "the listener's descriptors are close-on-exec";
+  EXPECT_EQ(threads_ + 1, CountThreads()) << "one listener for all";
+  EXPECT_EQ(inheritable, TestSupport::CountInheritableFds()) << "the listener's descriptors are close-on-exec";
   dev_t device = CycleLoopDevice();
   ASSERT_NE(0u, device);
   EXPECT_TRUE(first.WaitFor(device)) << "no uevent for " << major(device) << ":" << minor(device);
@@ -125,7 +114,7 @@ TEST_F(LxSupp, EveryRegistrationHearsTheKernelUntilItLeaves) {
   EXPECT_EQ(batchesBefore, first.Batches()) << "called after unregistration";
   ASSERT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(Record));
   EXPECT_EQ(ENOENT, LinuxEx::UnregisterSnapApiCallBack(Record));
-  EXPECT_EQ(threads_, Threads());
+  EXPECT_EQ(threads_, CountThreads());
   EXPECT_EQ(descriptors_, TestSupport::CountOwnFds());
   EXPECT_FALSE(first.malformed || second.malformed);
 }
@@ -135,9 +124,9 @@ TEST_F(LxSupp, UnregisteringFromInsideTheCallbackEndsTheListener) {
   ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(RecordAndLeave, &seen));
   ASSERT_TRUE(seen.WaitFor(CycleLoopDevice()));
   // The listener frees itself once the callback has returned.
-  for (int i = 0; i < 200 && (Threads() != threads_ || TestSupport::CountOwnFds() != descriptors_); ++i)
+  for (int i = 0; i < 200 && (CountThreads() != threads_ || TestSupport::CountOwnFds() != descriptors_); ++i)
     std::this_thread::sleep_for(10ms);
-  EXPECT_EQ(threads_, Threads());
+  EXPECT_EQ(threads_, CountThreads());
   EXPECT_EQ(descriptors_, TestSupport::CountOwnFds());
   EXPECT_EQ(ENOENT, LinuxEx::UnregisterSnapApiCallBack(RecordAndLeave));
   // A new listener hears a new device come and go.

@@ -118,17 +118,12 @@ TEST(FileLayer, ReadStopsAtTheLimitAndOutlastsASignal) {
 }
 
 TEST(FileLayer, DescriptorsAreCloseOnExecAndReleased) {
-  auto inheritable = [] {  // descriptors that a child would inherit
-    int count = 0;
-    for (int fd = 0; fd < 1024; ++fd) count += fcntl(fd, F_GETFD) == 0;
-    return count;
-  };
-  const int before = TestSupport::CountOwnFds(), inherited = inheritable();
+  const int before = TestSupport::CountOwnFds(), inherited = TestSupport::CountInheritableFds();
   {
     File f;
     auto dir = Directory::Open("/proc/self");
     EXPECT_FALSE(File::Open("/proc/self/stat", File::kRead, f));
-    EXPECT_TRUE(before + 2 == TestSupport::CountOwnFds() && inherited == inheritable());
+    EXPECT_TRUE(before + 2 == TestSupport::CountOwnFds() && inherited == TestSupport::CountInheritableFds());
   }
   EXPECT_EQ(before, TestSupport::CountOwnFds());
   // Without standard input, the file gets descriptor 0 and still gives it back.

@@ -9,7 +9,7 @@
 #include "core/common/event.h"
 #include "core/common/mutex.h"
 #include "core/common/shared_mutex.h"
-#include "lock_probe.h"
+#include "../../support/lock_probe.h"
 
 namespace {
 
@@ -27,7 +27,7 @@ TEST(RecursiveMutex, OwnerRelocksOthersWait) {
 
 // Threads of one process share one object.
 TEST(SharedMutexThreads, ThreadsSerialise) {
-  const std::string name = SyncTest::UniqueName("threads");
+  const std::string name = TestSupport::UniqueName("threads");
   auto mutex = Common::SharedMutex::Create(name.c_str());
   int counter = 0;
   std::vector<std::thread> threads;
@@ -40,8 +40,8 @@ TEST(SharedMutexThreads, ThreadsSerialise) {
     });
   for (auto& t : threads) t.join();
   EXPECT_EQ(counter, 800);
-  EXPECT_FALSE(SyncTest::FileLockHeld(name));
-  unlink(SyncTest::LockPath(name).c_str());
+  EXPECT_FALSE(TestSupport::FileLockHeld(name));
+  unlink(TestSupport::LockPath(name).c_str());
 }
 
 TEST(Event, SignalStateWithoutWaiters) {

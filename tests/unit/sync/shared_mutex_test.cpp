@@ -14,17 +14,17 @@
 #include "core/common/error.h"
 #include "core/common/shared_mutex.h"
 #include "core/common/unicode.h"
-#include "lock_probe.h"
+#include "../../support/lock_probe.h"
 
 namespace {
 
-using SyncTest::FileLockHeld;
-using SyncTest::LockPath;
+using TestSupport::FileLockHeld;
+using TestSupport::LockPath;
 
 class SharedMutexTest : public ::testing::Test {
  protected:
   void TearDown() override { unlink(LockPath(name_).c_str()); }
-  const std::string name_ = SyncTest::UniqueName("mutex");
+  const std::string name_ = TestSupport::UniqueName("mutex");
 };
 
 // The lock file is private and outlives the object; recursion holds the file lock until

@@ -6,7 +6,7 @@
 
 #include <string>
 
-namespace SyncTest {
+namespace TestSupport {
 
 inline std::string LockPath(const std::string& name) { return "/tmp/.SharedMutex_" + name; }
 inline std::string UniqueName(const char* what) { return std::string("zl_test_") + what + "_" + std::to_string(getpid()); }
@@ -18,4 +18,4 @@ inline bool FileLockHeld(const std::string& name) {
   return held;
 }
 
-}  // namespace SyncTest
+}  // namespace TestSupport
