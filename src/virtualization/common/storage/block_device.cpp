@@ -34,7 +34,7 @@ uint64_t BlockDevice::GetDeviceSize(const String& name) {
     // Such a disk is only left out of the listing.
     const Common::Error missing(kTraceSizeUnknown, Core::FormatMessage(Messages::FailedToObtainDeviceSize, name, path),
                                 AS_STORAGE_AT("GetDeviceSize", 527));
-    TraceTools::TraceError(Detail::kTraceStorage, missing.WithCause(error), String());
+    TraceTools::TraceError(Detail::kTraceStorage, missing.WithCause(error), Common::Str(u"GetDeviceSize"));
     return 0;
   }
 }

@@ -60,7 +60,7 @@ String Partition::GetLabelImpl() const {
   if (!stream) {
     const Common::Error error(kErrorGetLabel, Core::FormatMessage(Messages::FailedToGetLabel, narrow),
                               AS_STORAGE_AT("GetLabelImpl", 341));
-    TraceTools::TraceError(Detail::kTraceLabels, error, String());
+    TraceTools::TraceError(Detail::kTraceLabels, error, Common::Str(u"GetLabelImpl"));
     return {};
   }
   char line[256] = {};
