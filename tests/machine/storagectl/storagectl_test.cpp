@@ -166,7 +166,7 @@ TEST(Storagectl, DoctorNamesWhatIsMissing) {
     std::map<std::string, Json> checks;
     const Json doctor = r.json();
     for (const Json& check : doctor["checks"]) checks[check["check"]] = check;
-    EXPECT_EQ(checks["root"]["ok"], true);
+    EXPECT_EQ(checks["registry /etc/Zemlora"]["ok"], true);
     EXPECT_EQ(checks["gdisk"]["ok"], fine);
     EXPECT_EQ(checks["scsi_id"]["detail"].get<std::string>().find("/lib/udev") == std::string::npos, fine);
     EXPECT_EQ(checks["shell " + shell]["ok"], fine);
