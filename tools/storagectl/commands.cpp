@@ -28,11 +28,15 @@ using Virtualization::Appliance::StoragesManager;
 
 std::string U8(const String& text) { return Common::ToUtf8(text); }
 
+void Check(const Common::Error& e) {
+  if (e) throw e;
+}
+
 // "/dev/sdb" and "sdb" name the same device.
 std::string KernelName(const std::string& name) { return name.rfind("/dev/", 0) == 0 ? name.substr(5) : name; }
 
 const char* ControllerName(int32_t type) {
-  static const char* const names[] = {"unknown", "mptspi",      "mptsas", "BusLogic",  "pvscsi",
+  static const char* const names[] = {"unknown",  "mptspi",      "mptsas", "BusLogic",  "pvscsi",
                                       "ata_piix", "virtio_scsi", "ahci",   "sym53c8xx", "megaraid_sas"};
   return names[type >= 1 && type <= 9 ? type : 0];
 }
@@ -53,15 +57,14 @@ Json Address(const String& name) {
 Json Guid(const GUID& id) { return id.IsNull() ? Json() : Json(id.ToString()); }
 
 Json PartitionJson(const Partition& p) {
-  return {{"name", U8(p.GetName())},          {"number", p.GetNumber()},
-          {"size", p.GetSize()},              {"uuid", Guid(p.GetUuid())},
-          {"label", U8(p.GetLabel())},        {"mountpoint", U8(p.GetMountPoint())},
+  return {{"name", U8(p.GetName())},     {"number", p.GetNumber()},   {"size", p.GetSize()},
+          {"uuid", Guid(p.GetUuid())},   {"label", U8(p.GetLabel())}, {"mountpoint", U8(p.GetMountPoint())},
           {"supported", p.IsSupported()}};
 }
 
 std::vector<SCSI::Disk> ScsiDisks(SCSI::DiskSubsystem& subsystem) {
   std::vector<SCSI::Disk> disks;
-  if (Common::Error e = subsystem.Enumerate(disks)) throw e;
+  Check(subsystem.Enumerate(disks));
   return disks;
 }
 
@@ -71,7 +74,7 @@ Json DeviceJson(BlockDevice& d, const std::vector<SCSI::Disk>& disks) {
     if (disk.name == d.GetName()) controller = ControllerName(disk.type);
   Json partitions = Json::array();
   for (const auto& p : d.GetPartitions()) partitions.push_back(PartitionJson(*p));
-  return {{"name", U8(d.GetName())},      {"size", d.GetSize()},         {"controller", controller},
+  return {{"name", U8(d.GetName())},         {"size", d.GetSize()},           {"controller", controller},
           {"address", Address(d.GetName())}, {"serial", Guid(d.GetDiskId())}, {"supported", d.IsSupported()},
           {"partitions", partitions}};
 }
@@ -111,17 +114,11 @@ class Steps : public TraceTools::TraceSubscriber {
   std::function<void(const std::string&)> step_;
 };
 
-Json Throw(const Common::Error& e, Json result) {
-  if (e) throw e;
-  return result;
-}
-
 }  // namespace
 
 Json List() {
   std::vector<MigrationManagement::StorageConfig::Storage> storages;
-  if (Common::Error e = MigrationManagement::StorageConfig::GetCurrentStorageConfig()->GetStoragesList(storages))
-    throw e;
+  Check(MigrationManagement::StorageConfig::GetCurrentStorageConfig()->GetStoragesList(storages));
   Json list = Json::array();
   for (const auto& s : storages) list.push_back({{"mountpoint", U8(s.MountPoint)}, {"label", U8(s.Label)}});
   return {{"root", U8(MigrationManagement::StorageConfig::GetStoragesRoot())}, {"storages", list}};
@@ -146,27 +143,26 @@ Json Prepare(const std::string& device, bool yes, const std::function<void(const
     if (!std::getline(std::cin, answer) || answer != "yes") throw Refusal{path + " left as it was"};
   }
   Steps steps(step);
-  if (Common::Error e = disk->CreateBackupPartition()) throw e;
+  Check(disk->CreateBackupPartition());
   return {{"device", DeviceJson(*disk, {})}, {"steps", steps.lines}};
 }
 
 Json Label(const std::string& partition, const std::optional<std::string>& label) {
   const auto p = FindPartition(partition);
-  if (label)
-    if (Common::Error e = p->SetLabel(Common::FromUtf8(*label))) throw e;
+  if (label) Check(p->SetLabel(Common::FromUtf8(*label)));
   return {{"partition", U8(p->GetName())}, {"label", U8(p->GetLabel())}};
 }
 
 Json Mount(const std::string& partition, const std::string& name) {
   const auto p = FindPartition(partition);
-  return Throw(p->Mount(Common::FromUtf8(name)), {{"partition", U8(p->GetName())},
-                                                  {"root", U8(p->GetMountRoot())},
-                                                  {"mountpoint", U8(p->GetMountPoint())}});
+  Check(p->Mount(Common::FromUtf8(name)));
+  return {{"partition", U8(p->GetName())}, {"root", U8(p->GetMountRoot())}, {"mountpoint", U8(p->GetMountPoint())}};
 }
 
 Json Unmount(const std::string& partition) {
   const auto p = FindPartition(partition);
-  return Throw(p->Unmount(), {{"partition", U8(p->GetName())}, {"mountpoint", U8(p->GetMountPoint())}});
+  Check(p->Unmount());
+  return {{"partition", U8(p->GetName())}, {"mountpoint", U8(p->GetMountPoint())}};
 }
 
 Json Temporary() {
@@ -179,19 +175,18 @@ Json Temporary() {
 
 Json Attributes(const std::string& action, const std::string& disk, const std::optional<std::string>& name,
                 const std::optional<std::string>& value) {
+  const std::string wanted = action == "get" ? "DISK [NAME]" : action == "set" ? "DISK NAME VALUE" : "DISK NAME";
   if (action == "get" ? value.has_value() : !name || (action == "set") != value.has_value())
-    throw Refusal{"attributes " + action + " takes " + (action == "get" ? "DISK [NAME]" : action == "set" ? "DISK NAME VALUE" : "DISK NAME"), 2};
+    throw Refusal{"attributes " + action + " takes " + wanted, 2};
   const auto subsystem = SCSI::CreateDiskSubsystem();
   const auto lock = subsystem->Lock();
   for (const SCSI::Disk& d : ScsiDisks(*subsystem)) {
     if (U8(d.name) != KernelName(disk)) continue;
     const String key = Common::FromUtf8(name.value_or(""));
-    if (action == "set")
-      if (Common::Error e = SCSI::SetDiskAttribute(d.id, key, Common::FromUtf8(*value))) throw e;
-    if (action == "remove")
-      if (Common::Error e = SCSI::RemoveDiskAttribute(d.id, key)) throw e;
+    if (action == "set") Check(SCSI::SetDiskAttribute(d.id, key, Common::FromUtf8(*value)));
+    if (action == "remove") Check(SCSI::RemoveDiskAttribute(d.id, key));
     SCSI::DiskAttributes attributes;
-    if (Common::Error e = SCSI::GetDiskAttributes(d.id, attributes)) throw e;
+    Check(SCSI::GetDiskAttributes(d.id, attributes));
     Json shown = Json::object();
     for (const auto& [n, v] : attributes)
       if (action != "get" || !name || n == key) shown[U8(n)] = U8(v);
@@ -206,7 +201,7 @@ Json Rescan() {
   const auto lock = subsystem->Lock();
   std::map<std::string, int> seen;  // 1: before the rescan, 2: after it, 3: both
   for (const SCSI::Disk& d : ScsiDisks(*subsystem)) seen[U8(d.name)] = 1;
-  if (Common::Error e = subsystem->Refresh()) throw e;
+  Check(subsystem->Refresh());
   std::this_thread::sleep_for(std::chrono::seconds(1));  // the kernel brings new disks up meanwhile
   for (const SCSI::Disk& d : ScsiDisks(*subsystem)) seen[U8(d.name)] |= 2;
   Json added = Json::array(), removed = Json::array(), disks = Json::array();
@@ -220,8 +215,8 @@ Json Rescan() {
 
 Json Version() {
   const unsigned short* text = GetTextFromMessageFile(Messages::FailedToGetDisksWithStorages);
-  return {{"library", std::to_string(major_version) + "." + std::to_string(minor_version) + "." +
-                          std::to_string(build_number)},
+  return {{"library",
+           std::to_string(major_version) + "." + std::to_string(minor_version) + "." + std::to_string(build_number)},
           {"module", std::string(_ErrorModuleName)},
           {"message_file", std::string(MsgFileName)},
           {"registry_dir", Common::ToUtf8(REG_LINUX_DIR, Common::Length(REG_LINUX_DIR))},

@@ -15,12 +15,17 @@ namespace {
 
 // The tools the library runs, with where to get them.
 const char* const kTools[][2] = {
-    {"lsblk", "install util-linux"},   {"blkid", "install util-linux"},
-    {"e2label", "install e2fsprogs"},  {"tune2fs", "install e2fsprogs"},
-    {"mke2fs", "install e2fsprogs"},   {"gdisk", "install gdisk"},
-    {"dd", "install coreutils"},       {"mount", "install mount"},
+    {"lsblk", "install util-linux"},
+    {"blkid", "install util-linux"},
+    {"e2label", "install e2fsprogs"},
+    {"tune2fs", "install e2fsprogs"},
+    {"mke2fs", "install e2fsprogs"},
+    {"gdisk", "install gdisk"},
+    {"dd", "install coreutils"},
+    {"mount", "install mount"},
     {"umount", "install mount"},
-    {"scsi_id", "install udev; it lives in /lib/udev, which is rarely in PATH: add it, or link scsi_id into /usr/local/sbin"},
+    {"scsi_id",
+     "install udev; it lives in /lib/udev, which is rarely in PATH: add it, or link scsi_id into /usr/local/sbin"},
 };
 
 std::string FindInPath(const std::string& tool) {

@@ -2,11 +2,10 @@
 // success, 1 an error (the library's whole error chain is printed), 2 a usage error.
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <iostream>
 #include <map>
-
-#include <CLI/CLI.hpp>
 
 #include "core/common/unicode.h"
 #include "core/trace/trace_tools.h"
@@ -81,30 +80,30 @@ int main(int argc, char** argv) {
       ->add_flag("--rescan", rescan, "Rescan the SCSI hosts first");
   std::string device;
   bool yes = false;
-  CLI::App* prepare = command(
-      "prepare",
-      "Makes DEVICE (sdb or /dev/sdb) one storage: one GPT partition, ext4, labelled ZLM. Prints a line per "
-      "step. Asks for confirmation on a terminal; without one, --yes is required.",
-      "destroys everything on DEVICE: zeroes its first sector, writes a new partition table, formats the "
-      "partition and labels it. The library refuses the system disk, a disk with a mounted storage and a disk "
-      "that holds a GPT partition table before writing anything.",
-      [&] {
-        return Prepare(device, yes, [&](const std::string& step) {
-          if (!json) std::cout << step << std::endl;
-        });
-      });
+  CLI::App* prepare =
+      command("prepare",
+              "Makes DEVICE (sdb or /dev/sdb) one storage: one GPT partition, ext4, labelled ZLM. Prints a line per "
+              "step. Asks for confirmation on a terminal; without one, --yes is required.",
+              "destroys everything on DEVICE: zeroes its first sector, writes a new partition table, formats the "
+              "partition and labels it. The library refuses the system disk, a disk with a mounted storage and a disk "
+              "that holds a GPT partition table before writing anything.",
+              [&] {
+                return Prepare(device, yes, [&](const std::string& step) {
+                  if (!json) std::cout << step << std::endl;
+                });
+              });
   prepare->add_option("DEVICE", device, "The disk, as 'storagectl devices' names it")->required();
   prepare->add_flag("--yes", yes, "Do not ask for confirmation");
   std::string partition, name;
   std::optional<std::string> label;
-  CLI::App* labelCmd = command("label", "Prints the label of PARTITION without its ZLM prefix, or sets it to ZLM+LABEL.",
-                               "with LABEL, the file-system label of PARTITION (tune2fs).",
-                               [&] { return Label(partition, label); });
+  CLI::App* labelCmd =
+      command("label", "Prints the label of PARTITION without its ZLM prefix, or sets it to ZLM+LABEL.",
+              "with LABEL, the file-system label of PARTITION (tune2fs).", [&] { return Label(partition, label); });
   labelCmd->add_option("PARTITION", partition, "The partition (sdb1)")->required();
   labelCmd->add_option("LABEL", label, "The new label, without the ZLM prefix");
-  CLI::App* mount = command("mount", "Mounts PARTITION on the directory NAME below the mount root, creating it.",
-                            "the mount table; an unlabelled file system gets the label ZLM.",
-                            [&] { return Mount(partition, name); });
+  CLI::App* mount =
+      command("mount", "Mounts PARTITION on the directory NAME below the mount root, creating it.",
+              "the mount table; an unlabelled file system gets the label ZLM.", [&] { return Mount(partition, name); });
   mount->add_option("PARTITION", partition, "The partition (sdb1)")->required();
   mount->add_option("NAME", name, "The mount directory's name, one path component")->required();
   command("unmount", "Unmounts PARTITION and removes its mount directory.", "the mount table.",
@@ -122,7 +121,9 @@ int main(int argc, char** argv) {
       "Shows (get DISK [NAME]), sets (set DISK NAME VALUE) or removes (remove DISK NAME) the attributes that the "
       "appliance keeps for a SCSI disk. A disk with the attribute Temporary is hidden from storages.",
       "nothing on the disk; its record in the registry.", [&] { return Attributes(action, disk, attribute, value); });
-  attributes->add_option("ACTION", action, "get, set or remove")->required()->check(CLI::IsMember({"get", "set", "remove"}));
+  attributes->add_option("ACTION", action, "get, set or remove")
+      ->required()
+      ->check(CLI::IsMember({"get", "set", "remove"}));
   attributes->add_option("DISK", disk, "The disk (sdb)")->required();
   attributes->add_option("NAME", attribute, "The attribute's name");
   attributes->add_option("VALUE", value, "The attribute's value (set)");

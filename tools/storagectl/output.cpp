@@ -19,7 +19,8 @@ void Table(const std::vector<Row>& rows) {
     }
   for (const Row& row : rows) {
     std::string line;
-    for (size_t i = 0; i < row.size(); ++i) line += row[i] + std::string(i + 1 < row.size() ? widths[i] - row[i].size() + 2 : 0, ' ');
+    for (size_t i = 0; i < row.size(); ++i)
+      line += row[i] + std::string(i + 1 < row.size() ? widths[i] - row[i].size() + 2 : 0, ' ');
     std::cout << line << '\n';
   }
 }
@@ -46,11 +47,15 @@ void Lines(const Json& list, const std::string& none, const std::string& prefix 
 void PrintText(const std::string& command, const Json& r) {
   if (command == "list") {
     std::vector<Row> rows = {{"MOUNTPOINT", "LABEL"}};
-    for (const Json& s : r["storages"]) rows.push_back({r["root"].get<std::string>() + "/" + Text(s["mountpoint"]), Text(s["label"])});
-    if (r["storages"].empty()) std::cout << "no storage is mounted below " << Text(r["root"]) << '\n';
-    else Table(rows);
+    for (const Json& s : r["storages"])
+      rows.push_back({r["root"].get<std::string>() + "/" + Text(s["mountpoint"]), Text(s["label"])});
+    if (r["storages"].empty())
+      std::cout << "no storage is mounted below " << Text(r["root"]) << '\n';
+    else
+      Table(rows);
   } else if (command == "devices" || command == "prepare") {
-    std::vector<Row> rows = {{"NAME", "SIZE", "CONTROLLER", "ADDRESS", "SERIAL/UUID", "LABEL", "MOUNTPOINT", "SUPPORTED"}};
+    std::vector<Row> rows = {
+        {"NAME", "SIZE", "CONTROLLER", "ADDRESS", "SERIAL/UUID", "LABEL", "MOUNTPOINT", "SUPPORTED"}};
     for (const Json& d : command == "devices" ? r["devices"] : Json::array({r["device"]})) {
       rows.push_back({Text(d["name"]), Size(d["size"]), Text(d["controller"]), Text(d["address"]), Text(d["serial"]),
                       "", "", Text(d["supported"])});
@@ -58,8 +63,10 @@ void PrintText(const std::string& command, const Json& r) {
         rows.push_back({"  " + Text(p["name"]), Size(p["size"]), "", "", Text(p["uuid"]), Text(p["label"]),
                         Text(p["mountpoint"]), Text(p["supported"])});
     }
-    if (command == "devices" && r["devices"].empty()) std::cout << "no disk is offered for storages\n";
-    else Table(rows);
+    if (command == "devices" && r["devices"].empty())
+      std::cout << "no disk is offered for storages\n";
+    else
+      Table(rows);
   } else if (command == "label") {
     std::cout << Text(r["partition"]) << ": label '" << r["label"].get<std::string>() << "'\n";
   } else if (command == "mount") {
@@ -71,8 +78,10 @@ void PrintText(const std::string& command, const Json& r) {
   } else if (command == "attributes") {
     std::vector<Row> rows = {{"NAME", "VALUE"}};
     for (const auto& [name, value] : r["attributes"].items()) rows.push_back({name, value.get<std::string>()});
-    if (r["attributes"].empty()) std::cout << Text(r["disk"]) << " has no attributes\n";
-    else Table(rows);
+    if (r["attributes"].empty())
+      std::cout << Text(r["disk"]) << " has no attributes\n";
+    else
+      Table(rows);
   } else if (command == "rescan") {
     Lines(r["added"], "no disk added", "added   ");
     Lines(r["removed"], "no disk removed", "removed ");

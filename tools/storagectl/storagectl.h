@@ -3,10 +3,9 @@
 // command returns its result as one JSON object; the text view is made from it.
 #include <cstdio>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
-
-#include <nlohmann/json.hpp>
 
 #include "core/common/error.h"
 
