@@ -73,8 +73,8 @@ TEST(Storagectl, ShowsTheDisksAndStoragesTheLibraryOffers) {
   EXPECT_EQ(list[0]["partitions"][0],
             (Json{{"name", "sdb1"}, {"number", 1}, {"size", 5_GiB}, {"uuid", list[0]["partitions"][0]["uuid"]},
                   {"label", "data"}, {"mountpoint", "st1"}, {"supported", true}}));
-  const Json storages = Ctl({"list", "--json"}).json();
-  EXPECT_EQ(storages, (Json{{"root", "/mnt/local_storages"}, {"storages", {{{"mountpoint", "st1"}, {"label", "data"}}}}}));
+  EXPECT_EQ(Ctl({"list", "--json"}).json(),
+            (Json{{"root", "/mnt/local_storages"}, {"storages", {{{"mountpoint", "st1"}, {"label", "data"}}}}}));
   const Result table = Ctl({"devices"});
   for (const char* row : {"\nsdb ", "\n  sdb1 ", "\nsdc "}) EXPECT_NE(table.out.find(row), std::string::npos) << row;
   EXPECT_EQ(table.out.find("sda"), std::string::npos);
@@ -115,7 +115,6 @@ TEST(Storagectl, RefusesBadInputAndReportsErrorsChangingNothing) {
   const Result failed = Ctl({"--json", "unmount", "sdb1"});
   EXPECT_EQ(failed.code, 1);
   EXPECT_EQ(failed.json()["error"]["cause"]["code"], "0x720004");
-  EXPECT_NE(failed.err.find("error 0x720024: "), std::string::npos) << failed.err;
   EXPECT_NE(failed.err.find("\n  cause 0x720004: "), std::string::npos) << failed.err;
 }
 
@@ -146,11 +145,11 @@ TEST(Storagectl, AttributesDecideWhichDisksAreTemporary) {
   AS_FAKE_MACHINE(m);
   Build(m);
   ASSERT_EQ(Ctl({"attributes", "set", "sdc", "Temporary", "1"}).code, 0);
-  ASSERT_EQ(Ctl({"attributes", "set", "sdc", "Owner", "backup"}).code, 0);
-  EXPECT_EQ(Ctl({"--json", "attributes", "get", "sdc"}).json()["attributes"], (Json{{"Owner", "backup"}, {"Temporary", "1"}}));
+  ASSERT_EQ(Ctl({"attributes", "set", "sdc", "Bay", "4"}).code, 0);
+  EXPECT_EQ(Ctl({"--json", "attributes", "get", "sdc"}).json()["attributes"], Json({{"Bay", "4"}, {"Temporary", "1"}}));
   EXPECT_EQ(Column(Ctl({"--json", "devices"}).json()["devices"]), Names{"sdb"});
   EXPECT_EQ(Ctl({"--json", "temporary"}).json()["temporary"], Json{"sdc"});
-  ASSERT_EQ(Ctl({"attributes", "remove", "sdc", "Temporary"}).code, 0);
+  EXPECT_EQ(Ctl({"--json", "attributes", "remove", "sdc", "Temporary"}).json()["attributes"], (Json{{"Bay", "4"}}));
   EXPECT_EQ(Ctl({"attributes", "get", "sdc", "Temporary"}).code, 1);
   EXPECT_EQ(Column(Ctl({"--json", "devices"}).json()["devices"]), (Names{"sdb", "sdc"}));
 }
