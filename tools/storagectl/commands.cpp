@@ -144,7 +144,7 @@ Json Prepare(const std::string& device, bool yes, const std::function<void(const
   }
   Steps steps(step);
   Check(disk->CreateBackupPartition());
-  return {{"device", DeviceJson(*disk, {})}, {"steps", steps.lines}};
+  return {{"device", DeviceJson(*disk, ScsiDisks(*SCSI::CreateDiskSubsystem()))}, {"steps", steps.lines}};
 }
 
 Json Label(const std::string& partition, const std::optional<std::string>& label) {

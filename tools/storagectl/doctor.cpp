@@ -73,7 +73,10 @@ Json Doctor(const std::string& shell) {
   check("shell " + shell, EchoEscapes(shell) == "a\nb\n",
         "its echo -e does not interpret escapes (dash?), which the partitioning step needs: make /bin/sh bash");
   const std::string root = Common::ToUtf8(MigrationManagement::StorageConfig::GetStoragesRoot());
-  check("mount root " + root, IsDirectory(root, W_OK), "missing or not writable: mkdir -p " + root);
+  // The library makes the root on first use: a missing one under a writable parent is fine.
+  const bool rootUsable = IsDirectory(root, W_OK) || (access(root.c_str(), F_OK) != 0 &&
+                                                      IsDirectory(root.substr(0, root.find_last_of('/')), W_OK));
+  check("mount root " + root, rootUsable, "not a writable directory: mkdir -p " + root);
   const std::string registry = Common::ToUtf8(REG_LINUX_DIR, Common::Length(REG_LINUX_DIR));
   check("registry " + registry, IsDirectory(registry, W_OK), "missing or not writable: mkdir -p " + registry);
   check("lock directory /tmp", IsDirectory("/tmp", W_OK), "/tmp must be a writable directory");
