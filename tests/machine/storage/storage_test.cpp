@@ -1,12 +1,11 @@
-// Storages on the faked machine: a blank disk prepared, mounted, listed and unmounted;
-// the disks and partitions that count as storages; names and labels that must stay data.
+// Storages on the faked machine: a blank disk prepared, mounted, listed and unmounted,
+// names and labels that stay data; the disks and partitions that count as storages.
 #include <sys/wait.h>
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstdio>
-#include <fstream>
 #include <future>
 
 #include "core/common/unicode.h"
@@ -25,19 +24,20 @@ using namespace FakeMachineTesting;
 using Common::Str;
 using Common::ToUtf8;
 using MigrationManagement::StorageConfig;
-using Virtualization::Appliance::BlockDevice;
 using Virtualization::Appliance::StoragesManager;
-using Devices = std::vector<std::shared_ptr<BlockDevice>>;
+using Devices = std::vector<std::shared_ptr<Virtualization::Appliance::BlockDevice>>;
+using Storages = std::vector<StorageConfig::Storage>;
 
 const std::string kState = FakeMachine::StateDir(), kRoot = "/mnt/local_storages";
 
-// Disks on one virtio host, their target taken from the name.
+// A disk on the virtio host 2 (declared again with each: harmless), its target from the name.
 DiskSpec& AddDisk(FakeMachine& m, const std::string& name, uint64_t bytes) {
   const unsigned target = static_cast<unsigned>(name.back() - 'a');
+  m.Host(2, "virtio_scsi\n");
   return m.Disk(name).At(2, 0, target, 0).Size(bytes).Serial("6000c29a1b2c3d4e5f60718293a4b5c" + std::to_string(target));
 }
 
-std::string Output(const std::string& command) {  // its standard output
+std::string Output(const std::string& command) {
   std::string out;
   if (FILE* f = ::popen(command.c_str(), "r")) {
     for (char buf[256]; std::fgets(buf, sizeof buf, f);) out += buf;
@@ -50,21 +50,12 @@ void Format(const std::string& partition, const std::string& label) {
   ASSERT_EQ("", Output("/sbin/mke2fs -q -F -t ext4 -L '" + label + "' /dev/" + partition + " 2>&1"));
 }
 
-std::string FirstSector(const std::string& disk) {
-  std::string sector(512, '\0');
-  std::ifstream("/dev/" + disk, std::ios::binary).read(&sector[0], 512);
-  return sector;
-}
-
-std::string Names(const Devices& devices) {
-  std::string names;
-  for (const auto& d : devices) names += ToUtf8(d->GetName()) + " ";
-  return names;
-}
-
-std::string Records(const std::vector<StorageConfig::Storage>& list) {
+std::string Text(const Devices::value_type& device) { return ToUtf8(device->GetName()); }
+std::string Text(const StorageConfig::Storage& s) { return ToUtf8(s.MountPoint) + "=" + ToUtf8(s.Label); }
+template <class List>
+std::string Join(const List& list) {
   std::string text;
-  for (const auto& s : list) text += ToUtf8(s.MountPoint) + "=" + ToUtf8(s.Label) + ";";
+  for (const auto& item : list) text += Text(item) + ";";
   return text;
 }
 
@@ -75,17 +66,10 @@ std::string Chain(Common::Error e) {  // codes and texts of the error and its ca
   return text;
 }
 
-template <class Call>
-Common::Error Caught(Call call) {  // what it returned or threw
-  try {
-    return call();
-  } catch (const Common::Error& e) {
-    return e;
-  }
-}
+template <class Call>  // what it returned or threw
+Common::Error Caught(Call call) try { return call(); } catch (const Common::Error& e) { return e; }
 
-// What preparing the disk ran, in order.
-std::vector<std::string> Writes(const FakeMachine& m) {
+std::vector<std::string> Writes(const FakeMachine& m) {  // what preparing ran, in order
   std::vector<std::string> writes;
   for (const std::string& call : m.Calls())
     for (const char* tool : {"dd ", "gdisk ", "mke2fs "})
@@ -100,11 +84,10 @@ void ExpectNothingLeft() {
 
 TEST(Storages, ABlankDiskIsPreparedMountedListedAndUnmounted) {
   AS_FAKE_MACHINE(m);
-  m.Host(2, "virtio_scsi\n");
   AddDisk(m, "sdc", 12_GiB);
   m.Build();
   const Devices devices = StoragesManager().GetBlockDevices(false);
-  ASSERT_EQ("sdc ", Names(devices));
+  ASSERT_EQ("sdc;", Join(devices));
   ASSERT_FALSE(Caught([&] { return devices[0]->CreateBackupPartition(); }));
   const std::vector<std::string> writes = {"dd if=/dev/zero of=/dev/sdc bs=512 count=1", "gdisk /dev/sdc",
                                            "mke2fs -t ext4 /dev/sdc1"};
@@ -114,127 +97,155 @@ TEST(Storages, ABlankDiskIsPreparedMountedListedAndUnmounted) {
   EXPECT_EQ("ZLM\n", Output("e2label /dev/sdc1"));
   ASSERT_EQ(1u, devices[0]->GetPartitions().size());
   const auto partition = devices[0]->GetPartitions()[0];
-
   const auto before = StorageConfig::GetCurrentStorageConfig();
   ASSERT_FALSE(partition->Mount(Str(u"st1")));
   ASSERT_FALSE(partition->SetLabel(Str(u"data")));
   EXPECT_EQ("/dev/sdc1 " + kRoot + "/st1\n", m.ReadFile(kState + "/mounts"));
-  EXPECT_EQ("ZLMdata\n", Output("e2label /dev/sdc1"));
   const auto after = StorageConfig::GetCurrentStorageConfig();
   EXPECT_NE(before, after);  // mounting dropped the cached one; the old one still works
   for (const auto& config : {before, after}) {
-    std::vector<StorageConfig::Storage> list(2);
+    Storages list(2);
     ASSERT_FALSE(config->GetStoragesList(list));
-    EXPECT_EQ("st1=data;", Records(list));
+    EXPECT_EQ("st1=data;", Join(list));
   }
-  const std::string sector = FirstSector("sdc");
-  const Common::Error inUse = Caught([&] { return devices[0]->CreateBackupPartition(); });
-  EXPECT_EQ(0x720021u, inUse.GetCode()) << Chain(inUse);
-
   ASSERT_FALSE(partition->Unmount());
   EXPECT_FALSE(m.Exists(kRoot + "/st1"));
-  std::vector<StorageConfig::Storage> list(1);
+  Storages list(1);
   ASSERT_FALSE(StorageConfig::GetCurrentStorageConfig()->GetStoragesList(list));
-  EXPECT_EQ("", Records(list));
-  // Its table is refused too, unmounted: zeroing the first sector would lose the storage.
-  const Common::Error again = Caught([&] { return devices[0]->CreateBackupPartition(); });
-  EXPECT_EQ(0x720022u, again.GetCode()) << Chain(again);
-  EXPECT_EQ(writes, Writes(m));
-  EXPECT_EQ(sector, FirstSector("sdc"));
-  EXPECT_EQ("ZLMdata\n", Output("e2label /dev/sdc1"));
+  EXPECT_EQ("", Join(list));
+  // Labels and names are data, never shell code, and only single directory names.
+  WriteText(kRoot + "/file", "");
+  fs::create_directories(kRoot + "/zz");  // for a glob to match
+  const int fds = TestSupport::CountOwnFds();
+  for (const char* text : {"\"'\\", "$(>/tmp/c)", "`>/tmp/c`", "x;>/tmp/c", "x|>/tmp/c", "x&&>/tmp/c", "x\n>/tmp/c",
+                           " * ?", "$HOME!"}) {
+    SCOPED_TRACE(text);
+    ASSERT_FALSE(partition->SetLabel(Common::FromUtf8(text)));
+    EXPECT_EQ(std::string("ZLM") + text + "\n", Output("e2label /dev/sdc1"));
+    m.WriteFile(kState + "/mounts", "");
+    ASSERT_FALSE(partition->Mount(Common::FromUtf8(text)));
+    EXPECT_EQ("/dev/sdc1 " + kRoot + "/" + text + "\n", m.ReadFile(kState + "/mounts"));
+    ASSERT_FALSE(partition->Unmount());
+    EXPECT_FALSE(m.Exists(kRoot + "/" + text));
+    EXPECT_FALSE(m.Exists("/tmp/c"));
+  }
+  const std::vector<std::string> entries = ListDir(kRoot), mounts = m.Calls("mount");
+  for (const String& name : {String(), Str(u"."), Str(u".."), Str(u"a/b"), Str(u"/"), String{'a', 0, 'b'}, Str(u"file")}) {
+    SCOPED_TRACE(ToUtf8(name));
+    EXPECT_EQ(0x720023u, partition->Mount(name).GetCode());
+    EXPECT_TRUE(partition->GetMountPoint().empty());
+  }
+  EXPECT_EQ(entries, ListDir(kRoot));
+  EXPECT_EQ(mounts, m.Calls("mount"));
+  EXPECT_EQ(fds, TestSupport::CountOwnFds());
   ExpectNothingLeft();
 }
 
 TEST(Storages, PreparationStopsAtTheFirstFailure) {
-  const std::string dd = "dd if=/dev/zero of=/dev/sdc bs=512 count=1", gdisk = "gdisk /dev/sdc";
-  const std::string mke2fs = "mke2fs -t ext4 /dev/sdc1";
-  const struct {
-    const char* setup;  // a mount of sdc1, a failing tool, or sgdisk's arguments
-    std::string failing;
+  const std::string dd = "dd if=/dev/zero of=/dev/sdc bs=512 count=1", gdisk = "gdisk /dev/sdc",
+                    mke2fs = "mke2fs -t ext4 /dev/sdc1";
+  const struct {  // a storage on sdc1; a GPT on sdc (unmounted storage) is refused as well
+    std::string setup;  // where sdc1 is mounted, the tool that fails, or sgdisk's arguments
     uint32_t code;
     std::vector<std::string> writes;
-    std::string cause;  // the command line in the cause's text
+    std::string cause;  // in the cause's text: the command line and its status
   } cases[] = {
-      {"/mnt/local_storages/x", "", 0x720021, {}, ""},
-      {"/srv/elsewhere", "", 0x720021, {}, ""},
-      {"-n 1:2048:+1G", "", 0x720022, {}, ""},
-      {"", "dd", 0x720022, {dd}, "'" + dd + " 2>/dev/null' returns error code 3"},
-      {"", "gdisk", 0x720022, {dd, gdisk}, "'echo -e \"n\\n1\\n\\n\\n\\nw\\ny\" | " + gdisk + "' returns error code 3"},
-      {"", "mke2fs", 0x720022, {dd, gdisk, mke2fs}, "'" + mke2fs + "' returns error code 3"},
+      {"/mnt/local_storages/x", 0x720021, {}, ""},
+      {"/srv/elsewhere", 0x720021, {}, ""},
+      {"-n 1:2048:+1G", 0x720022, {}, ""},
+      {"dd", 0x720022, {dd}, "'" + dd + " 2>/dev/null' returns error code 3"},
+      {"gdisk", 0x720022, {dd, gdisk}, "'echo -e \"n\\n1\\n\\n\\n\\nw\\ny\" | " + gdisk + "' returns error code 3"},
+      {"mke2fs", 0x720022, {dd, gdisk, mke2fs}, "'" + mke2fs + "' returns error code 3"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.setup + c.failing);
+    SCOPED_TRACE(c.setup);
     AS_FAKE_MACHINE(m);
-    m.Host(2, "virtio_scsi\n");
     AddDisk(m, "sdc", 12_GiB).Partition(1, 2048, 2097152);
     m.Build();
     Format("sdc1", "ZLMx");
-    if (c.setup[0] == '/') m.WriteFile(kState + "/mounts", std::string("/dev/sdc1 ") + c.setup + "\n");
-    if (c.setup[0] == '-') { ASSERT_NE("", Output(std::string("sgdisk ") + c.setup + " /dev/sdc")); }
-    if (!c.failing.empty()) m.WriteFile(kState + "/fail/" + c.failing, "3\n");
-    const std::string sector = FirstSector("sdc");
-    const Devices devices = StoragesManager().GetBlockDevices(false);
-    ASSERT_EQ(1u, devices.size());
-    const Common::Error e = Caught([&] { return devices[0]->CreateBackupPartition(); });
+    if (c.setup[0] == '/') m.WriteFile(kState + "/mounts", "/dev/sdc1 " + c.setup + "\n");
+    if (c.setup[0] == '-') { ASSERT_NE("", Output("sgdisk " + c.setup + " /dev/sdc")); }
+    if (c.setup[0] != '/' && c.setup[0] != '-') m.WriteFile(kState + "/fail/" + c.setup, "3\n");
+    const std::string sector = Output("od -An -tx1 -N512 /dev/sdc");
+    const auto device = StoragesManager().GetBlockDevices(false).at(0);
+    const Common::Error e = Caught([&] { return device->CreateBackupPartition(); });
     EXPECT_EQ(c.code, e.GetCode()) << Chain(e);
     EXPECT_EQ(c.cause.empty() ? 0u : 0x720004u, e.GetCause().GetCode()) << Chain(e);
     EXPECT_NE(std::string::npos, Chain(e).find(c.cause)) << Chain(e);
     EXPECT_EQ(c.writes, Writes(m));
-    if (c.writes.empty()) { EXPECT_EQ(sector, FirstSector("sdc")); }
+    if (c.writes.empty()) { EXPECT_EQ(sector, Output("od -An -tx1 -N512 /dev/sdc")); }
     ExpectNothingLeft();
   }
 }
 
-void MarkTemporary(const char* id) {
-  GUID guid;
-  ASSERT_TRUE(GUID::Parse(id, guid));
-  Registry::Key record;
-  ASSERT_FALSE(SCSI::Detail::OpenAttributesRoot().CreateKeyRecursive(guid.ToWideString(), record));
-  ASSERT_FALSE(record.SetValue(String(), Registry::MultiString{Str(u"Temporary"), Str(u"1")}));
-}
-
-// Small, system and temporary disks are no storages; mounted partitions of the others are.
-TEST(Storages, WhichDisksAndPartitionsAreListed) {
+// Small, system and temporary disks hold no storages; mounted partitions of the others do.
+TEST(Storages, WhichDisksAreOfferedListedAndRescanned) {
   AS_FAKE_MACHINE(m);
-  m.Host(2, "virtio_scsi\n");
-  auto config = StorageConfig::GetCurrentStorageConfig();
-  std::vector<StorageConfig::Storage> list(1), kept(3);
+  const auto config = StorageConfig::GetCurrentStorageConfig();
+  Storages list(1), kept(3);
   ASSERT_FALSE(config->GetStoragesList(list));  // no disk
   EXPECT_TRUE(list.empty());
   AddDisk(m, "sdc", 10_GiB - 512).Partition(1, 2048, 12582912);
   m.Build();
   Format("sdc1", "ZLMsmall");
-  ASSERT_FALSE(config->GetStoragesList(list));
+  ASSERT_FALSE(config->GetStoragesList(list = kept));
   EXPECT_TRUE(list.empty());
 
-  AddDisk(m, "sda", 12_GiB).Partition(1, 2048, 2097152);  // the system's
+  AddDisk(m, "sda", 12_GiB).Partition(1, 2048, 2097152);
   AddDisk(m, "sdb", 10_GiB).Partition(1, 2048, 12582912);
   AddDisk(m, "sdd", 12_GiB).Partition(1, 2048, 12582912);
   AddDisk(m, "sde", 12_GiB).Partition(1, 2048, 12582912).Partition(2, 12584960, 2097152);
   m.Build();
   for (const char* p : {"sda1", "sdb1", "sdd1", "sde1", "sde2"}) Format(p, "ZLMsame");
-  MarkTemporary("6000C29A-1B2C-3D4E-5F60-718293A4B5C3");
+  GUID sdd;  // temporary
+  ASSERT_TRUE(GUID::Parse("6000C29A-1B2C-3D4E-5F60-718293A4B5C3", sdd));
+  Registry::Key record;
+  ASSERT_FALSE(SCSI::Detail::OpenAttributesRoot().CreateKeyRecursive(sdd.ToWideString(), record));
+  ASSERT_FALSE(record.SetValue(String(), Registry::MultiString{Str(u"Temporary"), Str(u"1")}));
   m.WriteFile(kState + "/mounts", "/dev/sda1 /\n/dev/sdb1 " + kRoot + "/b\n/dev/sdc1 " + kRoot + "/c\n/dev/sdd1 " +
                                       kRoot + "/d\n/dev/sde1 " + kRoot + "/e\n");
-  EXPECT_EQ("sdb sde ", Names(StoragesManager().GetBlockDevices(false)));
+  EXPECT_EQ("sdb;sde;", Join(StoragesManager().GetBlockDevices(false)));
   EXPECT_EQ("sdd\n", ToUtf8(StoragesManager().CleanupDiskSubsystem()));
-  ASSERT_FALSE(config->GetStoragesList(list));
-  EXPECT_EQ("b=same;e=same;", Records(list));
-
-  // Short of descriptors, a call either fails and leaves the list alone or lists it all.
+  // Short of descriptors, a listing either fails and leaves the list alone or is whole.
   const int fds = TestSupport::CountOwnFds();
   Common::Error e;
-  for (int spare = 0; spare < 12; ++spare) {
+  for (int spare = 0; spare == 0 || (e && spare < 32); ++spare) {
     SCOPED_TRACE(spare);
-    list = kept;
-    {
-      TestSupport::DescriptorBudget budget(spare);
-      e = config->GetStoragesList(list);
-    }
-    EXPECT_EQ(e ? Records(kept) : "b=same;e=same;", Records(list)) << Chain(e);
+    TestSupport::DescriptorBudget budget(spare);
+    e = config->GetStoragesList(list = kept);
+    EXPECT_EQ(e ? Join(kept) : "b=same;e=same;", Join(list)) << Chain(e);
   }
   EXPECT_FALSE(e) << Chain(e);
   EXPECT_EQ(fds, TestSupport::CountOwnFds());
+
+  // A rescan removes only the idle sdg, once the kernel announces it (8:96).
+  AddDisk(m, "sdg", 12_GiB);
+  m.Build();
+  const auto proxy = SCSI::Detail::DiskNotificationProxy::Obtain();
+  const LinuxEx::snap_message batch[] = {{LinuxEx::snap_disk_updated, 8, 96, {}}, {LinuxEx::snap_end, 0, 0, {}}};
+  auto result = std::async(std::launch::async, [] { return StoragesManager().GetBlockDevices(true); });
+  while (result.wait_for(std::chrono::milliseconds(10)) != std::future_status::ready) proxy->Deliver(batch);
+  const Devices devices = result.get();
+  EXPECT_EQ("sdb;sde;sdg;", Join(devices));
+  std::string deleted;
+  for (const std::string d : {"sda", "sdb", "sdc", "sdd", "sde", "sdg"})
+    deleted += d + ":" + m.ReadFile("/sys/block/" + d + "/device/delete");
+  EXPECT_EQ("sda:sdb:sdc:sdd:sde:sdg:1\n", deleted);
+  EXPECT_EQ("- - -\n", m.ReadFile("/sys/class/scsi_host/host2/scan"));
+  // A reload keeps the old partition objects first.
+  const auto old = devices[1]->GetPartitions();
+  AddPartition("sde", {3, 14682112, 2097152});
+  Format("sde3", "ZLMnew");
+  devices[1]->ReloadPartitions();
+  const auto now = devices[1]->GetPartitions();
+  ASSERT_EQ(3u, now.size());
+  EXPECT_EQ(old, decltype(old)(now.begin(), now.begin() + 2));
+  EXPECT_EQ("sde3", ToUtf8(now[2]->GetName()));
+  fs::remove("/sys/block/sdg/device/delete");
+  e = Caught([] { return StoragesManager().GetBlockDevices(true), Common::Error(); });
+  EXPECT_EQ(0x72001Fu, e.GetCode()) << Chain(e);
+  EXPECT_EQ(0x530040u, e.GetCause().GetCode()) << Chain(e);  // the removal's
+  EXPECT_NE(std::string::npos, ToUtf8(e.GetCause().GetText()).find("sdg")) << Chain(e);
 
   AddDisk(m, "sdf", 12_GiB).Partition(1, 2048, 2097152);  // no file system: no UUID
   m.Build();
@@ -249,118 +260,32 @@ TEST(Storages, PartitionMountStateSizeAndLabel) {
   const uint64_t k5GiB = 10485760;  // sectors
   const struct {
     uint64_t sectors;
-    const char *label, *mounted;  // "": not mounted
-    bool underRoot;
-    const char* point;
+    const char *label, *mounted, *root, *point;  // mounted "": not mounted
     bool supported;
-    const char* shown;  // GetLabel
+    const char* shown;  // by GetLabel
   } cases[] = {
-      {2 * k5GiB, "ZLMa", "/boot", false, "/boot", false, "a"},
-      {2 * k5GiB, "ZLMa", "/mnt/local_storages//st1", true, "st1", true, "a"},
-      {2 * k5GiB, "ZLMa", "/mnt/local_storages2/x", true, "2/x", true, "a"},
-      {2 * k5GiB, "ZLMa", "/mnt/local_storages", true, "", true, "a"},
-      {k5GiB - 1, "ZLMa", "", true, "", false, "a"},
-      {k5GiB, "ZLM", "", true, "", true, ""},
-      {k5GiB, "ZLMab\xe9z", "", true, "", true, "ab"},
-      {k5GiB, "data", "", true, "", false, "data"},
+      {2 * k5GiB, "ZLMa", "/boot", "", "/boot", false, "a"},
+      {2 * k5GiB, "ZLMa", "/mnt/local_storages//st1", "/mnt/local_storages", "st1", true, "a"},
+      {2 * k5GiB, "ZLMa", "/mnt/local_storages2/x", "/mnt/local_storages", "2/x", true, "a"},
+      {2 * k5GiB, "ZLMa", "/mnt/local_storages", "/mnt/local_storages", "", true, "a"},
+      {k5GiB - 1, "ZLMa", "", "/mnt/local_storages", "", false, "a"},
+      {k5GiB, "ZLM", "", "/mnt/local_storages", "", true, ""},
+      {k5GiB, "ZLMab\xe9z", "", "/mnt/local_storages", "", true, "ab"},
+      {k5GiB, "data", "", "/mnt/local_storages", "", false, "data"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.label) + " " + c.mounted + " " + std::to_string(c.sectors));
     AS_FAKE_MACHINE(m);
-    m.Host(2, "virtio_scsi\n");
     AddDisk(m, "sdb", 12_GiB).Partition(1, 2048, c.sectors);
     m.Build();
     Format("sdb1", c.label);
     if (*c.mounted) m.WriteFile(kState + "/mounts", std::string("/dev/sdb1 ") + c.mounted + "\n");
-    const Devices devices = StoragesManager().GetBlockDevices(false);
-    ASSERT_EQ(1u, devices.size());
-    const auto p = devices[0]->GetPartitions().at(0);
-    EXPECT_EQ(c.underRoot ? kRoot : "", ToUtf8(p->GetMountRoot()));
+    const auto p = StoragesManager().GetBlockDevices(false).at(0)->GetPartitions().at(0);
+    EXPECT_EQ(c.root, ToUtf8(p->GetMountRoot()));
     EXPECT_EQ(c.point, ToUtf8(p->GetMountPoint()));
     EXPECT_EQ(c.supported, p->IsSupported());
     EXPECT_EQ(c.shown, ToUtf8(p->GetLabel()));
   }
-}
-
-TEST(Storages, AReloadKeepsTheOldPartitionObjectsFirst) {
-  AS_FAKE_MACHINE(m);
-  m.Host(2, "virtio_scsi\n");
-  AddDisk(m, "sdb", 12_GiB).Partition(2, 4196352, 2097152);
-  m.Build();
-  Format("sdb2", "ZLMold");
-  const Devices devices = StoragesManager().GetBlockDevices(false);
-  ASSERT_EQ(1u, devices.size());
-  const auto old = devices[0]->GetPartitions();
-  AddPartition("sdb", {1, 2048, 2097152});
-  Format("sdb1", "ZLMnew");
-  devices[0]->ReloadPartitions();
-  const auto now = devices[0]->GetPartitions();
-  ASSERT_EQ(2u, now.size());
-  EXPECT_EQ(old.at(0), now[0]);
-  EXPECT_EQ("sdb1", ToUtf8(now[1]->GetName()));
-}
-
-// The removal of sdb waits for the kernel to announce it (8:16).
-TEST(Storages, ARescanRemovesOnlyDisksWithoutMountedPartitions) {
-  AS_FAKE_MACHINE(m);
-  m.Host(2, "virtio_scsi\n");
-  AddDisk(m, "sdb", 12_GiB);
-  AddDisk(m, "sdc", 12_GiB).Partition(1, 2048, 2097152);
-  m.Build();
-  Format("sdc1", "ZLMx");
-  m.WriteFile(kState + "/mounts", "/dev/sdc1 " + kRoot + "/x\n");
-  const auto proxy = SCSI::Detail::DiskNotificationProxy::Obtain();
-  const LinuxEx::snap_message batch[] = {{LinuxEx::snap_disk_updated, 8, 16, {}}, {LinuxEx::snap_end, 0, 0, {}}};
-  auto result = std::async(std::launch::async, [] { return StoragesManager().GetBlockDevices(true); });
-  while (result.wait_for(std::chrono::milliseconds(10)) != std::future_status::ready) proxy->Deliver(batch);
-  EXPECT_EQ("sdb sdc ", Names(result.get()));
-  EXPECT_EQ("1\n", m.ReadFile("/sys/block/sdb/device/delete"));
-  EXPECT_EQ("", m.ReadFile("/sys/block/sdc/device/delete"));
-  EXPECT_EQ("- - -\n", m.ReadFile("/sys/class/scsi_host/host2/scan"));
-
-  fs::remove("/sys/block/sdb/device/delete");
-  const Common::Error e = Caught([] { return StoragesManager().GetBlockDevices(true), Common::Error(); });
-  EXPECT_EQ(0x72001Fu, e.GetCode()) << Chain(e);
-  EXPECT_EQ(0x530040u, e.GetCause().GetCode()) << Chain(e);  // the removal's
-  EXPECT_NE(std::string::npos, ToUtf8(e.GetCause().GetText()).find("sdb")) << Chain(e);
-  ExpectNothingLeft();
-}
-
-TEST(Storages, NamesAndLabelsReachTheToolsAsData) {
-  AS_FAKE_MACHINE(m);
-  m.Host(2, "virtio_scsi\n");
-  AddDisk(m, "sdb", 12_GiB).Partition(1, 2048, 12582912);
-  m.Build();
-  Format("sdb1", "ZLMx");
-  WriteText(kRoot + "/file", "");
-  fs::create_directories(kRoot + "/zz");  // for a glob to match
-  const Devices devices = StoragesManager().GetBlockDevices(false);
-  const auto partition = devices.at(0)->GetPartitions().at(0);
-  const int fds = TestSupport::CountOwnFds();
-  for (const char* text : {"\"'\\", "$(>/tmp/c)", "`>/tmp/c`", "x;>/tmp/c", "x|>/tmp/c", "x&&>/tmp/c", "x\n>/tmp/c",
-                           " * ?", "$HOME!"}) {
-    SCOPED_TRACE(text);
-    ASSERT_FALSE(partition->SetLabel(Common::FromUtf8(text)));
-    EXPECT_EQ(std::string("ZLM") + text + "\n", Output("e2label /dev/sdb1"));
-    m.WriteFile(kState + "/mounts", "");
-    const Common::Error e = partition->Mount(Common::FromUtf8(text));
-    ASSERT_FALSE(e) << Chain(e);
-    EXPECT_EQ("/dev/sdb1 " + kRoot + "/" + text + "\n", m.ReadFile(kState + "/mounts"));
-    ASSERT_FALSE(partition->Unmount());
-    EXPECT_FALSE(m.Exists(kRoot + "/" + text));
-    EXPECT_FALSE(m.Exists("/tmp/c"));
-  }
-  const std::vector<std::string> entries = ListDir(kRoot), mounts = m.Calls("mount");
-  for (const String& name : {String(), Str(u"."), Str(u".."), Str(u"a/b"), Str(u"/"), String{'a', 0, 'b'}, Str(u"file")}) {
-    SCOPED_TRACE(ToUtf8(name));
-    const Common::Error e = partition->Mount(name);
-    EXPECT_EQ(0x720023u, e.GetCode()) << Chain(e);
-    EXPECT_TRUE(partition->GetMountPoint().empty());
-  }
-  EXPECT_EQ(entries, ListDir(kRoot));
-  EXPECT_EQ(mounts, m.Calls("mount"));
-  EXPECT_EQ(fds, TestSupport::CountOwnFds());
-  ExpectNothingLeft();
 }
 
 }  // namespace
