@@ -1,10 +1,11 @@
 #!/bin/bash
-# The storagectl session of the demo, run inside the appliance VM as root.
+# The storagectl session of the demo, run inside the appliance VM as root. Exits 1 when
+# any command failed, so that the VM tests can run it too.
 set -u
-ctl=$1
+ctl=$1 failed=0
 run() {
   printf '\n\033[1m# storagectl %s\033[0m\n' "$*"
-  "$ctl" "$@" || echo "(exit status $?)"
+  "$ctl" "$@" || { echo "(exit status $?)"; failed=1; }
 }
 run doctor
 run devices
@@ -24,3 +25,4 @@ the appliance's needs (doctor), offered every disk of at least 10 GiB (devices),
 mounted it as /mnt/local_storages/backups, listed it, relabelled it "ZLMweekly",
 unmounted it and removed its directory, after which the list is empty again.
 TEXT
+exit $failed
