@@ -13,6 +13,7 @@
 #include "core/common/unicode.h"
 #include "core/include/file/file.h"
 #include "core/linex/linux_misc.h"
+#include "core/linex/shell_quote_internal.h"
 #include "core/trace/trace_tools.h"
 #include "dsk_supp.h"
 #include "processor/format/format_message.h"
@@ -78,17 +79,6 @@ Common::Error InvalidWalk(const Common::ErrorLocation& where, FileSystem::Direct
 bool WaitForChange(const std::shared_ptr<Detail::DiskSubsystemHandler>& handler) {
   Detail::AttachedHandler attached(handler);
   return handler->Execute(kChangeTimeoutMs);
-}
-
-// The device path reaches scsi_id as one word whatever a caller passes; an ordinary
-// path keeps the command line as it is.
-std::string ShellWord(const std::string& text) {
-  static const char kPlain[] =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-+:@%,=";
-  if (text.find_first_not_of(kPlain) == std::string::npos) return text;
-  std::string quoted = "'";
-  for (const char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
 }
 
 bool SplitAddress(const std::string& entry, uint32_t& host, uint32_t& target) {
@@ -226,7 +216,7 @@ bool DiskSubsystemImpl::IsDiskOffline(const std::string& name) {
 }
 
 Common::Error DiskSubsystemImpl::GetScsiSerialID(const String& devicePath, GUID& id) {
-  FILE* stream = POpen(kSerialCommand + ShellWord(Common::ToUtf8(devicePath)), "rt");
+  FILE* stream = POpen(kSerialCommand + Shell::Word(Common::ToUtf8(devicePath)), "rt");
   if (stream == nullptr)
     return Common::Error(kErrorScsiIdFailed, Core::FormatMessage(Messages::FailedToGetScsiId, devicePath),
                          AS_LOCATION("GetScsiSerialID", 499));

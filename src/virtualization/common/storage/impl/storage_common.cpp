@@ -1,0 +1,75 @@
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "core/common/assert.h"
+#include "core/common/decimal.h"
+#include "core/common/message_ids.h"
+#include "core/common/unicode.h"
+#include "core/include/file/file.h"
+#include "core/linex/linux_misc.h"
+#include "core/linex/shell_quote_internal.h"
+#include "ext/include/logging/log.h"
+#include "processor/format/format_message.h"
+#include "virtualization/common/storage/errors.h"
+#include "virtualization/common/storage/impl/storage_internal.h"
+
+namespace Virtualization {
+namespace Appliance {
+namespace Detail {
+
+const String kLabelPrefix = Common::Str(u"ZLM");
+
+bool HasLabelPrefix(const String& label) { return label.compare(0, kLabelPrefix.size(), kLabelPrefix) == 0; }
+
+Common::Error ExternalCallError(const std::string& command, int status, const Common::ErrorLocation& where) {
+  // The status as text: a bare number would take the locale's digit grouping.
+  return Common::Error(kErrorExternalCall,
+                       Core::FormatMessage(Messages::ExternalCallReturnsErrorCode, command, std::to_string(status)),
+                       where);
+}
+
+std::string DevicePath(const String& name) { return Shell::Word("/dev/" + Common::ToUtf8(name)); }
+
+std::string GetDeviceMointpoint(const std::string& path) {
+  std::unique_ptr<FILE, int (*)(FILE*)> stream(POpen("lsblk -n -o mountpoint " + Shell::Word(path), "rt"), PClose);
+  if (!stream) {
+    AS_LOG(4, AS_LOG_PREFIX "Retrieving mount point of '%s' failed", path.c_str());
+    return {};
+  }
+  char line[1024] = {};
+  if (!std::fgets(line, sizeof line, stream.get())) return {};
+  size_t end = 0;
+  while (end < sizeof line && line[end] >= 0x20 && line[end] <= 0x7E) ++end;
+  return std::string(line, end);
+}
+
+std::string ReadSysfsFile(const std::string& path) {
+  FileSystem::File file;
+  if (Common::Error e = FileSystem::File::Open(path, FileSystem::File::kRead, file)) throw e;
+  std::string content;
+  char chunk[256];
+  for (size_t count = 0;; content.append(chunk, count)) {
+    if (Common::Error e = file.Read(chunk, sizeof chunk, count)) throw e;
+    if (count == 0) return content;
+  }
+}
+
+uint64_t ReadSysfsNumber(const std::string& content) {
+  uint64_t value = 0;
+  if (Common::ParseDecimal(std::string_view(content).substr(0, content.find_first_of(std::string("\n\0", 2))), value))
+    return value;
+  AS_ASSERT_TEXT_AT(false, "!\"Invalid size type\"", "virtualization/common/storage/storage_manager", 137);
+  return 0;
+}
+
+bool IsSingleComponent(const String& name) {
+  static const String kDot = Common::Str(u"."), kDotDot = Common::Str(u"..");
+  return !name.empty() && name != kDot && name != kDotDot && name.find(u'/') == String::npos &&
+         name.find(u'\0') == String::npos;
+}
+
+}  // namespace Detail
+}  // namespace Appliance
+}  // namespace Virtualization

@@ -1,0 +1,104 @@
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "core/common/message_ids.h"
+#include "core/common/unicode.h"
+#include "core/linex/linux_misc.h"
+#include "core/linex/shell_quote_internal.h"
+#include "core/trace/trace_tools.h"
+#include "processor/format/format_message.h"
+#include "virtualization/common/storage/errors.h"
+#include "virtualization/common/storage/impl/storage_internal.h"
+#include "virtualization/common/storage/storage_manager.h"
+
+namespace Virtualization {
+namespace Appliance {
+
+namespace {
+
+using Stream = std::unique_ptr<FILE, int (*)(FILE*)>;
+constexpr uint64_t kMinimumPartitionSize = 0x140000000;  // 5 GiB
+
+// The file-system UUID that blkid reports; all zero when it is no GUID.
+GUID GetPartitionUUID(const String& name) {
+  Stream stream(POpen("blkid -o export " + Detail::DevicePath(name), "rt"), PClose);
+  char line[1024];
+  bool atLineStart = true;
+  while (stream && !std::feof(stream.get()) && std::fgets(line, sizeof line, stream.get())) {
+    // The rest of an over-long line is no field of its own.
+    const bool fieldStart = atLineStart;
+    atLineStart = std::strchr(line, '\n') != nullptr;
+    if (!fieldStart || std::strncmp(line, "UUID=", 5) != 0) continue;
+    GUID uuid;
+    GUID::Parse(std::string_view(line + 5), uuid);
+    return uuid;
+  }
+  throw Common::Error(kErrorPartitionUuid, Core::FormatMessage(Messages::FailedToGetPartitionUuid, name),
+                      AS_STORAGE_AT("GetPartitionUUID", 180));
+}
+
+uint64_t ReadPartitionNumber(const String& device, const String& partition, const char* file) {
+  return Detail::ReadSysfsNumber(
+      Detail::ReadSysfsFile("/sys/block/" + Common::ToUtf8(device) + "/" + Common::ToUtf8(partition) + "/" + file));
+}
+
+}  // namespace
+
+Partition::Partition(const std::shared_ptr<BlockDevice>& device, const String& name)
+    : Device(device), Uuid(GetPartitionUUID(name)), Name(name) {
+  Size = ReadPartitionNumber(Device->GetName(), Name, "size") << 9;
+  Number = ReadPartitionNumber(Device->GetName(), Name, "partition");
+  SetMountRoot(StoragesManager::PartitionsMountRoot);
+}
+
+String Partition::GetLabelImpl() const {
+  std::string narrow;
+  for (const unsigned short unit : Name) narrow += static_cast<char>(unit & 0xFF);
+  Stream stream(POpen("e2label " + Shell::Word("/dev/" + narrow), "rt"), PClose);
+  if (!stream) {
+    const Common::Error error(kErrorGetLabel, Core::FormatMessage(Messages::FailedToGetLabel, narrow),
+                              AS_STORAGE_AT("GetLabelImpl", 341));
+    TraceTools::TraceError(Detail::kTraceLabels, error, Common::Str(u"GetLabelImpl"));
+    return {};
+  }
+  char line[256] = {};
+  if (!std::fgets(line, sizeof line, stream.get())) return {};
+  String label;
+  for (size_t i = 0; i < sizeof line && line[i] >= 0x20 && line[i] <= 0x7E; ++i) label += static_cast<unsigned char>(line[i]);
+  return label;
+}
+
+String Partition::GetLabel() const {
+  String raw = GetLabelImpl();
+  if (Detail::HasLabelPrefix(raw)) return raw.substr(Detail::kLabelPrefix.size());
+  TraceTools::DbgTraceError(Detail::kTraceLabels, GetTextFromMessageFile(Messages::StorageHasUnexpectedLabel),
+                            Uuid.ToWideString(), raw);
+  return raw;
+}
+
+Common::Error Partition::SetLabel(const String& label) {
+  const String full = Detail::kLabelPrefix + label;
+  TraceTools::Trace(Common::EventLevelNotice, Detail::kTraceLabels, u"Assigning label '{0}' to storage '{1}'.", full,
+                    Name);
+  const std::string command =
+      "tune2fs " + Detail::DevicePath(Name) + " -L \"" + Shell::InDoubleQuotes(Common::ToUtf8(full)) + "\"";
+  const int status = RunCommand(command);
+  if (status == 0) return {};
+  return Common::Error(kErrorSetLabel, Core::FormatMessage(Messages::FailedToAssignLabel, full, Name),
+                       AS_STORAGE_AT("SetLabel", 322))
+      .WithCause(Detail::ExternalCallError(command, status, AS_STORAGE_AT("SetLabel", 323)));
+}
+
+std::string Partition::GetDeprecatedVolumeId() const {
+  return std::to_string(Device->GetHost()) + "_" + std::to_string(Device->GetTarget()) + "_" + std::to_string(Number);
+}
+
+bool Partition::IsSupported() const {
+  return MountRoot == StoragesManager::PartitionsMountRoot && Detail::HasLabelPrefix(GetLabelImpl()) &&
+         Size >= kMinimumPartitionSize;
+}
+
+}  // namespace Appliance
+}  // namespace Virtualization

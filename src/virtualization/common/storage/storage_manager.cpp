@@ -1,0 +1,116 @@
+#include "virtualization/common/storage/storage_manager.h"
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "core/common/message_ids.h"
+#include "core/common/message_text.h"
+#include "core/common/unicode.h"
+#include "core/include/file/file.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/disk.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/impl/attributes.h"
+#include "virtualization/common/storage/errors.h"
+#include "virtualization/common/storage/impl/storage_internal.h"
+
+namespace Virtualization {
+namespace Appliance {
+
+const String StoragesManager::PartitionsMountRoot = Common::Str(u"/mnt/local_storages");
+
+namespace {
+
+const String kTemporaryAttribute = Common::Str(u"Temporary");
+// Smaller disks, and those whose size could not be read, never hold storages.
+constexpr uint64_t kMinimumDiskSize = 10737418240;  // 10 GiB
+
+// Creates `path` and any missing parent. An existing directory is fine.
+void CreateDirectories(const std::string& path) {
+  if (FileSystem::Directory::Open(path)) return;
+  const size_t slash = path.find_last_of('/');
+  const std::string parent = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+  if (slash != std::string::npos && slash != 0) CreateDirectories(parent);
+  Common::Error error;
+  auto dir = FileSystem::Directory::Open(parent, &error);
+  if (!dir) throw error;
+  if (dir->CreateDir(path.substr(slash + 1))) return;
+  error = dir->TakeLastError();
+  // Made by someone else meanwhile: as good.
+  if (!FileSystem::Directory::Open(path)) throw error;
+}
+
+bool IsTemporary(const SCSI::Disk& disk) {
+  return SCSI::Detail::GetDiskAttributes(disk.id, kTemporaryAttribute).has_value();
+}
+
+// The devices of the listed disks but temporary and system disks, partitions loaded.
+std::vector<std::shared_ptr<BlockDevice>> MakeDevices(const std::vector<SCSI::Disk>& disks) {
+  std::vector<std::shared_ptr<BlockDevice>> devices;
+  for (const SCSI::Disk& disk : disks) {
+    if (IsTemporary(disk)) continue;
+    auto device = std::make_shared<BlockDevice>(BlockDevice::Private{}, disk);
+    device->ReloadPartitions();
+    if (!device->IsSystemBlockDevice()) devices.push_back(std::move(device));
+  }
+  return devices;
+}
+
+bool HasMountedPartition(BlockDevice& device) {
+  const auto partitions = device.GetPartitions();
+  return std::any_of(partitions.begin(), partitions.end(),
+                     [](const std::shared_ptr<Partition>& p) { return !p->GetMountPoint().empty(); });
+}
+
+void Check(const Common::Error& error) {
+  if (error) throw error;
+}
+
+}  // namespace
+
+StoragesManager::StoragesManager() { CreateDirectories(Common::ToUtf8(PartitionsMountRoot)); }
+
+std::vector<std::shared_ptr<BlockDevice>> StoragesManager::GetBlockDevices(bool rescan) const {
+  try {
+    auto subsystem = SCSI::CreateDiskSubsystem();
+    const auto lock = subsystem->Lock();
+    std::vector<SCSI::Disk> disks;
+    Check(subsystem->Enumerate(disks));
+    if (rescan) {
+      // Disks not in use are forgotten so that the rescan finds them as new.
+      for (const auto& device : MakeDevices(disks)) {
+        if (HasMountedPartition(*device)) continue;
+        const auto disk = std::find_if(disks.begin(), disks.end(),
+                                       [&](const SCSI::Disk& d) { return d.name == device->GetName(); });
+        if (disk != disks.end()) Check(subsystem->RemoveDisk(*disk));
+      }
+      Check(subsystem->Refresh());
+      std::this_thread::sleep_for(std::chrono::seconds(1));  // the kernel brings the disks back
+      std::vector<SCSI::Disk> fresh;
+      Check(subsystem->Enumerate(fresh));
+      disks.swap(fresh);
+    }
+    auto devices = MakeDevices(disks);
+    devices.erase(std::remove_if(devices.begin(), devices.end(),
+                                 [](const std::shared_ptr<BlockDevice>& d) { return d->GetSize() < kMinimumDiskSize; }),
+                  devices.end());
+    return devices;
+  } catch (const Common::Error& error) {
+    throw Common::Error(kErrorGetBlockDevices, GetTextFromMessageFile(Messages::FailedToGetDisksWithStorages),
+                        AS_STORAGE_AT("GetBlockDevices", 577))
+        .WithCause(error);
+  }
+}
+
+String StoragesManager::CleanupDiskSubsystem() {
+  String names;
+  std::vector<SCSI::Disk> disks;
+  Check(SCSI::CreateDiskSubsystem()->Enumerate(disks));
+  for (const SCSI::Disk& disk : disks)
+    if (IsTemporary(disk)) names += disk.name + String(1, u'\n');
+  SCSI::Detail::SyncDisksAttributes(disks);
+  return names;
+}
+
+}  // namespace Appliance
+}  // namespace Virtualization
