@@ -3,9 +3,11 @@
 // runs for them, started one after another by posix_spawn.
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
@@ -107,73 +109,99 @@ bool Spawn(const std::string& line, std::string& out) {
   return started == 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-// Seconds per disk: constant when the time grows linearly with the disks.
-void PerDisk(benchmark::State& state) {
-  state.counters["per_disk"] =
-      benchmark::Counter(static_cast<double>(state.range(0)), benchmark::Counter::kIsIterationInvariantRate |
-                                                                  benchmark::Counter::kInvert);
+double CpuSeconds(int who) {
+  rusage usage{};
+  getrusage(who, &usage);
+  const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
+  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
 // The library's lines for `disks` disks: scsi_id per disk, then blkid and lsblk per
 // partition, then (for the storage list) e2label per partition. The disks' outputs
 // must say what the library needs: a serial, a UUID, the mount point and the label.
-void Baseline(benchmark::State& state, bool labels) {
-  const int disks = static_cast<int>(state.range(0));
-  g_machine->Show(disks);
+bool Baseline(int disks, bool labels) {
   std::string out;
   bool ok = true;
-  for (auto _ : state) {
-    for (int i = 0; i < disks; ++i) {
-      ok &= Spawn("scsi_id --page=0x83 --export --whitelisted --device=/dev/" + DiskName(i), out);
-      ok &= out.find("ID_SCSI_SERIAL=") != std::string::npos;
-    }
-    for (int i = 0; i < disks; ++i) {
-      const std::string partition = "/dev/" + DiskName(i) + "1";
-      ok &= Spawn("blkid -o export " + partition, out) && out.find("UUID=") != std::string::npos;
-      ok &= Spawn("lsblk -n -o mountpoint " + partition, out) && out == MountDir(i) + "\n";
-    }
-    for (int i = 0; labels && i < disks; ++i)
-      ok &= Spawn("e2label /dev/" + DiskName(i) + "1", out) && out == "ZLMstore\n";
+  for (int i = 0; i < disks; ++i) {
+    ok &= Spawn("scsi_id --page=0x83 --export --whitelisted --device=/dev/" + DiskName(i), out);
+    ok &= out.find("ID_SCSI_SERIAL=") != std::string::npos;
   }
-  if (!ok) state.SkipWithError("a tool failed or printed something else");
-  PerDisk(state);
+  for (int i = 0; i < disks; ++i) {
+    const std::string partition = "/dev/" + DiskName(i) + "1";
+    ok &= Spawn("blkid -o export " + partition, out) && out.find("UUID=") != std::string::npos;
+    ok &= Spawn("lsblk -n -o mountpoint " + partition, out) && out == MountDir(i) + "\n";
+  }
+  for (int i = 0; labels && i < disks; ++i)
+    ok &= Spawn("e2label /dev/" + DiskName(i) + "1", out) && out == "ZLMstore\n";
+  return ok;
 }
 
-void StoragesList(benchmark::State& state) {
-  const size_t disks = static_cast<size_t>(state.range(0));
-  g_machine->Show(static_cast<int>(disks));
-  const std::shared_ptr<StorageConfig> config = StorageConfig::GetCurrentStorageConfig();
+bool StoragesList(int disks) {
   std::vector<StorageConfig::Storage> storages;
-  bool ok = true;
-  for (auto _ : state) {
-    storages.clear();
-    ok &= !config->GetStoragesList(storages) && storages.size() == disks;
-    for (size_t i = 0; ok && i < disks; ++i)
-      ok &= Common::ToUtf8(storages[i].Label) == "store" &&
-            "/mnt/local_storages/" + Common::ToUtf8(storages[i].MountPoint) == MountDir(static_cast<int>(i));
-  }
-  if (!ok) state.SkipWithError("not the machine's storages");
-  PerDisk(state);
+  if (StorageConfig::GetCurrentStorageConfig()->GetStoragesList(storages) || storages.size() != size_t(disks))
+    return false;
+  for (int i = 0; i < disks; ++i)
+    if (Common::ToUtf8(storages[i].Label) != "store" ||
+        "/mnt/local_storages/" + Common::ToUtf8(storages[i].MountPoint) != MountDir(i))
+      return false;
+  return true;
 }
 
-void BlockDevices(benchmark::State& state) {
-  const size_t disks = static_cast<size_t>(state.range(0));
-  g_machine->Show(static_cast<int>(disks));
-  const StoragesManager manager;
+bool BlockDevices(int disks) {
+  static const StoragesManager manager;
+  const auto devices = manager.GetBlockDevices(false);
+  if (devices.size() != size_t(disks)) return false;
+  for (int i = 0; i < disks; ++i)
+    if (Common::ToUtf8(devices[i]->GetName()) != DiskName(i) || devices[i]->GetPartitions().size() != 1) return false;
+  return true;
+}
+
+struct Side {
+  double wall = 0, self = 0, tools = 0;  // seconds summed over the iterations
+};
+
+bool Timed(bool (*run)(int), int disks, Side& side) {
+  const double self = CpuSeconds(RUSAGE_SELF), tools = CpuSeconds(RUSAGE_CHILDREN);
+  const auto start = std::chrono::steady_clock::now();
+  const bool ok = run(disks);
+  side.wall += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  side.self += CpuSeconds(RUSAGE_SELF) - self;
+  side.tools += CpuSeconds(RUSAGE_CHILDREN) - tools;
+  return ok;
+}
+
+// Each iteration runs the library's listing and the baseline back to back, in turns
+// first, so that other work on the machine weighs on both alike. The time is the
+// library's; the counters give the baseline's, the ratios (wall time; CPU time of the
+// process and its tools, which other work on the machine hardly changes), the
+// library's wall time per disk (constant when the time grows linearly) and the CPU
+// time per disk that the program itself spends on either side, outside the tools.
+void Paired(benchmark::State& state, bool (*library)(int), bool (*baseline)(int)) {
+  static bool libraryFirst = true;
+  const int disks = static_cast<int>(state.range(0));
+  g_machine->Show(disks);
+  Side lib, base;
   bool ok = true;
   try {
     for (auto _ : state) {
-      const auto devices = manager.GetBlockDevices(false);
-      ok &= devices.size() == disks;
-      for (size_t i = 0; ok && i < disks; ++i)
-        ok &= Common::ToUtf8(devices[i]->GetName()) == DiskName(static_cast<int>(i)) &&
-              devices[i]->GetPartitions().size() == 1;
+      const double before = lib.wall;
+      ok &= !libraryFirst || Timed(library, disks, lib);
+      ok &= Timed(baseline, disks, base);
+      ok &= libraryFirst || Timed(library, disks, lib);
+      libraryFirst = !libraryFirst;
+      state.SetIterationTime(lib.wall - before);
     }
   } catch (const Common::Error& e) {
-    return state.SkipWithError(("GetBlockDevices: " + Common::ToUtf8(e.GetText())).c_str());
+    return state.SkipWithError(("the library threw: " + Common::ToUtf8(e.GetText())).c_str());
   }
-  if (!ok) state.SkipWithError("not the machine's disks");
-  PerDisk(state);
+  if (!ok) return state.SkipWithError("the library or a tool did not report the machine's storages");
+  using C = benchmark::Counter;
+  state.counters["baseline_ms"] = C(base.wall * 1e3, C::kAvgIterations);
+  state.counters["ratio"] = lib.wall / base.wall;
+  state.counters["cpu_ratio"] = (lib.self + lib.tools) / (base.self + base.tools);
+  state.counters["per_disk_ms"] = C(lib.wall * 1e3 / disks, C::kAvgIterations);
+  state.counters["self_us"] = C(lib.self * 1e6 / disks, C::kAvgIterations);
+  state.counters["base_self_us"] = C(base.self * 1e6 / disks, C::kAvgIterations);
 }
 
 }  // namespace
@@ -189,15 +217,11 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   Machine machine;
   g_machine = &machine;
-  // Each size's four cases side by side; wall time, since the work is in the children.
   for (const int disks : kSizes) {
-    const auto add = [&](const char* name, auto function) {
-      benchmark::RegisterBenchmark(name, function)->Arg(disks)->UseRealTime()->Unit(benchmark::kMillisecond);
-    };
-    add("GetStoragesList", StoragesList);
-    add("GetStoragesList_baseline", [](benchmark::State& s) { Baseline(s, true); });
-    add("GetBlockDevices", BlockDevices);
-    add("GetBlockDevices_baseline", [](benchmark::State& s) { Baseline(s, false); });
+    benchmark::RegisterBenchmark("GetStoragesList", Paired, StoragesList, [](int n) { return Baseline(n, true); })
+        ->Arg(disks)->UseManualTime()->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("GetBlockDevices", Paired, BlockDevices, [](int n) { return Baseline(n, false); })
+        ->Arg(disks)->UseManualTime()->Unit(benchmark::kMillisecond);
   }
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
