@@ -88,8 +88,8 @@ class Machine {
 
 Machine* g_machine = nullptr;
 
-// "/bin/sh -c LINE" with its standard output read to the end; the output, or "" and
-// false when it did not end with status 0.
+// "/bin/sh -c LINE" with its standard output read to the end into `out`; true when
+// it ended with status 0.
 bool Spawn(const std::string& line, std::string& out) {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return false;
@@ -215,8 +215,14 @@ int main(int argc, char** argv) {
   }
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  Machine machine;
-  g_machine = &machine;
+  std::unique_ptr<Machine> machine;
+  try {
+    machine = std::make_unique<Machine>();
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "cannot build the machine: %s\n", e.what());
+    return 1;
+  }
+  g_machine = machine.get();
   for (const int disks : kSizes) {
     benchmark::RegisterBenchmark("GetStoragesList", Paired, StoragesList, [](int n) { return Baseline(n, true); })
         ->Arg(disks)->UseManualTime()->Unit(benchmark::kMillisecond);
