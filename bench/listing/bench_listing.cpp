@@ -16,9 +16,11 @@
 
 #include <benchmark/benchmark.h>
 
+#include "core/common/guid.h"
 #include "core/common/unicode.h"
 #include "core/linex/linux_misc.h"
 #include "fake_machine.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/impl/attributes.h"
 #include "virtualization/common/storage/storage_config.h"
 #include "virtualization/common/storage/storage_manager.h"
 
@@ -47,17 +49,19 @@ void Run(const std::string& line) {
 }
 
 // Every disk 12 GiB with an 11 GiB partition holding the same ext4 image, labelled
-// "ZLMstore" and mounted below the storages root. Disks past the wanted number lose
-// their /sys/block entry, which is where the library and lsblk find disks.
+// "ZLMstore" and mounted below the storages root; with `records`, every disk also has
+// an attribute record in the registry. Disks past the wanted number lose their
+// /sys/block entry, which is where the library and lsblk find disks.
 class Machine {
  public:
-  Machine() {
+  explicit Machine(bool records) {
     machine_.Host(2, "virtio_scsi\n");
     for (int i = 0; i < kMaxDisks; ++i) {
       char serial[40];
       std::snprintf(serial, sizeof serial, "6000c29a1b2c3d4e5f607182%08x", static_cast<unsigned>(i));
       machine_.Disk(DiskName(i)).At(2, 0, static_cast<unsigned>(i), 0).Size(12_GiB).Serial(serial)
           .Partition(1, 2048, (11_GiB) / 512);
+      if (records) AddRecord(serial);
     }
     machine_.Build();
     const std::string image = "/tmp/storage.img";  // the machine's own /tmp
@@ -81,6 +85,18 @@ class Machine {
   }
 
  private:
+  // What other programs of the appliance keep per disk; none hides it.
+  static void AddRecord(const std::string& serial) {
+    const std::string dashed = serial.substr(0, 8) + "-" + serial.substr(8, 4) + "-" + serial.substr(12, 4) + "-" +
+                               serial.substr(16, 4) + "-" + serial.substr(20);
+    GUID id;
+    Registry::Key record;
+    if (!GUID::Parse(dashed, id) ||
+        SCSI::Detail::OpenAttributesRoot().CreateKeyRecursive(id.ToWideString(), record) ||
+        record.SetValue(String(), Registry::MultiString{Common::FromUtf8("Owner"), Common::FromUtf8("backup")}))
+      throw std::runtime_error("cannot write the attribute record of " + serial);
+  }
+
   FakeMachine machine_;
   std::vector<fs::path> links_;  // each disk's /sys/block link target
   int shown_ = kMaxDisks;
@@ -214,10 +230,11 @@ int main(int argc, char** argv) {
     return 1;
   }
   benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  const bool records = argc > 1 && std::string(argv[1]) == "--attribute_records";
+  if (benchmark::ReportUnrecognizedArguments(argc - records, argv + records)) return 1;
   std::unique_ptr<Machine> machine;
   try {
-    machine = std::make_unique<Machine>();
+    machine = std::make_unique<Machine>(records);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "cannot build the machine: %s\n", e.what());
     return 1;
