@@ -29,4 +29,7 @@ flags=$(PKG_CONFIG_PATH="$stage/lib/pkgconfig" pkg-config --cflags --libs applia
 # shellcheck disable=SC2086
 c++ -std=c++17 "$here/consumer/consumer.cpp" $flags -o "$build/consumer/consumer_pc"
 LD_LIBRARY_PATH="$stage/lib" "$build/consumer/consumer_pc" >/dev/null
+# The administrators' tool runs from where it is installed and brings its manual page.
+"$stage/sbin/storagectl" version | grep -q "18.0.38811" || { echo "installed storagectl does not run"; exit 1; }
+grep -q "^\.TH STORAGECTL 8" "$stage/share/man/man8/storagectl.8" || { echo "storagectl.8 not installed"; exit 1; }
 echo "installed package works through find_package and pkg-config"

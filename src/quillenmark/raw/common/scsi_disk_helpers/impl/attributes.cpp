@@ -1,5 +1,6 @@
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/attributes.h"
 
+#include <optional>
 #include <set>
 #include <stdexcept>
 
@@ -8,7 +9,9 @@
 #include "core/common/unicode.h"
 #include "core/trace/trace_tools.h"
 #include "processor/format/format_message.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/attributes.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/errors.h"
+#include "registry/errors.h"
 #include "registry/roots.h"
 #include "resource_api.h"
 
@@ -93,4 +96,68 @@ void SyncDisksAttributes(const std::vector<Disk>& disks) {
 }
 
 }  // namespace Detail
+
+namespace {
+
+// The record's (name, value) strings; none when it has no default value. A value of
+// another type belongs to someone else and is not overwritten. Throws.
+Registry::MultiString ReadPairs(const Registry::Key& record) {
+  Registry::Value value;
+  if (Common::Error e = record.QueryValue(String(), value)) {
+    if (e.GetCode() == Registry::kErrorValueNotFound) return {};
+    throw e;
+  }
+  if (auto* strings = std::get_if<Registry::MultiString>(&value)) return std::move(*strings);
+  throw Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::RegistryInvalidKeyType), AS_HERE);
+}
+
+// Sets `name` to `value`, or removes it when there is no value. Readers take the first
+// pair of a name, so a set replaces the first and drops the others.
+Common::Error ChangeAttribute(const GUID& id, const String& name, const std::optional<String>& value) {
+  const String text = id.ToWideString();
+  try {
+    const Registry::Key root = Detail::OpenAttributesRoot();
+    Registry::Key record;
+    if (root.OpenChild(text, record)) {
+      if (!value) return {};
+      if (Common::Error e = root.CreateKeyRecursive(text, record)) throw e;
+    }
+    const Registry::MultiString pairs = ReadPairs(record);
+    Registry::MultiString kept;
+    bool set = false;
+    for (size_t i = 0; i + 1 < pairs.size(); i += 2) {
+      if (pairs[i] != name) {
+        kept.insert(kept.end(), {pairs[i], pairs[i + 1]});
+      } else if (value && !set) {
+        kept.insert(kept.end(), {name, *value});
+        set = true;
+      }
+    }
+    if (value && !set) kept.insert(kept.end(), {name, *value});
+    if (kept.empty()) {
+      if (Common::Error e = root.DeleteChild(text)) throw e;
+    } else if (Common::Error e = record.SetValue(String(), kept)) {
+      throw e;
+    }
+    return {};
+  } catch (const Common::Error& e) {
+    return Common::Error(kErrorDisk,
+                         Core::FormatString(u"Failed to change attribute '{0}' of hard disk '{1}'.", name, text),
+                         AS_HERE)
+        .WithCause(e);
+  }
+}
+
+}  // namespace
+
+Common::Error GetDiskAttributes(const GUID& id, DiskAttributes& attributes) {
+  return Detail::LoadDiskAttributes(id, attributes);
+}
+
+Common::Error SetDiskAttribute(const GUID& id, const String& name, const String& value) {
+  return ChangeAttribute(id, name, value);
+}
+
+Common::Error RemoveDiskAttribute(const GUID& id, const String& name) { return ChangeAttribute(id, name, std::nullopt); }
+
 }  // namespace SCSI

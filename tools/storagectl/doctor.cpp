@@ -1,0 +1,83 @@
+// What the appliance needs for the library to work, one check a line: "ok" or what to do.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "core/common/module.h"
+#include "core/common/unicode.h"
+#include "core/linex/create_process.h"
+#include "storagectl.h"
+#include "virtualization/common/storage/storage_config.h"
+
+namespace Storagectl {
+namespace {
+
+// The tools the library runs, with where to get them.
+const char* const kTools[][2] = {
+    {"lsblk", "install util-linux"},
+    {"blkid", "install util-linux"},
+    {"e2label", "install e2fsprogs"},
+    {"tune2fs", "install e2fsprogs"},
+    {"mke2fs", "install e2fsprogs"},
+    {"gdisk", "install gdisk"},
+    {"dd", "install coreutils"},
+    {"mount", "install mount"},
+    {"umount", "install mount"},
+    {"scsi_id",
+     "install udev; it lives in /lib/udev, which is rarely in PATH: add it, or link scsi_id into /usr/local/sbin"},
+};
+
+std::string FindInPath(const std::string& tool) {
+  const char* path = std::getenv("PATH");
+  const std::string dirs = path ? path : "";
+  for (size_t start = 0, end = 0; end != std::string::npos; start = end + 1) {
+    end = dirs.find(':', start);
+    const std::string dir = dirs.substr(start, end == std::string::npos ? end : end - start);
+    const std::string file = (dir.empty() ? "." : dir) + "/" + tool;
+    if (access(file.c_str(), X_OK) == 0) return file;
+  }
+  return "";
+}
+
+bool IsDirectory(const std::string& path, int access_mode) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && access(path.c_str(), access_mode) == 0;
+}
+
+// What `shell` prints for an echo -e with an escape, through the library's launcher.
+std::string EchoEscapes(const std::string& shell) {
+  ChildProcess child;
+  child.Args = {shell, "-c", "echo -e 'a\\nb'"};
+  int out = -1;
+  child.AddRedirection(1, &out, true);
+  if (child.ForkExec() == -1) return "";
+  std::string text;
+  char buffer[256];
+  for (ssize_t n; (n = read(out, buffer, sizeof buffer)) > 0;) text.append(buffer, n);
+  ChildProcess::SafeClose(out);
+  return child.Wait() == 0 ? text : "";
+}
+
+}  // namespace
+
+Json Doctor(const std::string& shell) {
+  Json checks = Json::array();
+  bool all = true;
+  const auto check = [&](const std::string& name, bool ok, const std::string& todo) {
+    checks.push_back({{"check", name}, {"ok", ok}, {"detail", ok ? "ok" : todo}});
+    all = all && ok;
+  };
+  check("root", geteuid() == 0, "run as root: the library partitions, mounts and writes to sysfs");
+  for (const auto& tool : kTools) check(tool[0], !FindInPath(tool[0]).empty(), std::string("not in PATH: ") + tool[1]);
+  check("shell " + shell, EchoEscapes(shell) == "a\nb\n",
+        "its echo -e does not interpret escapes (dash?), which the partitioning step needs: make /bin/sh bash");
+  const std::string root = Common::ToUtf8(MigrationManagement::StorageConfig::GetStoragesRoot());
+  check("mount root " + root, IsDirectory(root, W_OK), "missing or not writable: mkdir -p " + root);
+  const std::string registry = Common::ToUtf8(REG_LINUX_DIR, Common::Length(REG_LINUX_DIR));
+  check("registry " + registry, IsDirectory(registry, W_OK), "missing or not writable: mkdir -p " + registry);
+  check("lock directory /tmp", IsDirectory("/tmp", W_OK), "/tmp must be a writable directory");
+  return {{"checks", checks}, {"ok", all}};
+}
+
+}  // namespace Storagectl

@@ -1,0 +1,171 @@
+// storagectl: the appliance's local storages for administrators. Exit status: 0
+// success, 1 an error (the library's whole error chain is printed), 2 a usage error.
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+
+#include "core/common/unicode.h"
+#include "core/trace/trace_tools.h"
+#include "storagectl.h"
+
+using namespace Storagectl;
+
+namespace {
+
+// --trace: every event of the library on standard error.
+class TracePrinter : public TraceTools::TraceSubscriber {
+ public:
+  TracePrinter() { TraceTools::Subscribe(this); }
+  ~TracePrinter() override { TraceTools::Unsubscribe(this); }
+  bool WantsEveryEvent() const override { return true; }
+  void OnTraceEvent(const TraceTools::TraceEvent& e) override {
+    std::cerr << "trace " << e.level << " " << e.code << ": " << Common::ToUtf8(e.text, e.length) << std::endl;
+  }
+};
+
+// The innermost command that the arguments reached.
+const CLI::App* Reached(const CLI::App* app) {
+  const auto subs = app->get_subcommands();
+  return subs.empty() ? app : Reached(subs.front());
+}
+
+std::string UsageLine(const CLI::App* app) {
+  std::string name = app->get_name();
+  for (const CLI::App* p = app->get_parent(); p; p = p->get_parent()) name = p->get_name() + " " + name;
+  return CLI::Formatter().make_usage(app, name);
+}
+
+int Usage(const CLI::App* app, const std::string& message) {
+  std::cerr << "storagectl: " << message << '\n' << UsageLine(app);
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app(
+      "Administers the appliance's local storages through libappliance_storage: lists the disks and the "
+      "storages (mounted ext4 partitions labelled ZLM...), prepares blank disks, labels, mounts and unmounts "
+      "storages, and checks that the machine has what the library needs.",
+      "storagectl");
+  app.footer(
+      "Exit status: 0 success; 1 an error, printed with its whole chain (code, text, place, causes); 2 a usage "
+      "error, printed with the usage line. --json prints one JSON object per command on standard output (an "
+      "error as {\"error\": {...}}).");
+  app.fallthrough();
+  bool json = false, trace = false;
+  app.add_flag("--json", json, "Print the result as one JSON object");
+  app.add_flag("--trace", trace, "Print the library's trace events to standard error");
+
+  std::map<const CLI::App*, std::function<Json()>> run;
+  const auto command = [&](const char* name, const char* does, const char* changes, std::function<Json()> body) {
+    CLI::App* sub = app.add_subcommand(name, does);
+    sub->footer(std::string("Changes on disk: ") + changes);
+    run[sub] = std::move(body);
+    return sub;
+  };
+
+  command("list", "Lists the storages: mount point and label of every mounted storage partition.", "nothing.",
+          [] { return List(); });
+  bool rescan = false;
+  command("devices",
+          "Lists the disks that the library offers for storages (size, controller, host:channel:target:lun, "
+          "serial) and their partitions (UUID, label, mount point, supported).",
+          "nothing; with --rescan, disks without a mounted partition are removed from the kernel and the SCSI "
+          "hosts rescanned, which brings them back.",
+          [&] { return Devices(rescan); })
+      ->add_flag("--rescan", rescan, "Rescan the SCSI hosts first");
+  std::string device;
+  bool yes = false;
+  CLI::App* prepare =
+      command("prepare",
+              "Makes DEVICE (sdb or /dev/sdb) one storage: one GPT partition, ext4, labelled ZLM. Prints a line per "
+              "step. Asks for confirmation on a terminal; without one, --yes is required.",
+              "destroys everything on DEVICE: zeroes its first sector, writes a new partition table, formats the "
+              "partition and labels it. The library refuses the system disk, a disk with a mounted storage and a disk "
+              "that holds a GPT partition table before writing anything.",
+              [&] {
+                return Prepare(device, yes, [&](const std::string& step) {
+                  if (!json) std::cout << step << std::endl;
+                });
+              });
+  prepare->add_option("DEVICE", device, "The disk, as 'storagectl devices' names it")->required();
+  prepare->add_flag("--yes", yes, "Do not ask for confirmation");
+  std::string partition, name;
+  std::optional<std::string> label;
+  CLI::App* labelCmd =
+      command("label", "Prints the label of PARTITION without its ZLM prefix, or sets it to ZLM+LABEL.",
+              "with LABEL, the file-system label of PARTITION (tune2fs).", [&] { return Label(partition, label); });
+  labelCmd->add_option("PARTITION", partition, "The partition (sdb1)")->required();
+  labelCmd->add_option("LABEL", label, "The new label, without the ZLM prefix");
+  CLI::App* mount =
+      command("mount", "Mounts PARTITION on the directory NAME below the mount root, creating it.",
+              "the mount table; an unlabelled file system gets the label ZLM.", [&] { return Mount(partition, name); });
+  mount->add_option("PARTITION", partition, "The partition (sdb1)")->required();
+  mount->add_option("NAME", name, "The mount directory's name, one path component")->required();
+  command("unmount", "Unmounts PARTITION and removes its mount directory.", "the mount table.",
+          [&] { return Unmount(partition); })
+      ->add_option("PARTITION", partition, "The partition (sdb1)")
+      ->required();
+  command("temporary",
+          "Lists the disks marked with the attribute Temporary and drops the attribute records of disks that "
+          "are gone.",
+          "nothing on the disks; the registry's records of absent disks.", [] { return Temporary(); });
+  std::string action, disk;
+  std::optional<std::string> attribute, value;
+  CLI::App* attributes = command(
+      "attributes",
+      "Shows (get DISK [NAME]), sets (set DISK NAME VALUE) or removes (remove DISK NAME) the attributes that the "
+      "appliance keeps for a SCSI disk. A disk with the attribute Temporary is hidden from storages.",
+      "nothing on the disk; its record in the registry.", [&] { return Attributes(action, disk, attribute, value); });
+  attributes->add_option("ACTION", action, "get, set or remove")
+      ->required()
+      ->check(CLI::IsMember({"get", "set", "remove"}));
+  attributes->add_option("DISK", disk, "The disk (sdb)")->required();
+  attributes->add_option("NAME", attribute, "The attribute's name");
+  attributes->add_option("VALUE", value, "The attribute's value (set)");
+  command("rescan", "Rescans the SCSI hosts and disks and lists the disks that came or went.",
+          "nothing on the disks; the kernel's list of disks.", [] { return Rescan(); });
+  std::string shell = std::getenv("STORAGECTL_SHELL") ? std::getenv("STORAGECTL_SHELL") : "/bin/sh";
+  command("doctor",
+          "Checks what the library needs, one line each, ok or what to do: root, the tools in PATH, a shell "
+          "whose echo -e interprets escapes, the mount root, the registry and lock directories. Exits 1 when "
+          "something is missing.",
+          "nothing.", [&] { return Doctor(shell); })
+      ->add_option("--shell", shell, "The shell to check (default $STORAGECTL_SHELL or /bin/sh)");
+  command("version", "Prints the library's version and module identity.", "nothing.", [] { return Version(); });
+  CLI::App* man = app.add_subcommand("man", "Prints the manual page in roff")->group("");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    return Usage(Reached(&app), e.what());
+  }
+  const CLI::App* chosen = Reached(&app);
+  if (chosen == &app) return Usage(&app, "a command is required");
+  if (chosen == man) return std::cout << ManPage(app), 0;
+  std::optional<TracePrinter> printer;
+  if (trace) printer.emplace();
+  Json result;
+  try {
+    result = run.at(chosen)();
+  } catch (const Refusal& r) {
+    if (r.exitCode == 2) return Usage(chosen, r.message);
+    std::cerr << "storagectl: " << r.message << '\n';
+    return r.exitCode;
+  } catch (const Common::Error& e) {
+    if (json) std::cout << Json{{"error", ErrorJson(e)}}.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+    PrintError(e, stderr);
+    return 1;
+  }
+  if (json)
+    std::cout << result.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+  else
+    PrintText(chosen->get_name(), result);
+  return result.value("ok", true) ? 0 : 1;
+}

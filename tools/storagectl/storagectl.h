@@ -1,0 +1,51 @@
+#pragma once
+// storagectl: the administrators' tool over the library's public interface. Each
+// command returns its result as one JSON object; the text view is made from it.
+#include <cstdio>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "core/common/error.h"
+
+namespace CLI {
+class App;
+}
+
+namespace Storagectl {
+
+using Json = nlohmann::json;
+
+// Input the tool itself turns down: one line, exit code 1, or 2 for a usage error.
+struct Refusal {
+  std::string message;
+  int exitCode = 1;
+};
+
+Json List();
+Json Devices(bool rescan);
+// Asks on a terminal unless `yes`; `step` gets each step as the library traces it.
+Json Prepare(const std::string& device, bool yes, const std::function<void(const std::string&)>& step);
+Json Label(const std::string& partition, const std::optional<std::string>& label);
+Json Mount(const std::string& partition, const std::string& name);
+Json Unmount(const std::string& partition);
+Json Temporary();
+Json Attributes(const std::string& action, const std::string& disk, const std::optional<std::string>& name,
+                const std::optional<std::string>& value);
+Json Rescan();
+// `shell` is the shell the library's command lines run in ("/bin/sh").
+Json Doctor(const std::string& shell);
+Json Version();
+
+// The human-readable view of a command's result, on stdout.
+void PrintText(const std::string& command, const Json& result);
+
+// The manual page, in roff, from the help texts of `app` and its commands.
+std::string ManPage(const CLI::App& app);
+
+// The whole chain: code, text and place of each error, causes indented.
+void PrintError(const Common::Error& error, std::FILE* out);
+Json ErrorJson(const Common::Error& error);
+
+}  // namespace Storagectl
