@@ -268,9 +268,3 @@ void FakeMachine::Replay(const std::string& fixture) {
 }
 
 }  // namespace FakeMachineTesting
-
-int main(int argc, char** argv) {
-  FakeMachineTesting::FakeMachine::EnterNamespace();
-  ::testing::InitGoogleTest(&argc, argv);
-  return RUN_ALL_TESTS();
-}
