@@ -97,6 +97,7 @@ TEST(Storagectl, RefusesBadInputAndReportsErrorsChangingNothing) {
       {{"prepare", "sdb", "--yes"}, 1, "0x720021"},
       {{"mount", "sdz1", "st2"}, 1, "'sdz1'"},
       {{"mount", "sdb1", "a/b"}, 1, "0x720023"},
+      {{"label", "sdb1", "fourteen-bytes"}, 1, "too long"},
       {{"attributes", "set", "sdb", "Temporary"}, 2, "DISK NAME VALUE"},
       {{"attributes", "get", "sdz"}, 1, "'sdz'"},
   };

@@ -22,6 +22,7 @@
 // Threads: GetBlockDevices serialises with other processes and threads on the disk
 // subsystem's lock. A BlockDevice may be read from several threads while one reloads
 // it. A Partition has no lock: do not change one object from two threads at once.
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -115,6 +116,10 @@ class AS_EXPORT BlockDevice : public std::enable_shared_from_this<BlockDevice> {
 
 class AS_EXPORT Partition {
  public:
+  // Bytes of a label that an ext2/3/4 file system keeps after the "ZLM" prefix (16 in
+  // all). SetLabel leaves longer labels to tune2fs, which cuts them.
+  static constexpr size_t kMaxLabelLength = 13;
+
   // Reads the file-system UUID (blkid), size and number (sysfs) and where the
   // partition is mounted. Throws 0x720048 when blkid gives no UUID.
   Partition(const std::shared_ptr<BlockDevice>& device, const String& name);
