@@ -6,7 +6,7 @@ build=(cmake ninja-build g++ pkg-config ccache libicu-dev libpugixml-dev libudev
 tests=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev
        qemu-system-x86 linux-image-amd64 busybox-static kmod cpio xz-utils)
 case "${1:-test}" in
-  demo) wanted=("${build[@]}" qemu-system-x86 linux-image-amd64 busybox-static kmod) ;;
+  demo) wanted=("${build[@]}" qemu-system-x86 linux-image-amd64 busybox-static kmod xz-utils) ;;
   *) wanted=("${build[@]}" "${tests[@]}") ;;
 esac
 missing=()

@@ -116,6 +116,9 @@ Registry::MultiString ReadPairs(const Registry::Key& record) {
 Common::Error ChangeAttribute(const GUID& id, const String& name, const std::optional<String>& value) {
   const String text = id.ToWideString();
   try {
+    // Every disk without one would share the all-zero record.
+    if (id.IsNull())
+      throw Common::Error(kErrorDisk, GetTextFromMessageFile(Messages::DiskHasNoSerialIdentifier), AS_HERE);
     const Registry::Key root = Detail::OpenAttributesRoot();
     Registry::Key record;
     if (root.OpenChild(text, record)) {
@@ -142,7 +145,7 @@ Common::Error ChangeAttribute(const GUID& id, const String& name, const std::opt
     return {};
   } catch (const Common::Error& e) {
     return Common::Error(kErrorDisk,
-                         Core::FormatString(u"Failed to change attribute '{0}' of hard disk '{1}'.", name, text),
+                         Core::FormatMessage(Messages::FailedToChangeDiskAttribute, name, text),
                          AS_HERE)
         .WithCause(e);
   }
