@@ -1,0 +1,130 @@
+// Faults on the appliance VM's two 12 GiB disks (../CMakeLists.txt), in order: both become storages,
+// each leaves the kernel during a listing, the second's storage is unmounted while busy, the first's
+// partition is mounted write-protected, then holding swap, then bare. Checked against the kernel.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "../../support/child.h"
+#include "core/common/unicode.h"
+#include "core/linex/linux_misc.h"
+#include "virtualization/common/storage/storage_config.h"
+#include "virtualization/common/storage/storage_manager.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Common::FromUtf8, Common::ToUtf8;
+using Manager = Virtualization::Appliance::StoragesManager;
+const std::string kRoot = "/mnt/local_storages/";
+// The disks in target order: a deleted disk's name is free again when the rescan finds it.
+const std::string kDisk1 = "sda", kDisk2 = "sdb";
+
+// The codes of an error and its causes; an outside call's status follows its code.
+std::string Codes(Common::Error e) {
+  std::ostringstream out;
+  for (; e; e = e.GetCause()) {
+    const std::string text = ToUtf8(e.GetText());
+    out << std::hex << e.GetCode() << " " << (e.GetCode() == 0x720004 ? text.substr(text.rfind(' ') + 1) : "");
+  }
+  return out.str();
+}
+// "rw" or "ro" from /dev/<part>'s line in /proc/mounts, empty when it is not mounted.
+std::string MountOptions(const std::string& part) {
+  std::ifstream in("/proc/mounts");
+  std::string device, dir, type, options, rest;
+  while (in >> device >> dir >> type >> options && std::getline(in, rest) && device != "/dev/" + part) options.clear();
+  return options.substr(0, 2);
+}
+// What a listing offers, as "disk:partitions," items, or the codes of its error.
+std::string Offered(bool rescan = false) try {
+  std::string names;
+  for (const auto& d : Manager().GetBlockDevices(rescan))
+    names += ToUtf8(d->GetName()) + ":" + std::to_string(d->GetPartitions().size()) + ",";
+  return names;
+} catch (const Common::Error& e) {
+  return Codes(e);
+}
+auto PartitionOf(size_t disk) { return Manager().GetBlockDevices(false).at(disk)->GetPartitions().at(0); }
+// Nothing is left behind: no mount directory, no child (running or unreaped).
+void ExpectNothingLeft() {
+  EXPECT_TRUE(fs::is_empty(kRoot));
+  EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD);
+}
+
+// Both disks become storages. Then blkid, the first tool of a listing after the enumeration,
+// deletes the armed disk before it runs.
+TEST(Faults, ADiskLeavingTheKernelDuringAListing) {
+  for (const auto& disk : Manager().GetBlockDevices(false)) ASSERT_EQ("", Codes(disk->CreateBackupPartition()));
+  ASSERT_EQ(kDisk1 + ":1," + kDisk2 + ":1,", Offered());
+  fs::create_directories("/tmp/zl_bin");
+  std::ofstream("/tmp/zl_bin/blkid") << "#!/bin/bash\nread -r d < /tmp/zl_arm && rm /tmp/zl_arm &&\n"
+                                        "echo 1 > /sys/block/$d/device/delete\nPATH=${PATH#*:}\nexec blkid \"$@\"\n";
+  fs::permissions("/tmp/zl_bin/blkid", fs::perms::owner_all);
+  const std::string path = std::getenv("PATH");
+  ASSERT_EQ(0, setenv("PATH", ("/tmp/zl_bin:" + path).c_str(), 1));
+  const struct { std::string victim, listed; std::string (*list)(); } cases[] = {
+      {kDisk1, "72001f 720048 ", [] {  // the disk being probed: its blkid finds no device
+         std::vector<MigrationManagement::StorageConfig::Storage> storages;
+         return Codes(MigrationManagement::StorageConfig::GetCurrentStorageConfig()->GetStoragesList(storages));
+       }},
+      {kDisk2, kDisk1 + ":1,", [] { return Offered(); }},  // the next one: no size, no partitions, left out
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.victim);
+    std::ofstream("/tmp/zl_arm") << c.victim << "\n";
+    EXPECT_EQ(c.listed, c.list());
+    EXPECT_FALSE(fs::exists("/tmp/zl_arm") || fs::exists("/sys/block/" + c.victim));
+    EXPECT_EQ(kDisk1 + ":1," + kDisk2 + ":1,", Offered(true));
+    ExpectNothingLeft();
+  }
+  ASSERT_EQ(0, setenv("PATH", path.c_str(), 1));
+}
+
+// A user's working directory inside holds the storage mounted, as the library knows it.
+TEST(Faults, ABusyStorageStaysMountedUntilItsUserLeaves) {
+  const auto partition = PartitionOf(1);
+  ASSERT_EQ("", Codes(partition->Mount(FromUtf8("busy"))));
+  ASSERT_EQ(0, chdir((kRoot + "busy").c_str()));
+  const pid_t user = TestSupport::StartChild([] { return pause(); });
+  ASSERT_EQ(0, chdir("/"));
+  EXPECT_EQ("720024 720004 32.", Codes(partition->Unmount()));
+  EXPECT_EQ("rw", MountOptions(kDisk2 + "1"));
+  EXPECT_EQ("busy", ToUtf8(partition->GetMountPoint()));
+  ASSERT_EQ(0, kill(user, SIGTERM));
+  EXPECT_EQ(128 + SIGTERM, TestSupport::ExitCode(TestSupport::WaitChild(user)));
+  EXPECT_EQ("", Codes(partition->Unmount()));
+  ExpectNothingLeft();  // the directory went: the file system was unmounted
+}
+
+TEST(Faults, MountsThatFailOrFallBackToReadOnly) {
+  const std::string disk = "/dev/" + kDisk1, part = kDisk1 + "1";
+  const struct { std::string setup, codes, mounted; } cases[] = {
+      {"blockdev --setro " + disk, "", "ro"},  // mount falls back to read-only
+      // Mounted read-only, then the foreign label cannot be replaced: the mount stays, unknown.
+      {"blockdev --setrw " + disk + " && e2label " + disk + "1 x && blockdev --setro " + disk, "720026 720004 1.", "ro"},
+      {"blockdev --setrw " + disk + " && mkswap -q " + disk + "1", "720023 720004 32.", ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.setup);
+    ASSERT_EQ(0, RunCommand(c.setup));
+    const auto partition = PartitionOf(0);
+    EXPECT_EQ(c.codes, Codes(partition->Mount(FromUtf8("st"))));
+    EXPECT_EQ(c.mounted, MountOptions(part));
+    EXPECT_TRUE(fs::is_directory(kRoot + "st"));
+    EXPECT_EQ(c.codes.empty() ? "st" : "", ToUtf8(partition->GetMountPoint()));
+    if (c.codes.empty()) EXPECT_EQ("", Codes(partition->Unmount()));
+    else EXPECT_EQ(0, RunCommand("umount -q " + kRoot + "st; rmdir " + kRoot + "st"));
+    ExpectNothingLeft();
+  }
+  // No file system at all: the partition cannot be read, so no listing succeeds.
+  ASSERT_EQ(0, RunCommand("wipefs -qa " + disk + "1 && rm -f /run/blkid/blkid.tab"));  // blkid's cache
+  EXPECT_EQ("72001f 720048 ", Offered());
+}
+
+}  // namespace
