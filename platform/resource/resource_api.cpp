@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -19,15 +20,33 @@ namespace {
 // Message files are small; anything bigger is not one of ours.
 constexpr off_t kMaxMessageFile = 16 << 20;
 
+// "ru_RU.UTF-8", "ru@latin" and "ru" give "ru"; "C", "POSIX" and anything that is
+// not a language code give "en", the built-in texts.
+std::string LanguageOf(const char* locale) {
+  std::string language;
+  for (const char* c = locale; c != nullptr && *c != '\0' && *c != '_' && *c != '.' && *c != '@'; ++c)
+    language += static_cast<char>(std::tolower(static_cast<unsigned char>(*c)));
+  const bool code = (language.size() == 2 || language.size() == 3) &&
+                    std::all_of(language.begin(), language.end(), [](char c) { return c >= 'a' && c <= 'z'; });
+  return code ? language : "en";
+}
+
 struct State {
   std::mutex mutex;
   std::string language;
   unsigned long nextHandle = 1;
   std::vector<std::pair<unsigned long, std::pair<LanguageCallback, void*>>> subscribers;
 
+  // The locale of messages, as the C library would choose it.
   State() {
-    const char* lang = std::getenv("ZEMLORA_LANGUAGE");
-    language = lang && *lang ? lang : "en";
+    for (const char* variable : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
+      const char* locale = std::getenv(variable);
+      if (locale != nullptr && *locale != '\0') {
+        language = LanguageOf(locale);
+        return;
+      }
+    }
+    language = "en";
   }
 };
 
@@ -74,7 +93,7 @@ void SetLanguage(const char* language) {
   decltype(s.subscribers) subscribers;
   {
     std::lock_guard<std::mutex> lock(s.mutex);
-    s.language = language && *language ? language : "en";
+    s.language = LanguageOf(language);
     subscribers = s.subscribers;
   }
   // Outside the lock: a subscriber may ask for the language or load a file.

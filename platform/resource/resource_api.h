@@ -4,8 +4,10 @@
 // library of the same interface in its place.
 //
 // Message files are looked up as <resource dir>/<language>/<name>. The resource
-// directory is $ZEMLORA_RESOURCE_DIR, else the installed one; the language is set
-// with SetLanguage(), initially $ZEMLORA_LANGUAGE, else "en" (built-in texts only).
+// directory is $ZEMLORA_RESOURCE_DIR, else the installed one. The language comes from
+// the locale of messages at start (the first set of $LC_ALL, $LC_MESSAGES, $LANG:
+// "ru_RU.UTF-8" gives "ru"; "C", "POSIX" or none give "en", the built-in texts) and is
+// changed at run time with SetLanguage().
 #include <cstddef>
 
 #define RESOURCE_API __attribute__((visibility("default")))
@@ -20,7 +22,8 @@ RESOURCE_API void UnsubscribeLanguageEvents(unsigned long handle);
 
 // The current language ("en", "ru", ...). Copies at most size - 1 bytes.
 RESOURCE_API void GetLanguage(char* buffer, size_t size);
-// Changes the language and calls every subscriber on the calling thread.
+// Changes the language ("ru", or a locale name such as "ru_RU.UTF-8") and calls
+// every subscriber on the calling thread.
 RESOURCE_API void SetLanguage(const char* language);
 
 // Loads the message file `name` of the current language. On success *data is a

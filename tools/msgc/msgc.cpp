@@ -1,18 +1,27 @@
-// Compiles a message catalogue ("Name = text" lines, UTF-8) into
-//   header: the message numbers, one TextFromMessageFile constant per message;
-//   source: the built-in message-text block as a C++ array;
-//   binary: a message file of another language, numbered like the reference catalogue.
+// Compiles the gettext message catalogues of the library:
+//   header TEMPLATE OUT        the message numbers, one TextFromMessageFile constant per message;
+//   source TEMPLATE OUT        the built-in (English) message-text block as a C++ array;
+//   binary CATALOGUE OUT TEMPLATE
+//                              a message file of another language, numbered like the template;
+//   check TEMPLATE CATALOGUE... every message translated, placeholders alike in both.
+//
+// The template (.pot) and the catalogues (.po) are ordinary PO files: msgctxt holds the
+// message's name, which keeps its number stable, msgid the English text, msgstr the
+// translation. A fuzzy, empty or stale (msgid no longer the template's) translation is
+// not used: that message keeps its English text.
 //
 // Block layout (all words little-endian, 32-bit):
 //   [total size][magic 1636][message count][one entry per message][UTF-16 texts]
 // Each entry holds the distance in bytes from the entry itself to its NUL-terminated text.
 #include <unicode/ustring.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -20,8 +29,11 @@
 namespace {
 
 struct Message {
-  std::string name;
-  std::string text;
+  std::string name;  // msgctxt
+  std::string text;  // msgid
+  std::string translation;
+  bool fuzzy = false;
+  std::string where;
 };
 
 [[noreturn]] void Fail(const std::string& what) {
@@ -29,18 +41,22 @@ struct Message {
   std::exit(1);
 }
 
-std::string Unescape(const std::string& s, const std::string& where) {
+// The body of a quoted PO string: "..." with C escapes.
+std::string Unquote(const std::string& s, const std::string& where) {
+  if (s.size() < 2 || s.front() != '"' || s.back() != '"') Fail(where + ": expected a quoted string");
   std::string out;
-  for (size_t i = 0; i < s.size(); ++i) {
+  for (size_t i = 1; i + 1 < s.size(); ++i) {
+    if (s[i] == '"') Fail(where + ": unescaped quotation mark");
     if (s[i] != '\\') {
       out += s[i];
       continue;
     }
-    if (++i == s.size()) Fail(where + ": trailing backslash");
+    if (++i + 1 == s.size()) Fail(where + ": trailing backslash");
     switch (s[i]) {
       case 'n': out += '\n'; break;
       case 't': out += '\t'; break;
       case '\\': out += '\\'; break;
+      case '"': out += '"'; break;
       default: Fail(where + ": unknown escape");
     }
   }
@@ -51,20 +67,66 @@ std::vector<Message> ReadCatalogue(const std::string& path) {
   std::ifstream in(path);
   if (!in) Fail("cannot open " + path);
   std::vector<Message> messages;
-  std::map<std::string, int> seen;
+  Message m;
+  std::string* field = nullptr;  // the keyword whose string continues on the next lines
+  std::string keyword;
+  bool fuzzy = false, header = false;
+  const auto finish = [&] {
+    if (keyword.empty()) return;
+    if (m.text.empty()) {  // the header entry
+      if (header) Fail(m.where + ": a second entry without msgid");
+      if (m.translation.find("charset=UTF-8") == std::string::npos) Fail(m.where + ": the header must say charset=UTF-8");
+      header = true;
+    } else {
+      if (m.name.empty()) Fail(m.where + ": no msgctxt (the message's name)");
+      for (char c : m.name)
+        if (!isalnum(static_cast<unsigned char>(c)) && c != '_') Fail(m.where + ": bad name " + m.name);
+      for (const Message& other : messages)
+        if (other.name == m.name) Fail(m.where + ": duplicate " + m.name);
+      m.fuzzy = fuzzy;
+      messages.push_back(m);
+    }
+    m = Message{};
+    keyword.clear();
+    field = nullptr;
+    fuzzy = false;
+  };
   std::string line;
   for (int number = 1; std::getline(in, line); ++number) {
     const std::string where = path + ":" + std::to_string(number);
+    if (!line.empty() && line.back() == '\r') line.pop_back();
     const size_t first = line.find_first_not_of(" \t");
-    if (first == std::string::npos || line[first] == '#') continue;
-    const size_t eq = line.find(" = ");
-    if (eq == std::string::npos) Fail(where + ": expected 'Name = text'");
-    Message m{line.substr(first, eq - first), Unescape(line.substr(eq + 3), where)};
-    for (char c : m.name)
-      if (!isalnum(static_cast<unsigned char>(c)) && c != '_') Fail(where + ": bad name");
-    if (!seen.emplace(m.name, number).second) Fail(where + ": duplicate " + m.name);
-    messages.push_back(m);
+    if (first == std::string::npos) continue;
+    line.erase(0, first);
+    if (line[0] == '#') {
+      if (line.rfind("#~", 0) == 0) continue;  // obsolete entry
+      if (keyword == "msgstr") finish();
+      if (line.rfind("#,", 0) == 0 && line.find("fuzzy") != std::string::npos) fuzzy = true;
+      continue;
+    }
+    if (line[0] == '"') {
+      if (field == nullptr) Fail(where + ": a string outside an entry");
+      *field += Unquote(line, where);
+      continue;
+    }
+    const size_t space = line.find(' ');
+    const std::string word = line.substr(0, space);
+    if (space == std::string::npos) Fail(where + ": expected a keyword and a string");
+    if (word == "msgctxt" || (word == "msgid" && keyword != "msgctxt")) finish();
+    if (m.where.empty()) m.where = where;
+    if (word == "msgctxt" && keyword.empty())
+      field = &m.name;
+    else if (word == "msgid" && (keyword.empty() || keyword == "msgctxt"))
+      field = &m.text;
+    else if (word == "msgstr" && keyword == "msgid")
+      field = &m.translation;
+    else
+      Fail(where + ": unexpected " + word + " (plural forms are not used)");
+    keyword = word;
+    *field = Unquote(line.substr(line.find_first_not_of(' ', space)), where);
   }
+  finish();
+  if (!header) Fail(path + ": no header entry");
   return messages;
 }
 
@@ -72,11 +134,86 @@ std::u16string ToUtf16(const std::string& s) {
   std::u16string out(s.size() + 1, u'\0');
   int32_t length = 0;
   UErrorCode status = U_ZERO_ERROR;
-  u_strFromUTF8WithSub(out.data(), static_cast<int32_t>(out.size()), &length, s.data(),
-                       static_cast<int32_t>(s.size()), 0xFFFD, nullptr, &status);
+  u_strFromUTF8(out.data(), static_cast<int32_t>(out.size()), &length, s.data(), static_cast<int32_t>(s.size()),
+                &status);
   if (U_FAILURE(status)) Fail("bad UTF-8 in: " + s);
   out.resize(static_cast<size_t>(length));
   return out;
+}
+
+// The placeholders of a pattern, each as "argument,type,style" with blanks trimmed. A
+// choice or concord style holds texts of the language: only the placeholders nested
+// in it count. Text between quotation marks (U+F800) is literal.
+std::multiset<std::string> Placeholders(const std::string& pattern) {
+  static const std::string kQuote = "\xEF\xA0\x80";
+  std::multiset<std::string> found;
+  std::vector<std::string> segments;
+  int depth = 0;
+  bool quoted = false;
+  size_t start = 0;
+  for (size_t i = 0; i < pattern.size(); ++i) {
+    if (pattern.compare(i, kQuote.size(), kQuote) == 0) {
+      quoted = !quoted;
+      i += kQuote.size() - 1;
+      continue;
+    }
+    if (quoted) continue;
+    if (pattern[i] == '{' && depth++ == 0) {
+      segments.clear();
+      start = i + 1;
+    } else if (depth == 1 && (pattern[i] == ',' || pattern[i] == '}')) {
+      std::string s = pattern.substr(start, i - start);
+      s.erase(0, s.find_first_not_of(' '));
+      s.erase(s.find_last_not_of(' ') + 1);
+      segments.push_back(s);
+      start = i + 1;
+      if (pattern[i] == ',') continue;
+      --depth;
+      std::string signature = segments[0] + "," + (segments.size() > 1 ? segments[1] : "");
+      std::string style;
+      for (size_t k = 2; k < segments.size(); ++k) style += (k > 2 ? "," : "") + segments[k];
+      if (segments.size() > 1 && (segments[1] == "choice" || segments[1] == "concord")) {
+        for (const std::string& nested : Placeholders(style)) signature += ",{" + nested + "}";
+      } else {
+        signature += "," + style;
+      }
+      found.insert(signature);
+    } else if (pattern[i] == '}' && depth > 0) {
+      --depth;
+    }
+  }
+  if (depth != 0 || quoted) found.insert("(unbalanced)");
+  return found;
+}
+
+struct Problem {
+  std::string text;
+  bool wrong;  // placeholders unlike the English: never to be shipped
+};
+
+// The texts of the template's messages in `catalogue`'s language; what keeps a message
+// English (missing, untranslated, fuzzy, stale, wrong placeholders) is added to `problems`.
+std::vector<std::string> Translate(const std::vector<Message>& reference, const std::vector<Message>& catalogue,
+                                   std::vector<Problem>& problems) {
+  std::map<std::string, const Message*> byName;
+  for (const Message& m : catalogue) byName[m.name] = &m;
+  std::vector<std::string> texts;
+  for (const Message& r : reference) {
+    auto it = byName.find(r.name);
+    const Message* m = it == byName.end() ? nullptr : it->second;
+    if (m != nullptr) byName.erase(it);
+    const char* why = m == nullptr                ? "missing"
+                      : m->translation.empty()    ? "not translated"
+                      : m->fuzzy                  ? "fuzzy"
+                      : m->text != r.text         ? "stale: its msgid is not the template's"
+                                                  : nullptr;
+    const bool wrong = why == nullptr && Placeholders(m->translation) != Placeholders(r.text);
+    if (wrong) why = "the placeholders differ from the English ones";
+    if (why != nullptr) problems.push_back({(m ? m->where + ": " : "") + r.name + ": " + why, wrong});
+    texts.push_back(why == nullptr ? m->translation : r.text);
+  }
+  if (!byName.empty()) Fail(byName.begin()->second->where + ": unknown message " + byName.begin()->first);
+  return texts;
 }
 
 void Put32(std::vector<uint8_t>& b, size_t at, uint32_t v) {
@@ -113,8 +250,15 @@ void WriteFile(const std::string& path, const std::string& content) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 4) Fail("usage: msgc header|source|binary CATALOGUE OUTPUT [REFERENCE]");
+  if (argc < 4) Fail("usage: msgc header|source|binary|check ...");
   const std::string mode = argv[1];
+  if (mode == "check") {
+    const std::vector<Message> reference = ReadCatalogue(argv[2]);
+    std::vector<Problem> problems;
+    for (int i = 3; i < argc; ++i) Translate(reference, ReadCatalogue(argv[i]), problems);
+    for (const Problem& p : problems) std::cerr << "msgc: " << p.text << "\n";
+    return problems.empty() ? 0 : 1;
+  }
   const std::vector<Message> messages = ReadCatalogue(argv[2]);
   std::ostringstream out;
   if (mode == "header") {
@@ -133,23 +277,15 @@ int main(int argc, char** argv) {
         << block.size() << "] = {";
     for (size_t i = 0; i < block.size(); ++i) out << (i % 16 ? " " : "\n  ") << int(block[i]) << ",";
     out << "\n};\n}  // namespace Common::Detail\n";
-  } else if (mode == "binary") {
-    if (argc < 5) Fail("binary needs the reference catalogue");
-    const std::vector<Message> reference = ReadCatalogue(argv[4]);
-    std::map<std::string, std::string> translated;
-    for (const Message& m : messages) translated[m.name] = m.text;
-    std::vector<std::string> texts;
-    for (const Message& m : reference) {
-      auto it = translated.find(m.name);
-      texts.push_back(it != translated.end() ? it->second : m.text);
-      if (it != translated.end()) translated.erase(it);
-    }
-    if (!translated.empty()) Fail(std::string(argv[2]) + ": unknown message " + translated.begin()->first);
-    const std::vector<uint8_t> block = BuildBlock(texts);
+  } else if (mode == "binary" && argc >= 5) {
+    std::vector<Problem> untranslated;  // they keep the English text
+    const std::vector<uint8_t> block = BuildBlock(Translate(ReadCatalogue(argv[4]), messages, untranslated));
+    for (const Problem& p : untranslated)
+      if (p.wrong) Fail(p.text);
     WriteFile(argv[3], std::string(block.begin(), block.end()));
     return 0;
   } else {
-    Fail("unknown mode " + mode);
+    Fail("unknown mode or missing arguments: " + mode);
   }
   WriteFile(argv[3], out.str());
   return 0;

@@ -10,6 +10,7 @@
 #include "core/common/message_ids.h"
 #include "core/common/message_text.h"
 #include "core/common/module_internal.h"
+#include "core/trace/trace_tools.h"
 #include "resource_api.h"
 
 namespace Common::Detail {
@@ -37,6 +38,7 @@ namespace {
 
 constexpr uint32_t kMessageTableMagic = 1636;
 constexpr size_t kHeaderWords = 3;  // size, magic, message count
+constexpr int32_t kTraceMessages = 215;  // the library's own area
 
 uint32_t Word(const void* table, size_t index) {
   uint32_t w;
@@ -65,6 +67,23 @@ LoadedTables& Loaded() {
   return loaded;
 }
 
+// The table that `data` (checked, `size` bytes) becomes: a kept one of the same bytes,
+// so that switching back and forth costs no memory, or `data`, kept from now on.
+const void* Keep(LoadedTables& loaded, void* data, size_t size) {
+  for (void* t : loaded.tables)
+    if (Word(t, 0) == size && std::memcmp(t, data, size) == 0) {
+      ResourceApi::FreeMessageFile(data);
+      return t;
+    }
+  try {
+    loaded.tables.push_back(data);
+  } catch (...) {
+    ResourceApi::FreeMessageFile(data);
+    return DefaultTextsBase;
+  }
+  return data;
+}
+
 void OnLanguageChange(void*) { ReloadMessageTable(); }
 
 struct Subscription {
@@ -81,29 +100,25 @@ struct LoadAtStart {
 
 }  // namespace
 
-bool IsValidMessageTable(const void* data, size_t size) noexcept {
-  if (data == nullptr || size < 8 || size > UINT32_MAX || Word(data, 0) != size ||
-      Word(data, 1) != kMessageTableMagic)
-    return false;
+const char* MessageTableFault(const void* data, size_t size) noexcept {
+  if (data == nullptr || size < 8) return "it is shorter than its size and magic words";
+  if (size > UINT32_MAX || Word(data, 0) != size) return "its size word is not its length";
+  if (Word(data, 1) != kMessageTableMagic) return "its magic word is not 1636";
   // Beyond the two words that the format requires, every entry must point at a
   // NUL-terminated text inside the file, or a lookup would read past it.
-  if (size < 4 * kHeaderWords) return false;
+  if (size < 4 * kHeaderWords) return "it has no message count";
   const uint32_t count = Word(data, 2);
-  if (count > (size - 4 * kHeaderWords) / 4) return false;
+  if (count > (size - 4 * kHeaderWords) / 4) return "its table runs past its end";
   const auto* bytes = static_cast<const uint8_t*>(data);
   for (uint32_t i = 0; i < count; ++i) {
     const size_t entry = 4 * (kHeaderWords + i);
     const size_t text = entry + Word(data, kHeaderWords + i);
-    if (text < entry || text % 2 != 0 || text + 2 > size) return false;
+    if (text < entry || text % 2 != 0 || text + 2 > size) return "an entry points outside the file";
     bool terminated = false;
-    for (size_t at = text; at + 1 < size; at += 2)
-      if (bytes[at] == 0 && bytes[at + 1] == 0) {
-        terminated = true;
-        break;
-      }
-    if (!terminated) return false;
+    for (size_t at = text; at + 1 < size && !terminated; at += 2) terminated = bytes[at] == 0 && bytes[at + 1] == 0;
+    if (!terminated) return "a text runs past its end";
   }
-  return true;
+  return nullptr;
 }
 
 bool IsInCurrentMessageTable(const void* p, size_t bytes) noexcept {
@@ -118,23 +133,28 @@ bool IsInCurrentMessageTable(const void* p, size_t bytes) noexcept {
 void ReloadMessageTable() noexcept {
   void* data = nullptr;
   size_t size = 0;
-  LoadedTables& loaded = Loaded();
-  std::lock_guard<std::mutex> lock(loaded.mutex);
-  if (ResourceApi::LoadMessageFile(MsgFileName, &data, &size)) {
-    if (IsValidMessageTable(data, size)) {
-      try {
-        loaded.tables.push_back(data);
-      } catch (...) {
-        ResourceApi::FreeMessageFile(data);
-        SetCurrentTable(DefaultTextsBase);
-        return;
-      }
-      SetCurrentTable(data);
-      return;
+  const char* fault = nullptr;
+  {
+    LoadedTables& loaded = Loaded();
+    std::lock_guard<std::mutex> lock(loaded.mutex);
+    const void* table = DefaultTextsBase;
+    if (ResourceApi::LoadMessageFile(MsgFileName, &data, &size)) {
+      fault = MessageTableFault(data, size);
+      if (fault == nullptr) table = Keep(loaded, data, size);
+      else ResourceApi::FreeMessageFile(data);
     }
-    ResourceApi::FreeMessageFile(data);
+    SetCurrentTable(table);
   }
-  SetCurrentTable(DefaultTextsBase);
+  // Outside the lock: a trace subscriber may change the language itself.
+  if (fault == nullptr) return;
+  try {
+    char language[64];
+    ResourceApi::GetLanguage(language, sizeof language);
+    TraceTools::Trace(EventLevelWarning, kTraceMessages,
+                      "Message file '{0}' of language '{1}' ({2} bytes) is refused: {3}; the built-in texts are used.",
+                      MsgFileName, language, size, fault);
+  } catch (...) {
+  }
 }
 
 }  // namespace Common::Detail
