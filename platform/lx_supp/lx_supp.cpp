@@ -1,13 +1,12 @@
 #include "lx_supp.h"
+#include "lx_supp_internal.h"
 
 #include <libudev.h>
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -83,27 +82,14 @@ bool Deliver(Listener& self, std::vector<snap_message>& batch) {
   return !self.stop;
 }
 
-bool IsDiskChange(udev_device* device) {
-  const char* action = udev_device_get_action(device);
-  if (!action) return false;
-  return std::strcmp(action, "add") == 0 || std::strcmp(action, "remove") == 0 ||
-         std::strcmp(action, "change") == 0;
-}
-
 // Reads every uevent that is waiting and delivers the disk changes among them.
 // libudev answers null once nothing is waiting, and also for a datagram it refuses
 // (not from the kernel, damaged, overflow): poll then brings the thread back.
 bool Drain(Listener& self) {
   std::vector<snap_message> batch;
   while (udev_device* device = udev_monitor_receive_device(self.monitor)) {
-    if (IsDiskChange(device)) {
-      const dev_t number = udev_device_get_devnum(device);
-      snap_message record{};
-      record.kind = snap_disk_updated;
-      record.major = major(number);
-      record.minor = minor(number);
-      batch.push_back(record);
-    }
+    snap_message record;
+    if (Detail::DiskChangeRecord(device, record)) batch.push_back(record);
     udev_device_unref(device);
     if (batch.size() == kMaxBatch && !Deliver(self, batch)) return false;
   }

@@ -12,6 +12,7 @@
 #include "processor/format/format_message.h"
 #include "virtualization/common/storage/errors.h"
 #include "virtualization/common/storage/impl/storage_internal.h"
+#include "virtualization/common/storage/impl/tool_output.h"
 #include "virtualization/common/storage/storage_manager.h"
 
 namespace Virtualization {
@@ -38,9 +39,7 @@ void Run(const std::string& command, TextFromMessageFile message, const std::str
 bool HasMountedStorage(const std::string& devicePath) {
   const std::string command = "lsblk -n -o mountpoint " + Shell::Word(devicePath);
   std::unique_ptr<FILE, int (*)(FILE*)> stream(POpen(command, "rt"), PClose);
-  bool mounted = false;
-  char line[1024];
-  while (stream && std::fgets(line, sizeof line, stream.get())) mounted = mounted || line[0] != '\n';
+  const bool mounted = stream && Detail::AnyMountpoint(stream.get());
   const int status = stream ? PClose(stream.release()) : -1;
   // Not knowing is no reason to write over a disk.
   if (status != 0)

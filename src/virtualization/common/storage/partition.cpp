@@ -1,5 +1,4 @@
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <string>
 
@@ -11,6 +10,7 @@
 #include "processor/format/format_message.h"
 #include "virtualization/common/storage/errors.h"
 #include "virtualization/common/storage/impl/storage_internal.h"
+#include "virtualization/common/storage/impl/tool_output.h"
 #include "virtualization/common/storage/storage_manager.h"
 
 namespace Virtualization {
@@ -24,19 +24,7 @@ constexpr uint64_t kMinimumPartitionSize = 0x140000000;  // 5 GiB
 // The file-system UUID that blkid reports; all zero when it is no GUID.
 GUID GetPartitionUUID(const String& name) {
   Stream stream(POpen("blkid -o export " + Detail::DevicePath(name), "rt"), PClose);
-  char line[1024];
-  bool atLineStart = true;
-  while (stream && !std::feof(stream.get()) && std::fgets(line, sizeof line, stream.get())) {
-    // The rest of an over-long line is no field of its own.
-    const bool fieldStart = atLineStart;
-    atLineStart = std::strchr(line, '\n') != nullptr;
-    if (!fieldStart || std::strncmp(line, "UUID=", 5) != 0) continue;
-    GUID uuid;
-    GUID::Parse(std::string_view(line + 5), uuid);
-    return uuid;
-  }
-  throw Common::Error(kErrorPartitionUuid, Core::FormatMessage(Messages::FailedToGetPartitionUuid, name),
-                      AS_STORAGE_AT("GetPartitionUUID", 180));
+  return Detail::ReadPartitionUuid(stream.get(), name);
 }
 
 uint64_t ReadPartitionNumber(const String& device, const String& partition, const char* file) {
@@ -63,11 +51,7 @@ String Partition::GetLabelImpl() const {
     TraceTools::TraceError(Detail::kTraceLabels, error, Common::Str(u"GetLabelImpl"));
     return {};
   }
-  char line[256] = {};
-  if (!std::fgets(line, sizeof line, stream.get())) return {};
-  String label;
-  for (size_t i = 0; i < sizeof line && line[i] >= 0x20 && line[i] <= 0x7E; ++i) label += static_cast<unsigned char>(line[i]);
-  return label;
+  return Detail::ReadLabel(stream.get());
 }
 
 String Partition::GetLabel() const {

@@ -1,5 +1,4 @@
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <string>
 
@@ -14,6 +13,7 @@
 #include "processor/format/format_message.h"
 #include "virtualization/common/storage/errors.h"
 #include "virtualization/common/storage/impl/storage_internal.h"
+#include "virtualization/common/storage/impl/tool_output.h"
 
 namespace Virtualization {
 namespace Appliance {
@@ -38,11 +38,7 @@ std::string GetDeviceMointpoint(const std::string& path) {
     AS_LOG(4, AS_LOG_PREFIX "Retrieving mount point of '%s' failed", path.c_str());
     return {};
   }
-  char line[1024] = {};
-  if (!std::fgets(line, sizeof line, stream.get())) return {};
-  size_t end = 0;
-  while (end < sizeof line && line[end] >= 0x20 && line[end] <= 0x7E) ++end;
-  return std::string(line, end);
+  return ReadMountpoint(stream.get());
 }
 
 std::string ReadSysfsFile(const std::string& path) {

@@ -19,6 +19,7 @@
 #include "processor/format/format_message.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/disk.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/errors.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/impl/disk_text.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/host.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/notification.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/utils.h"
@@ -79,15 +80,6 @@ Common::Error InvalidWalk(const Common::ErrorLocation& where, FileSystem::Direct
 bool WaitForChange(const std::shared_ptr<Detail::DiskSubsystemHandler>& handler) {
   Detail::AttachedHandler attached(handler);
   return handler->Execute(kChangeTimeoutMs);
-}
-
-bool SplitAddress(const std::string& entry, uint32_t& host, uint32_t& target) {
-  std::vector<std::string_view> parts;
-  std::string_view rest(entry);
-  for (size_t colon; (colon = rest.find(':')) != std::string_view::npos; rest.remove_prefix(colon + 1))
-    parts.push_back(rest.substr(0, colon));
-  parts.push_back(rest);
-  return parts.size() == 4 && Common::ParseDecimal(parts[0], host) && Common::ParseDecimal(parts[2], target);
 }
 
 class DiskSubsystemImpl : public DiskSubsystem, public std::enable_shared_from_this<DiskSubsystemImpl> {
@@ -180,7 +172,7 @@ void DiskSubsystemImpl::EnumerateDisks(std::vector<Disk>& out) {
     while (!found && addresses->Next(address)) {
       if (Common::Error e = GetScsiSerialID(Common::FromUtf8(kDevPrefix + entry.name), disk.id)) throw e;
       uint32_t host = 0, target = 0;
-      if (!SplitAddress(address.name, host, target)) continue;
+      if (!Detail::SplitAddress(address.name, host, target)) continue;
       const auto known = hosts.find(host);
       if (known == hosts.end()) continue;
       disk.type = known->second;
@@ -205,14 +197,11 @@ bool DiskSubsystemImpl::IsDiskOffline(const std::string& name) {
   std::vector<uint8_t> buffer;
   const size_t count = Detail::ReadFile(Core::FormatString("/sys/block/{0}/device/state", name), buffer, 32);
   const std::string state(reinterpret_cast<const char*>(buffer.data()), count);
-  if (state.find(kOffline) != std::string::npos) return true;
-  if (state.find(kRunning) == std::string::npos) {
-    // An unknown state never fails the enumeration: the disk counts as online.
-    TraceErrorObject(Common::EventLevelNotice,
-                     Common::Error(kErrorDisk, Core::FormatMessage(Messages::ScsiDiskUnknownState, name, state),
-                                   AS_LOCATION("IsDiskOffline", 120)));
-  }
-  return false;
+  bool offline = false;
+  // An unknown state never fails the enumeration: the disk counts as online.
+  if (Common::Error unknown = Detail::ParseDiskState(name, state, offline))
+    TraceErrorObject(Common::EventLevelNotice, unknown);
+  return offline;
 }
 
 Common::Error DiskSubsystemImpl::GetScsiSerialID(const String& devicePath, GUID& id) {
@@ -220,34 +209,9 @@ Common::Error DiskSubsystemImpl::GetScsiSerialID(const String& devicePath, GUID&
   if (stream == nullptr)
     return Common::Error(kErrorScsiIdFailed, Core::FormatMessage(Messages::FailedToGetScsiId, devicePath),
                          AS_LOCATION("GetScsiSerialID", 499));
-  std::string value;
-  bool seen = false;
-  char line[1024];
-  while (!seen && std::fgets(line, sizeof line, stream) != nullptr) {
-    if (std::strncmp(line, kSerialKey, sizeof kSerialKey - 1) == 0) {
-      value = line + sizeof kSerialKey - 1;  // line feed included
-      seen = true;
-    }
-  }
+  const Common::Error empty = Detail::ReadScsiSerial(stream, devicePath, id);
   PClose(stream);
-
-  // Both thresholds count the trailing line feed.
-  std::string text;
-  if (value.find('-') != std::string::npos) {
-    if (value.size() >= 36) text = value.substr(0, 36);
-  } else if (value.size() >= 32) {
-    text = value.substr(0, 8) + "-" + value.substr(8, 4) + "-" + value.substr(12, 4) + "-" + value.substr(16, 4) + "-" +
-           value.substr(20, 12);
-  }
-  GUID parsed;
-  if (!text.empty() && GUID::Parse(text, parsed)) {
-    id = parsed;
-    return Common::Error();
-  }
-  TraceErrorObject(Common::EventLevelNotice,
-                   Common::Error(kErrorScsiIdEmpty, Core::FormatMessage(Messages::ScsiIdIsEmpty, devicePath),
-                                 AS_LOCATION("GetScsiSerialID", 538)));
-  id = GUID();
+  if (empty) TraceErrorObject(Common::EventLevelNotice, empty);
   return Common::Error();
 }
 
@@ -300,5 +264,53 @@ Common::Error DiskSubsystemImpl::RemoveDisk(const Disk& disk) {
 }  // namespace
 
 std::shared_ptr<DiskSubsystem> CreateDiskSubsystem() { return std::make_shared<DiskSubsystemImpl>(); }
+
+namespace Detail {
+
+Common::Error ReadScsiSerial(FILE* scsiId, const String& devicePath, GUID& id) {
+  std::string value;
+  bool seen = false;
+  char line[1024];
+  while (!seen && std::fgets(line, sizeof line, scsiId) != nullptr) {
+    if (std::strncmp(line, kSerialKey, sizeof kSerialKey - 1) == 0) {
+      value = line + sizeof kSerialKey - 1;  // line feed included
+      seen = true;
+    }
+  }
+  // Both thresholds count the trailing line feed.
+  std::string text;
+  if (value.find('-') != std::string::npos) {
+    if (value.size() >= 36) text = value.substr(0, 36);
+  } else if (value.size() >= 32) {
+    text = value.substr(0, 8) + "-" + value.substr(8, 4) + "-" + value.substr(12, 4) + "-" + value.substr(16, 4) + "-" +
+           value.substr(20, 12);
+  }
+  GUID parsed;
+  if (!text.empty() && GUID::Parse(text, parsed)) {
+    id = parsed;
+    return Common::Error();
+  }
+  id = GUID();
+  return Common::Error(kErrorScsiIdEmpty, Core::FormatMessage(Messages::ScsiIdIsEmpty, devicePath),
+                       AS_LOCATION("GetScsiSerialID", 538));
+}
+
+bool SplitAddress(std::string_view entry, uint32_t& host, uint32_t& target) {
+  std::vector<std::string_view> parts;
+  std::string_view rest(entry);
+  for (size_t colon; (colon = rest.find(':')) != std::string_view::npos; rest.remove_prefix(colon + 1))
+    parts.push_back(rest.substr(0, colon));
+  parts.push_back(rest);
+  return parts.size() == 4 && Common::ParseDecimal(parts[0], host) && Common::ParseDecimal(parts[2], target);
+}
+
+Common::Error ParseDiskState(const std::string& name, const std::string& state, bool& offline) {
+  offline = state.find(kOffline) != std::string::npos;
+  if (offline || state.find(kRunning) != std::string::npos) return Common::Error();
+  return Common::Error(kErrorDisk, Core::FormatMessage(Messages::ScsiDiskUnknownState, name, state),
+                       AS_LOCATION("IsDiskOffline", 120));
+}
+
+}  // namespace Detail
 
 }  // namespace SCSI
