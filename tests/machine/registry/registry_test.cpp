@@ -21,9 +21,9 @@
 #include "descriptors.h"
 #include "fake_machine.h"
 #include "files.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/attributes.h"
 #include "registry/document.h"
 #include "registry/errors.h"
-#include "quillenmark/raw/common/scsi_disk_helpers/attributes.h"
 #include "registry/key.h"
 
 namespace {
