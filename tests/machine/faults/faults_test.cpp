@@ -1,0 +1,259 @@
+// Faults on the faked machine (tools missing, registry and lock directory unusable, a tool
+// that hangs) and a load of nine processes: what the library answers; nothing left behind.
+#include <sys/mount.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <fstream>
+#include <future>
+#include <iterator>
+#include <iostream>
+#include <map>
+#include <sstream>
+
+#include "child.h"
+#include "core/common/unicode.h"
+#include "core/trace/trace_tools.h"
+#include "descriptors.h"
+#include "fake_machine.h"
+#include "lock_probe.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/attributes.h"
+#include "virtualization/common/storage/storage_config.h"
+#include "virtualization/common/storage/storage_manager.h"
+
+namespace {
+
+using namespace FakeMachineTesting;
+using Common::Str;
+using Common::ToUtf8;
+using Virtualization::Appliance::StoragesManager;
+
+const std::string kState = FakeMachine::StateDir(), kRoot = "/mnt/local_storages", kLock = "SCSISubsystemLocker";
+
+// Disks of 12 GiB on host 2 at targets 1, 2...; the first with a storage labelled "old".
+void Disks(FakeMachine& m, const std::vector<std::string>& names) {
+  m.Host(2, "virtio_scsi\n");
+  for (unsigned target = 1; target <= names.size(); ++target)
+    m.Disk(names[target - 1]).At(2, 0, target, 0).Size(12_GiB).Serial(std::string(31, 'a') + std::to_string(target));
+  m.Build();
+  AddPartition(names[0], {1, 2048, 12582912});
+  ASSERT_EQ(0, std::system(("/sbin/mke2fs -q -F -t ext4 -L ZLMold /dev/" + names[0] + "1").c_str()));
+}
+// "0x720023>0x720004(127)": the codes of the chain, with a tool's exit status or an errno.
+std::string Codes(const Common::Error& e) {
+  if (!e) return "ok";
+  const std::string text = ToUtf8(e.GetText());
+  std::ostringstream out;
+  out << "0x" << std::uppercase << std::hex << e.GetCode() << std::dec;
+  if (e.GetCode() == 0x720004) out << "(" << std::stoi(text.substr(text.rfind(' '))) << ")";
+  if (e.GetCode() == Common::Error::kPosixCode) out << "(" << e.GetNumericField("code") << ")";
+  return e.GetCause() ? out.str() + ">" + Codes(e.GetCause()) : out.str();
+}
+std::string Codes(const std::vector<std::shared_ptr<Virtualization::Appliance::BlockDevice>>& devices) {
+  std::string names;  // "sdb;sdc;"
+  for (const auto& device : devices) names += ToUtf8(device->GetName()) + ";";
+  return names;
+}
+template <class Call> std::string Outcome(Call call) try { return Codes(call()); } catch (const Common::Error& e) { return Codes(e); }
+std::string List() {  // "ok[mount point=label;...]" or the error
+  std::vector<MigrationManagement::StorageConfig::Storage> list;
+  const Common::Error e = MigrationManagement::StorageConfig::GetCurrentStorageConfig()->GetStoragesList(list);
+  std::string text;
+  for (const auto& s : list) text += ToUtf8(s.MountPoint) + "=" + ToUtf8(s.Label) + ";";
+  return e ? Codes(e) : "ok[" + text + "]";
+}
+std::string Listed() { return Outcome([] { return StoragesManager().GetBlockDevices(false); }); }
+void ExpectNothingLeft(int fds) {
+  EXPECT_TRUE(::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD) << "a child is left";
+  EXPECT_EQ(fds, TestSupport::CountOwnFds());
+  EXPECT_FALSE(TestSupport::FileLockHeld(kLock));
+}
+// A PATH as the present one but without `tool`: a directory of links to all else it finds.
+std::string PathWithout(const std::string& tool) {
+  const std::string farm = "/tmp/path/";
+  fs::create_directories(farm);
+  std::istringstream dirs(std::getenv("PATH"));
+  for (std::string dir; std::getline(dirs, dir, ':');)
+    for (const std::string& name : ListDir(dir))
+      if (name != tool && !fs::exists(fs::symlink_status(farm + name))) fs::create_symlink(dir + "/" + name, farm + name);
+  return farm;
+}
+// Covers /tmp with a tmpfs of `options`, filled up, that keeps the machine's state.
+void CoverTmp(const std::string& options, bool readOnly) {
+  fs::create_directories("/mnt/tiny");
+  ::mount("none", "/mnt/tiny", "tmpfs", 0, options.c_str());
+  fs::create_directory("/mnt/tiny/.fake_machine");
+  ::mount(kState.c_str(), "/mnt/tiny/.fake_machine", nullptr, MS_BIND, nullptr);
+  std::ofstream("/mnt/tiny/fill") << std::string(1 << 17, 'x');  // more than fits
+  if (readOnly) ::mount(nullptr, "/mnt/tiny", nullptr, MS_REMOUNT | MS_RDONLY, nullptr);
+  ::mount("/mnt/tiny", "/tmp", nullptr, MS_MOVE, nullptr);
+}
+
+TEST(Faults, ToolsMissingRegistryOrLockDirectoryUnusable) {
+  const std::string file = "/etc/Zemlora/HKEY_LOCAL_MACHINE.xml", rofs = "0xFFF1(" + std::to_string(EROFS) + ")";
+  const std::string lockRofs = "0x72001F>0x6>" + rofs, noInode = "0x72001F>0x6>0xFFF1(" + std::to_string(ENOSPC) + ")";
+  // A tool missing from PATH, sdb1's file system gone, the registry or /tmp unusable; what listing disks (sdc is
+  // temporary), storages, preparing sdc, mounting sdb1 at st, labelling it new, listing, unmounting, giving sdb an
+  // attribute gave; the directories left in the mount root.
+  const std::pair<std::string, std::string> cases[] = {
+      {"", "sdb; ok[] ok ok ok ok[st=new;] ok ok 0"},
+      {"lsblk", "sdb; ok[] 0x720022>0x720004(127) ok ok ok[] ok ok 0"},
+      {"blkid", "0x72001F>0x720048 0x72001F>0x720048 0x720048 0x720023>0x720004(32) ok 0x72001F>0x720048 - ok 1"},
+      {"e2label", "sdb; ok[] ok ok ok ok[st=;] ok ok 0"},
+      {"tune2fs", "sdb; ok[] 0x720026>0x720004(127) ok 0x720026>0x720004(127) ok[st=old;] ok ok 0"},
+      {"mke2fs", "sdb; ok[] 0x720022>0x720004(127) ok ok ok[st=new;] ok ok 0"},
+      {"dd", "sdb; ok[] 0x720022>0x720004(127) ok ok ok[st=new;] ok ok 0"},
+      {"gdisk", "sdb; ok[] 0x720022>0x720004(127) ok ok ok[st=new;] ok ok 0"},
+      {"mount", "sdb; ok[] ok 0x720023>0x720004(127) ok ok[] - ok 1"},
+      {"umount", "sdb; ok[] ok ok ok ok[st=new;] 0x720024>0x720004(127) ok 1"},
+      {"scsi_id", "sdb;sdc; ok[] ok ok ok ok[st=new;] ok ok 0"},  // without its identity sdc loses its record
+      {"no file system", "0x72001F>0x720048 0x72001F>0x720048 ok 0x720023>0x720004(32) 0x720026>0x720004(1) 0x72001F>0x720048 - ok 1"},
+      {"registry read-only", "sdb; ok[] ok ok ok ok[st=new;] ok 0x530040>0x560001>" + rofs + " 0"},
+      {"registry corrupt", "sdb;sdc; ok[] ok ok ok ok[st=new;] ok 0x530040>0x560002>0x560003 0"},  // it hides nothing
+      {"registry truncated", "sdb;sdc; ok[] ok ok ok ok[st=new;] ok 0x530040>0x560002>0x560003 0"},
+      {"lock directory read-only", lockRofs + " " + lockRofs + " ok ok ok " + lockRofs + " ok ok 0"},
+      {"lock directory without inodes", noInode + " " + noInode + " ok ok ok " + noInode + " ok ok 0"},
+      {"lock directory without space", "sdb; ok[] ok ok ok ok[st=new;] ok ok 0"},  // the lock file needs no block
+  };
+  for (const auto& [fault, expected] : cases) {
+    SCOPED_TRACE(fault);
+    AS_FAKE_MACHINE(m);
+    Disks(m, {"sdb", "sdc"});
+    const auto devices = StoragesManager().GetBlockDevices(false);
+    ASSERT_FALSE(SCSI::SetDiskAttribute(devices.at(1)->GetDiskId(), Str(u"Temporary"), Str(u"1")));
+    const auto p = devices[0]->GetPartitions().at(0);
+    const int fds = TestSupport::CountOwnFds();
+    const std::string path = std::getenv("PATH"), text = m.ReadFile(file);
+    const bool lockDirectory = fault.rfind("lock", 0) == 0, readOnly = fault.find("read-only") != std::string::npos;
+    if (fault == "no file system") fs::resize_file("/dev/sdb1", 0), fs::remove(kState + "/blkid.tab");
+    if (fault == "registry read-only") ::mount(nullptr, "/etc/Zemlora", nullptr, MS_REMOUNT | MS_RDONLY, nullptr);
+    if (fault == "registry corrupt") m.WriteFile(file, "<registry><key name='x'>\x01\xff");
+    if (fault == "registry truncated") m.WriteFile(file, text.substr(0, text.size() / 2));
+    if (lockDirectory) CoverTmp(fault.find("inodes") != std::string::npos ? "size=64k,nr_inodes=2" : "size=64k", readOnly);
+    if (!fault.empty() && fault.find(' ') == std::string::npos) ::setenv("PATH", PathWithout(fault).c_str(), 1);
+    std::ostringstream got;  // the operands of << run in order
+    got << Listed() << " " << List() << " " << Outcome([&] { return devices[1]->CreateBackupPartition(); }) << " "
+        << Outcome([&] { return p->Mount(Str(u"st")); }) << " " << Codes(p->SetLabel(Str(u"new"))) << " " << List() << " "
+        << (p->GetMountPoint().empty() ? "-" : Codes(p->Unmount())) << " "
+        << Codes(SCSI::SetDiskAttribute(devices[0]->GetDiskId(), Str(u"Seen"), Str(u"1"))) << " " << ListDir(kRoot).size();
+    ::setenv("PATH", path.c_str(), 1);
+    if (lockDirectory) ::umount2("/tmp", MNT_DETACH);
+    EXPECT_EQ(expected, got.str());
+    ExpectNothingLeft(fds);
+  }
+}
+
+// A thread of this process blocks in flock(): a line "N: -> FLOCK ADVISORY WRITE PID MAJ:MIN:INODE 0 EOF".
+bool WaitingForAFileLock() {
+  for (const std::string& line : ReadLines("/proc/locks"))
+    if (line.find("-> FLOCK") != std::string::npos && line.find(" " + std::to_string(::getpid()) + " ") != std::string::npos)
+      return true;
+  return false;
+}
+
+// No time-outs: a hanging tool holds up its caller, and other threads only if they wait for its lock.
+TEST(Faults, AToolThatHangsHoldsUpOnlyWhatWaitsForTheSubsystemLock) {
+  AS_FAKE_MACHINE(m);
+  Disks(m, {"sdb", "sdc"});
+  const auto p = StoragesManager().GetBlockDevices(false).at(0)->GetPartitions().at(0);
+  const int fds = TestSupport::CountOwnFds();
+  const size_t calls = m.Calls("scsi_id").size();
+  m.WriteFile(kState + "/hang/scsi_id", "");
+  auto first = std::async(std::launch::async, Listed);
+  while (m.Calls("scsi_id").size() == calls) ::usleep(10000);
+  EXPECT_EQ("old", ToUtf8(p->GetLabel()));  // a partition's query takes no lock
+  EXPECT_TRUE(TestSupport::FileLockHeld(kLock));
+  auto second = std::async(std::launch::async, Listed);
+  while (!WaitingForAFileLock()) ::usleep(10000);  // the one that the first holds
+  fs::remove(kState + "/hang/scsi_id");
+  EXPECT_EQ("sdb;sdc; sdb;sdc;", first.get() + " " + second.get());
+  // Mounting hangs in mount, outside the lock: listing goes on meanwhile.
+  m.WriteFile(kState + "/hang/mount", "");
+  auto mounted = std::async(std::launch::async, [&] { return p->Mount(Str(u"st")); });
+  while (m.Calls("mount").empty()) ::usleep(10000);
+  EXPECT_EQ("ok[]", List());
+  fs::remove(kState + "/hang/mount");
+  EXPECT_FALSE(mounted.get());
+  EXPECT_FALSE(p->Unmount());
+  ExpectNothingLeft(fds);
+  EXPECT_TRUE(ListDir(kRoot).empty());
+}
+
+const std::string kRecord = "/tmp/load.record", kStop = "/tmp/load.stop";
+void Note(const std::string& line) {  // one write() in append mode: the lines of processes do not mix
+  std::ofstream(kRecord, std::ios::app) << std::to_string(::getpid()) + " " + line + "\n";
+}
+// The disk sdz (state unknown, size unreadable) marks a stretch inside the subsystem lock:
+// the enumeration traces its state, then its device is the second one made.
+struct LockHolders : TraceTools::TraceSubscriber {
+  bool WantsEveryEvent() const override { return false; }
+  void OnTraceEvent(const TraceTools::TraceEvent& e) override {
+    if (ToUtf8(String(e.text, e.length)).find("sdz") != std::string::npos) Note(e.code == 83 ? "enter" : "leave");
+  }
+};
+std::string Resources() {  // descriptors and children
+  const std::string fds = std::to_string(TestSupport::CountOwnFds()) + " descriptors, ";
+  std::ifstream children("/proc/self/task/" + std::to_string(::getpid()) + "/children");
+  return fds + std::to_string(std::distance(std::istream_iterator<std::string>(children), {})) + " children";
+}
+int Lister() {
+  const std::string before = Resources();
+  for (std::string got; !fs::exists(kStop);)
+    Note((got = List()).rfind("ok", 0) ? "error " + got : got.rfind("ok[stable=old;", 0) ? "wrong" : "listed");
+  Note("lister: " + before + " -> " + Resources());
+  return before == Resources() ? 0 : 1;
+}
+
+// Eight processes list storages while a ninth prepares, mounts, relabels and unmounts disks.
+TEST(Load, EightListersAndOnePreparer) {
+  AS_FAKE_MACHINE(m);
+  Disks(m, {"sdd", "sdz", "sdb", "sdc"});
+  m.WriteFile("/sys/block/sdz/device/state", "blocked\n");
+  fs::remove("/sys/block/sdz/size");
+  ASSERT_FALSE(StoragesManager().GetBlockDevices(false).at(0)->GetPartitions().at(0)->Mount(Str(u"stable")));
+  LockHolders holders;
+  TraceTools::Subscribe(&holders);
+  const std::string before = Resources();
+  std::vector<pid_t> listers;
+  for (int i = 0; i < 8; ++i) listers.push_back(TestSupport::StartChild(Lister));
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  for (int round = 0; std::chrono::steady_clock::now() < end && !HasFailure(); ++round) {
+    const std::string disk = round % 2 ? "sdc" : "sdb", n = std::to_string(round);
+    std::fstream("/dev/" + disk, std::ios::in | std::ios::out) << std::string(8192, '\0');  // wiped by someone
+    RereadPartitionTable(disk);
+    const auto device = StoragesManager().GetBlockDevices(false).at(round % 2 + 1);  // sdd, sdb, sdc: sdz is small
+    EXPECT_EQ("ok", Outcome([&] { return device->CreateBackupPartition(); }));
+    const auto p = device->GetPartitions().at(0);
+    std::ostringstream steps;
+    steps << Codes(p->Mount(Common::FromUtf8("st" + n))) << Codes(p->SetLabel(Common::FromUtf8(n))) << Codes(p->Unmount());
+    EXPECT_EQ("okokok", steps.str());
+    Note("prepared");
+  }
+  m.WriteFile(kStop, "");
+  for (const pid_t pid : listers) EXPECT_EQ(0, TestSupport::ExitCode(TestSupport::WaitChild(pid)));
+  TraceTools::Unsubscribe(&holders);
+  ExpectNothingLeft(std::stoi(before));
+  std::map<std::string, int> counts;
+  pid_t inside = 0;
+  for (const std::string& line : ReadLines(kRecord)) {
+    const pid_t pid = std::stoi(line);
+    const std::string what = line.substr(line.find(' ') + 1);
+    if (what == "enter") counts["overlaps"] += std::exchange(inside, pid) != 0;
+    if (what == "leave") counts["overlaps"] += std::exchange(inside, 0) != pid;
+    ++counts[what];
+  }
+  std::cout << "8 listers, 30 s; preparer: before " << before << ", after " << Resources() << "\n";
+  for (const auto& [what, count] : counts) std::cout << "  " << what << ": " << count << "\n";
+  EXPECT_GT(counts["listed"] * counts["prepared"] * counts["leave"], 0);
+  EXPECT_EQ(0, counts["overlaps"] + counts["wrong"]);
+  // A listing meets a partition without a file system yet, or one gone before its size was read.
+  const std::string vanished = "error 0x72001F>0x40010>0xFFF1(" + std::to_string(ENOENT) + ")";
+  for (const auto& [what, count] : counts)
+    EXPECT_TRUE(what.rfind("error ", 0) != 0 || what == "error 0x72001F>0x720048" || what == vanished) << what;
+  EXPECT_EQ((std::vector<std::string>{"stable"}), ListDir(kRoot));
+  for (const std::string& name : ListDir("/tmp")) EXPECT_EQ(std::string::npos, name.find("shared_mutex_"));
+}
+
+}  // namespace
