@@ -218,7 +218,7 @@ TEST(Load, EightListersAndOnePreparer) {
   const std::string before = Resources();
   std::vector<pid_t> listers;
   for (int i = 0; i < 8; ++i) listers.push_back(TestSupport::StartChild(Lister));
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);  // a minute of load
   for (int round = 0; std::chrono::steady_clock::now() < end && !HasFailure(); ++round) {
     const std::string disk = round % 2 ? "sdc" : "sdb", n = std::to_string(round);
     std::fstream("/dev/" + disk, std::ios::in | std::ios::out) << std::string(8192, '\0');  // wiped by someone
@@ -244,7 +244,7 @@ TEST(Load, EightListersAndOnePreparer) {
     if (what == "leave") counts["overlaps"] += std::exchange(inside, 0) != pid;
     ++counts[what];
   }
-  std::cout << "8 listers, 30 s; preparer: before " << before << ", after " << Resources() << "\n";
+  std::cout << "8 listers, 60 s; preparer: before " << before << ", after " << Resources() << "\n";
   for (const auto& [what, count] : counts) std::cout << "  " << what << ": " << count << "\n";
   EXPECT_GT(counts["listed"] * counts["prepared"] * counts["leave"], 0);
   EXPECT_EQ(0, counts["overlaps"] + counts["wrong"]);
