@@ -11,6 +11,7 @@
 
 #include "core/common/unicode.h"
 #include "descriptors.h"
+#include "error_text.h"
 #include "fake_machine.h"
 #include "lock_probe.h"
 #include "lx_supp.h"
@@ -60,7 +61,6 @@ std::string Join(const List& list) {
   return text;
 }
 
-std::string Chain(const Common::Error& e) { return e ? ToUtf8(e.GetText()) + "\n" + Chain(e.GetCause()) : ""; }
 template <class Call>  // what it returned or threw
 Common::Error Caught(Call call) try { return call(); } catch (const Common::Error& e) { return e; }
 
@@ -158,9 +158,9 @@ TEST(Storages, PreparationStopsAtTheFirstFailure) {
     const std::string sector = Output("od -An -tx1 -N512 /dev/sdc");
     const auto device = StoragesManager().GetBlockDevices(false).at(0);
     const Common::Error e = Caught([&] { return device->CreateBackupPartition(); });
-    EXPECT_EQ(code, e.GetCode()) << Chain(e);
-    EXPECT_EQ(cause, e.GetCause().GetCode()) << Chain(e);
-    EXPECT_NE(std::string::npos, Chain(e).find(mentions)) << Chain(e);
+    EXPECT_EQ(code, e.GetCode()) << TestSupport::ChainText(e);
+    EXPECT_EQ(cause, e.GetCause().GetCode()) << TestSupport::ChainText(e);
+    EXPECT_NE(std::string::npos, TestSupport::ChainText(e).find(mentions)) << TestSupport::ChainText(e);
     EXPECT_EQ(writes, Writes(m));
     if (writes.empty()) { EXPECT_EQ(sector, Output("od -An -tx1 -N512 /dev/sdc")); }
     ExpectNothingLeft();
@@ -219,14 +219,14 @@ TEST(Storages, WhichDisksAreOfferedListedAndRescanned) {
   EXPECT_EQ(old, decltype(old)(now.begin(), now.begin() + 2));
   fs::remove("/sys/block/sdg/device/delete");
   Common::Error e = Caught([] { return StoragesManager().GetBlockDevices(true), Common::Error(); });
-  EXPECT_EQ(0x72001Fu, e.GetCode()) << Chain(e);
-  EXPECT_EQ(0x530040u, e.GetCause().GetCode()) << Chain(e);  // the removal's error
+  EXPECT_EQ(0x72001Fu, e.GetCode()) << TestSupport::ChainText(e);
+  EXPECT_EQ(0x530040u, e.GetCause().GetCode()) << TestSupport::ChainText(e);  // the removal's error
   AddDisk(m, "sdf", 12_GiB).Partition(1, 2048, 2097152);  // no file system: no UUID
   m.Build();
   e = config->GetStoragesList(list = kept);
   EXPECT_EQ(3u, list.size());
-  EXPECT_EQ(0x72001Fu, e.GetCode()) << Chain(e);
-  EXPECT_EQ(0x720048u, e.GetCause().GetCode()) << Chain(e);
+  EXPECT_EQ(0x72001Fu, e.GetCode()) << TestSupport::ChainText(e);
+  EXPECT_EQ(0x720048u, e.GetCause().GetCode()) << TestSupport::ChainText(e);
   ExpectNothingLeft();
 }
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "../../support/error_text.h"
 #include "core/common/unicode.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/disk.h"
 
@@ -26,17 +27,10 @@ const MachineDisk kDisks[] = {
     {0, SCSI::HostTypeAhci},        {0, SCSI::HostTypeAtaPiix},
 };
 
-// The error's text and its causes', for a failure message.
-std::string Texts(Common::Error e) {
-  std::string texts;
-  for (; e; e = e.GetCause()) texts += Common::ToUtf8(e.GetText()) + "\n";
-  return texts;
-}
-
 std::vector<SCSI::Disk> List(SCSI::DiskSubsystem& disks) {
   std::vector<SCSI::Disk> list;
   const Common::Error e = disks.Enumerate(list);
-  EXPECT_FALSE(e) << Texts(e);
+  EXPECT_FALSE(e) << TestSupport::ChainText(e);
   return list;
 }
 
@@ -81,11 +75,11 @@ TEST(RealKernel, RemovesADiskAndBringsItBackOnEveryControllerKind) {
   for (const SCSI::Disk& disk : before) {
     SCOPED_TRACE(testing::Message() << Common::ToUtf8(disk.name) << ", host type " << disk.type);
     Common::Error e = disks->RemoveDisk(disk);
-    ASSERT_FALSE(e) << Texts(e);
+    ASSERT_FALSE(e) << TestSupport::ChainText(e);
     EXPECT_FALSE(InSysfs(disk));
     names.emplace_back();
     e = disks->AddDisk(disk, names.back());
-    ASSERT_FALSE(e) << Texts(e);
+    ASSERT_FALSE(e) << TestSupport::ChainText(e);
   }
   // Back at the same addresses, under the names AddDisk gave.
   const std::vector<SCSI::Disk> after = List(*disks);

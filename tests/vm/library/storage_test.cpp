@@ -13,6 +13,7 @@
 #include <fstream>
 
 #include "../../support/child.h"
+#include "../../support/error_text.h"
 #include "core/common/unicode.h"
 #include "core/linex/linux_misc.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/attributes.h"
@@ -28,9 +29,7 @@ using Device = std::shared_ptr<Virtualization::Appliance::BlockDevice>;
 const std::string kSt1 = "/mnt/local_storages/st1";
 
 testing::AssertionResult Ok(Common::Error e) {
-  testing::AssertionResult result(!e);
-  for (; e; e = e.GetCause()) result << ToUtf8(e.GetText()) << "\n";
-  return result;
+  return testing::AssertionResult(!e) << TestSupport::ChainText(e);
 }
 std::string Read(const std::string& path, size_t limit = 1 << 16) {
   std::ifstream in(path, std::ios::binary);
