@@ -1,26 +1,19 @@
 // The registry on its real paths, over a fresh tmpfs per test from the faked machine.
-#include <linux/audit.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <sys/uio.h>
-#include <ucontext.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <cstddef>
 #include <iostream>
 #include <random>
+#include <utility>
 
 #include "child.h"
 #include "core/common/unicode.h"
 #include "descriptors.h"
 #include "fake_machine.h"
-#include "files.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/attributes.h"
 #include "registry/document.h"
 #include "registry/errors.h"
@@ -34,12 +27,6 @@ using Registry::Value;
 
 constexpr char kMachineFile[] = "/etc/Zemlora/HKEY_LOCAL_MACHINE.xml";
 
-std::string File(const char* path) {
-  std::string text;
-  FakeMachineTesting::ReadText(path, text);
-  return text;
-}
-
 class RegistryTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -52,26 +39,24 @@ class RegistryTest : public ::testing::Test {
     EXPECT_FALSE(Key::OpenPredefined(Registry::HKEY_LOCAL_MACHINE, key));
     return key;
   }
-
- private:
   std::unique_ptr<FakeMachineTesting::FakeMachine> machine_;
 };
 
 TEST_F(RegistryTest, ValuesAndChildrenOfAKey) {
   Key key, child;
   ASSERT_FALSE(Machine().CreateKeyRecursive(Str(u"Software\\Zemlora"), key));
+  // In the order of their 16-bit units: the surrogate pair comes before U+FFFD.
   const std::pair<String, Value> values[] = {
       {String(), Registry::MultiString{Str(u"Temporary"), Str(u"1")}}, {Str(u"B"), Registry::Binary{0, 1, 0xFE}},
-      {Str(u"a"), uint64_t{1} << 63}, {Str(u"\U0001F600"), uint32_t{0xFFFFFFFF}},
-      {Str(u"\uFFFD"), String{'x', 0, 0xDC00, 0xFFFE, '\n'}}};
-  std::vector<String> names, listed;  // in unit order, as they come
+      {Str(u"a"), uint64_t{1} << 63}, {Str(u"\U0001F600"), uint32_t{0xFFFFFFFF}}, {Str(u"\uFFFD"), Str(u"x\n")}};
+  std::vector<String> names, listed;
   for (const auto& [name, value] : values) {
     ASSERT_FALSE(key.SetValue(name, value));
     ASSERT_FALSE(key.CreateKeyRecursive(name.empty() ? Str(u"!") : name, child));
     names.push_back(name);
   }
+  Value read;
   for (const auto& [name, value] : values) {
-    Value read;
     ASSERT_FALSE(key.QueryValue(name, read));
     EXPECT_TRUE(read == value) << Common::ToUtf8(name);
   }
@@ -84,7 +69,6 @@ TEST_F(RegistryTest, ValuesAndChildrenOfAKey) {
   EXPECT_EQ(child.GetPath(), Str(u"HKEY_LOCAL_MACHINE\\Software\\Zemlora\\\U0001F600"));
   EXPECT_EQ(key.OpenChild(Str(u"b"), child).GetCode(), Registry::kErrorKeyNotFound);  // names are exact
 
-  Value read;
   ASSERT_FALSE(key.SetValue(String(), uint32_t{7}));  // a value may change its type
   ASSERT_FALSE(key.QueryValue(String(), read));
   EXPECT_EQ(read, Value(uint32_t{7}));
@@ -144,24 +128,22 @@ TEST_F(RegistryTest, BadHandlesAndPathsNameTheKey) {
   EXPECT_EQ(key.GetPath(), Str(u"HKEY_LOCAL_MACHINE"));
 }
 
+// Reading and writing share one path to the file: one call of each kind stands for all.
 TEST_F(RegistryTest, EachRootKeepsItsOwnFileAndACorruptOneIsLeftAlone) {
-  Key users, usersKey, key;
+  Key users, usersKey;
   ASSERT_FALSE(Key::OpenPredefined(Registry::HKEY_USERS, users));
   ASSERT_FALSE(users.CreateKeyRecursive(Str(u"Software"), usersKey));
-  EXPECT_NE(File("/etc/Zemlora/HKEY_USERS.xml").find("<registry root=\"HKEY_USERS\""), std::string::npos);
+  const std::string usersFile = machine_->ReadFile("/etc/Zemlora/HKEY_USERS.xml");
+  EXPECT_NE(usersFile.find("<registry root=\"HKEY_USERS\""), std::string::npos);
   const std::string corrupt = "<registry><key name='Software'><value type='dword'>12";
-  FakeMachineTesting::WriteText(kMachineFile, corrupt);
-  const Key machine = Machine();
-  Value value;
+  machine_->WriteFile(kMachineFile, corrupt);
   std::vector<String> names;
   for (const Common::Error& error :
-       {machine.OpenChild(Str(u"Software"), key), machine.EnumerateChildren(names), machine.QueryValue(String(), value),
-        machine.CreateKeyRecursive(Str(u"Software\\New"), key), machine.SetValue(String(), uint32_t{1}),
-        machine.DeleteChild(Str(u"Software")), machine.DeleteValue(String())}) {
+       {Machine().EnumerateChildren(names), Machine().SetValue(String(), uint32_t{1})}) {
     EXPECT_EQ(error.GetCode(), Registry::kErrorFileCorrupt);
     EXPECT_STREQ(error.GetStringField("path"), kMachineFile);
   }
-  EXPECT_EQ(File(kMachineFile), corrupt);
+  EXPECT_EQ(machine_->ReadFile(kMachineFile), corrupt);
   EXPECT_FALSE(usersKey.SetValue(String(), uint32_t{2}));  // other roots go on working
 }
 
@@ -171,25 +153,22 @@ TEST_F(RegistryTest, AFullDiskKeepsTheLastDocument) {
   ASSERT_FALSE(Machine().CreateKeyRecursive(Str(u"Software"), key));
   ASSERT_EQ(0, ::mount("tmpfs", "/etc/Zemlora", "tmpfs", MS_REMOUNT, "size=8k"));
   ASSERT_FALSE(key.SetValue(Str(u"small"), uint32_t{1}));
-  const std::string before = File(kMachineFile);
-  const Common::Error e = key.SetValue(Str(u"big"), String(8192, 'x'));
-  EXPECT_EQ(Registry::kErrorFileAccess, e.GetCode());
-  EXPECT_EQ(before, File(kMachineFile));
+  const std::string before = machine_->ReadFile(kMachineFile);
+  EXPECT_EQ(Registry::kErrorFileAccess, key.SetValue(Str(u"big"), String(8192, 'x')).GetCode());
+  EXPECT_EQ(before, machine_->ReadFile(kMachineFile));
 }
 
 TEST_F(RegistryTest, TwoProcessesWritingAtOnceLoseNothing) {
   constexpr size_t kWrites = 100;
-  const auto writer = [](const char16_t* name) {
-    return TestSupport::StartChild([name] {
+  std::vector<pid_t> writers;
+  for (const char* name : {"first", "second"})
+    writers.push_back(TestSupport::StartChild([name] {
       Key key;
       for (size_t i = 0; i < kWrites; ++i)
-        if (Machine().CreateKeyRecursive(Str(name) + Common::Widen("\\" + std::to_string(i)), key)) return 1;
+        if (Machine().CreateKeyRecursive(Common::Widen(name + ("\\" + std::to_string(i))), key)) return 1;
       return 0;
-    });
-  };
-  const pid_t first = writer(u"first"), second = writer(u"second");
-  EXPECT_EQ(TestSupport::WaitChild(first), 0);
-  EXPECT_EQ(TestSupport::WaitChild(second), 0);
+    }));
+  for (const pid_t writer : writers) EXPECT_EQ(TestSupport::WaitChild(writer), 0);
   for (const char16_t* name : {u"first", u"second"}) {
     Key key;
     std::vector<String> names;
@@ -230,63 +209,38 @@ TEST_F(RegistryTest, WritersKilledAtRandomNeverLeaveAPartialRecord) {
   EXPECT_EQ(0, torn);
 }
 
-// With standard input closed the file may get descriptor 0; nothing may leak.
-// The first read() of the next descriptor opened fails with EINTR; later reads of it are
-// served as readv(). Only in a child: a seccomp filter stays for life.
-int g_trappedReads = 0;
+// libc's read() for the whole test program: once armed, the next call fails with EINTR,
+// as if a signal had come in first.
+bool g_interruptNextRead = false;
 
-void OnTrappedRead(int, siginfo_t*, void* context) {
-  greg_t* regs = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
-  if (g_trappedReads++ == 0) {
-    regs[REG_RAX] = -EINTR;
-    return;
+}  // namespace
+
+extern "C" ssize_t read(int fd, void* buffer, size_t size) {
+  if (std::exchange(g_interruptNextRead, false)) {
+    errno = EINTR;
+    return -1;
   }
-  iovec buffer = {reinterpret_cast<void*>(regs[REG_RSI]), static_cast<size_t>(regs[REG_RDX])};
-  const long n = ::syscall(SYS_readv, regs[REG_RDI], &buffer, 1);
-  regs[REG_RAX] = n < 0 ? -errno : n;
+  return ::syscall(SYS_read, fd, buffer, size);
 }
 
-bool TrapFirstRead() {
-#if defined(__x86_64__)
-  const int fd = ::dup(0);
-  ::close(fd);
-  sock_filter filter[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AUDIT_ARCH_X86_64, 0, 5),
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_read, 0, 3),
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(fd), 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRAP),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-  };
-  sock_fprog program = {static_cast<unsigned short>(sizeof filter / sizeof filter[0]), filter};
-  struct sigaction action = {};
-  action.sa_sigaction = OnTrappedRead;
-  action.sa_flags = SA_SIGINFO;
-  return ::sigaction(SIGSYS, &action, nullptr) == 0 && ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-         ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
-#else
-  g_trappedReads = 2;  // nothing to trap with: the case passes as plain reading
-  return true;
-#endif
-}
+namespace {
 
 // Without standard input (the first file opened gets descriptor 0), and with the first
 // read of the file interrupted: the value reads back and no descriptor is left open.
 TEST_F(RegistryTest, WorksWithoutStandardInputAndAcrossInterruptedReads) {
-  for (bool trap : {false, true}) {
-    SCOPED_TRACE(trap ? "interrupted read" : "no standard input");
-    EXPECT_EQ(0, TestSupport::RunInChild([trap] {
+  for (bool interrupt : {false, true}) {
+    SCOPED_TRACE(interrupt ? "interrupted read" : "no standard input");
+    EXPECT_EQ(0, TestSupport::RunInChild([interrupt] {
       ::alarm(20);  // a call retried forever ends here
-      if (trap ? !TrapFirstRead() : ::close(0) != 0) return 10;
+      if (!interrupt && ::close(0) != 0) return 10;
       const int before = TestSupport::CountOwnFds();
       Key counter;
       Value value;
       if (Machine().CreateKeyRecursive(Str(u"Counter"), counter) || counter.SetValue(Str(u"n"), uint32_t{5})) return 1;
+      g_interruptNextRead = interrupt;
       errno = EINTR;  // as an earlier interrupted call may have left it
       if (counter.QueryValue(Str(u"n"), value) || value != Value(uint32_t{5})) return 2;
-      return TestSupport::CountOwnFds() != before ? 3 : trap && g_trappedReads < 2 ? 4 : 0;
+      return TestSupport::CountOwnFds() != before ? 3 : g_interruptNextRead ? 4 : 0;
     }));
   }
 }
