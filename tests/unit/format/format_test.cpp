@@ -40,8 +40,7 @@ TEST(Format, Narrow) {
       {FormatString("/sys/class/scsi_host/host{0}/scan", 1234567), "/sys/class/scsi_host/host1234567/scan"},
       {FormatString("{1}:{0}", 8, 16), "16:8"},
       {FormatString("{0} {2} {1}", "x", "y"), "x {2} {1}"},  // stops at the first missing argument
-      {FormatString("{0}{0}", "{0}"), "{0}{0}"},  // inserted text is not scanned again
-      {FormatString("{0}", "{1}", "z"), "{1}"},
+      {FormatString("{0}", "{1}", "z"), "{1}"},  // inserted text is not scanned again
       {FormatString("{{0}}{00} {x} {} {0", 7), "{7}7 {x} {} {0"},
       {FormatString("{99999999999999999999999}", 1), "{99999999999999999999999}"},
       {FormatString("{0}"), "{0}"},

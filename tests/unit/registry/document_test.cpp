@@ -23,28 +23,6 @@ KeyNode& Child(KeyNode& node, const String& name) {
   return *slot;
 }
 
-TEST(RegistryDocument, WritesReadableXml) {
-  KeyNode root;
-  KeyNode& key = Child(Child(root, Str(u"Software")), Str(u"A&B"));
-  key.values[String()] = Registry::MultiString{Str(u"Temporary"), Str(u"1")};
-  key.values[Str(u"n")] = uint32_t{42};
-  key.values[Str(u"b")] = Registry::Binary{0x00, 0xFF};
-  EXPECT_EQ(Registry::SerializeRegistryDocument(root, Str(u"HKEY_LOCAL_MACHINE")),
-            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-            "<registry root=\"HKEY_LOCAL_MACHINE\" version=\"1\">\n"
-            "  <key name=\"Software\">\n"
-            "    <key name=\"A&amp;B\">\n"
-            "      <value type=\"multistring\">\n"
-            "        <string>Temporary</string>\n"
-            "        <string>1</string>\n"
-            "      </value>\n"
-            "      <value name=\"b\" type=\"binary\">00ff</value>\n"
-            "      <value name=\"n\" type=\"dword\">42</value>\n"
-            "    </key>\n"
-            "  </key>\n"
-            "</registry>\n");
-}
-
 TEST(RegistryDocument, EveryValueTypeAndNameSurvivesARoundTrip) {
   KeyNode root;
   const String hostileKey = String{'<', '&', 0, '\t', 0xD800, 0xFFFF, '"', ' '} + Str(u"\U0001F600]]>");
@@ -83,10 +61,8 @@ TEST(RegistryDocument, AcceptsHandWrittenVariants) {
 }
 
 TEST(RegistryDocument, RefusesWhatALaterWriteWouldLose) {
-  std::string deep = "<registry>";
-  for (size_t i = 0; i <= Registry::kMaxKeyDepth; ++i) deep += "<key name='k'>";
-  for (size_t i = 0; i <= Registry::kMaxKeyDepth; ++i) deep += "</key>";
-  deep += "</registry>";
+  std::string deep;
+  for (size_t i = 0; i <= Registry::kMaxKeyDepth; ++i) deep = "<key name='k'>" + deep + "</key>";
   const std::pair<const char*, std::string> cases[] = {
       {"empty file", ""},
       {"not XML", "registry"},
@@ -103,7 +79,6 @@ TEST(RegistryDocument, RefusesWhatALaterWriteWouldLose) {
       {"duplicate key", "<registry><key name='a'/><key name='a'/></registry>"},
       {"duplicate value", "<registry><value type='dword'>1</value><value name='' type='dword'>2</value></registry>"},
       {"value without type", "<registry><value name='a'>1</value></registry>"},
-      {"unknown type", "<registry><value type='float'>1</value></registry>"},
       {"dword too big", "<registry><value type='dword'>4294967296</value></registry>"},
       {"qword too big", "<registry><value type='qword'>18446744073709551616</value></registry>"},
       {"negative number", "<registry><value type='dword'>-1</value></registry>"},
@@ -116,7 +91,7 @@ TEST(RegistryDocument, RefusesWhatALaterWriteWouldLose) {
       {"other element in a multistring", "<registry><value type='multistring'><item>a</item></value></registry>"},
       {"bad escape", "<registry><value type='string'>\\q</value></registry>"},
       {"invalid UTF-8", "<registry><key name='\xC3'/></registry>"},
-      {"keys nested too deep", deep},
+      {"keys nested too deep", "<registry>" + deep + "</registry>"},
   };
   for (const auto& [name, text] : cases) {
     SCOPED_TRACE(name);

@@ -43,22 +43,20 @@ TEST(Trace, DeliveryByLevelAndSubscriberKind) {
     EXPECT_FALSE(TraceTools::IsTraced(level)) << level;  // nobody listens
   Recorder every(true), filtered(false);
   CallbackLog callbacks;
-  TraceTools::DbgTraceInfo(215, "Device {0} has {1} partitions", "sdb", 2);
-  TraceTools::Trace(Common::EventLevelNotice, 189, Str(u"Mounting {0}"), Str(u"sdb1"));
-  filtered.every = true;  // asked on every event
-  TraceTools::DbgTraceError(83, "now");
-  EXPECT_EQ((Texts{"1 215 Device sdb has 2 partitions", "2 189 Mounting sdb1", "1 83 now"}), every.texts);
-  EXPECT_EQ((Texts{"2 189 Mounting sdb1", "1 83 now"}), filtered.texts);
-  EXPECT_EQ(Texts{"Mounting sdb1"}, callbacks.texts);
-
   static Texts plain;
   const uint64_t h = TraceTools::RegisterCallback(
       [](const TraceTools::TraceEvent& e) { plain.push_back(Common::ToUtf8(e.text, e.length)); });
   EXPECT_NE(0u, h);
-  TraceTools::Trace(Common::EventLevelError, 83, "one");
+  TraceTools::DbgTraceInfo(215, "Device {0} has {1} partitions", "sdb", 2);
+  TraceTools::Trace(Common::EventLevelNotice, 189, Str(u"Mounting {0}"), Str(u"sdb1"));
   TraceTools::UnregisterCallback(h);
+  filtered.every = true;  // asked on every event
+  TraceTools::DbgTraceError(83, "now");
   TraceTools::Trace(Common::EventLevelError, 83, "two");
-  EXPECT_EQ(Texts{"one"}, plain);
+  EXPECT_EQ((Texts{"1 215 Device sdb has 2 partitions", "2 189 Mounting sdb1", "1 83 now", "4 83 two"}), every.texts);
+  EXPECT_EQ((Texts{"2 189 Mounting sdb1", "1 83 now", "4 83 two"}), filtered.texts);
+  EXPECT_EQ((Texts{"Mounting sdb1", "two"}), callbacks.texts);
+  EXPECT_EQ(Texts{"Mounting sdb1"}, plain);
 }
 
 // Every pattern form compiles for FormatString and the trace calls, with the result of its width.
