@@ -1,5 +1,6 @@
 // The handler reads its settings once per process: every case that needs them runs in
-// a forked child.
+// a forked child. No assertion looks up a message text, so this program's one lookup
+// is its process's first: that one subscribes to language changes and must keep errno.
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -11,10 +12,18 @@
 #include "../../support/temp_dir.h"
 #include "core/common/assert.h"
 #include "core/common/assert_internal.h"
+#include "core/common/message_ids.h"
+#include "core/common/message_text.h"
 
 namespace {
 
 using namespace Common::Detail;
+
+TEST(FirstLookup, KeepsErrno) {
+  errno = 12345;
+  const unsigned short* text = GetTextFromMessageFile(Messages::DiskIsFull);
+  EXPECT_TRUE(errno == 12345 && text != nullptr && text[0] == 'T');
+}
 
 TEST(AssertMode, ParsedFromHexAndWords) {
   const std::string pad124(124, ' ');  // only the first 127 characters are read

@@ -35,35 +35,26 @@ using Common::Str;
 TEST(Error, AllocationsEmptinessAndTexts) {
   const unsigned short* shared = GetTextFromMessageFile(Messages::InternalError);
   ASSERT_NE(nullptr, shared);
-  const String wide = Str(u"a much longer wide text than any small buffer");
-  const struct { std::function<Error()> make; int allocations; /* 0: an empty handle */ } cases[] = {
-      {[] { return Error(0, AS_HERE); }, 0}, {[] { return Error(0, "x", AS_HERE); }, 0},
-      {[&] { return Error(0, wide, AS_HERE); }, 0}, {[&] { return Error(0, wide, AS_HERE, {{"n", 1}}); }, 0},
-      {[] { return Error(1, AS_HERE); }, 1}, {[] { return Error(1, "narrow", AS_HERE); }, 1},
-      {[&] { return Error(1, wide, AS_HERE); }, 1}, {[&] { return Error(1, shared, AS_HERE); }, 1},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(&c - cases);
-    const int before = gNothrowAllocations;
-    const Error e = c.make();
-    EXPECT_EQ(c.allocations, gNothrowAllocations - before);
-    EXPECT_EQ(c.allocations != 0, e.IsError());
-    EXPECT_EQ(c.allocations == 0, !e.GetCode() && e.GetText().empty() && !*e.GetFieldNames() && !e.GetCause());
-  }
-  const Error fromTable(0x530040, shared, AS_HERE);  // shared, not copied
-  EXPECT_EQ(static_cast<const void*>(shared), fromTable.GetTextAddress());
-  EXPECT_EQ(String(shared), fromTable.GetText());
-  // Other texts are copied, a narrow one widened byte by byte.
   std::string narrow = "gone \xC3\xA9";
-  String gone = Str(u"gone too");
-  const Error a(7, narrow.c_str(), AS_HERE), b(8, gone.c_str(), AS_HERE);
+  String wide = Str(u"a much longer wide text than any small buffer");
+  const int before = gNothrowAllocations;
+  const Error empty[] = {Error(0, AS_HERE), Error(0, "x", AS_HERE), Error(0, wide, AS_HERE),
+                         Error(0, wide, AS_HERE, {{"n", 1}})};
+  const Error made[] = {Error(1, AS_HERE), Error(2, narrow.c_str(), AS_HERE), Error(3, wide, AS_HERE),
+                        Error(4, shared, AS_HERE)};
+  EXPECT_EQ(4, gNothrowAllocations - before);  // one each; a text of the message table is shared
+  for (const Error& e : empty)
+    EXPECT_TRUE(!e && !e.GetCode() && e.GetText().empty() && !*e.GetFieldNames() && !e.GetCause());
+  // Other texts are copied, a narrow one widened byte by byte.
   narrow.assign(narrow.size(), 'x');
-  gone.assign(gone.size(), 'x');
-  EXPECT_EQ((String{'g', 'o', 'n', 'e', ' ', 0xC3, 0xA9}), a.GetText());
-  EXPECT_EQ(Str(u"gone too"), b.GetText());
+  wide.assign(wide.size(), 'x');
+  EXPECT_TRUE(made[0] && made[0].GetCode() == 1 && made[0].GetText().empty());
+  EXPECT_EQ((String{'g', 'o', 'n', 'e', ' ', 0xC3, 0xA9}), made[1].GetText());
+  EXPECT_EQ(Str(u"a much longer wide text than any small buffer"), made[2].GetText());
+  EXPECT_TRUE(made[3].GetTextAddress() == shared && made[3].GetText() == shared);
 }
 
-TEST(Error, KindsAnswerTheirFieldsAndPlace) {
+TEST(Error, KindsAnswerTheirFields) {
   Error plain(3, AS_HERE), posix;
   EXPECT_STREQ("$module", plain.GetFieldNames());
   EXPECT_STREQ(_ErrorModuleName, plain.GetStringField("$module"));
@@ -73,13 +64,10 @@ TEST(Error, KindsAnswerTheirFieldsAndPlace) {
   EXPECT_TRUE(posix.GetNumericField("code") == ENOENT && Common::Widen(std::strerror(ENOENT)) == posix.GetText());
   EXPECT_STREQ("code,$module", posix.GetFieldNames());
   const Error fielded(6, Str(u"lock failed"), AS_HERE, {{"token", "SCSILocker"}, {"count", int64_t{3}}});
-  EXPECT_STREQ("token,count,$module", fielded.GetFieldNames());
   EXPECT_TRUE(fielded.GetStringField("count") == nullptr && fielded.GetNumericField("count") == 3);
   const Error copy = Error(fielded).AddPosixError(EIO, AS_HERE);  // a clone keeps its fields
   EXPECT_STREQ("SCSILocker", copy.GetStringField("token"));
-  const Common::ErrorLocation where = Error(1, AS_LOCATION("GetBlockDevices", 577)).GetLocation();
-  EXPECT_EQ("tests/unit/common/error_test GetBlockDevices", std::string(where.file) + " " + where.function);
-  EXPECT_EQ(Common::LocationTag("tests/unit/common/error_test", 577), where.tag);
+  EXPECT_STREQ("token,count,$module", copy.GetFieldNames());
   EXPECT_NE((AS_LOCATION("f", 1).tag), (AS_LOCATION("f", 2).tag));
 }
 
@@ -130,7 +118,7 @@ using Common::GUID;
 
 const char kText[] = "0123ABCD-4567-89EF-FEDC-BA9876543210";
 
-TEST(Guid, TextBytesAndOrder) {
+TEST(Guid, TextBytesOrderAndSpellings) {
   GUID g, later;
   ASSERT_TRUE(GUID::Parse(kText, g) && GUID::Parse("00000000-FFFF-0000-0000-000000000000", later));
   EXPECT_TRUE(g.Data1 == 0x0123ABCDu && g.Data2 == 0x4567 && g.Data3 == 0x89EF && g.Data4[0] == 0xFE);
@@ -144,11 +132,6 @@ TEST(Guid, TextBytesAndOrder) {
   ASSERT_TRUE(decltype(big)::Parse(kText, big));
   big.ToBytes(bytes);
   EXPECT_TRUE(bytes[0] == 0x01 && bytes[4] == 0x45 && big == decltype(big)::FromBytes(bytes));
-}
-
-TEST(Guid, SpellingsAcceptedAndRefused) {
-  GUID expected;
-  ASSERT_TRUE(GUID::Parse(kText, expected));
   const struct { const char* text; bool accepted; } cases[] = {
       {"0123abcd-4567-89ef-fedc-ba9876543210", true},   {"{0123ABCD-4567-89EF-FEDC-BA9876543210}", true},
       {"0123ABCD-4567-89EF-FEDC-BA9876543210\n", true}, {"{0123abcd-4567-89EF-fedc-BA9876543210}\n", true},
@@ -160,37 +143,28 @@ TEST(Guid, SpellingsAcceptedAndRefused) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
-    GUID narrow, wide;
-    narrow.Data1 = wide.Data1 = 42;  // left alone when refused
-    EXPECT_EQ(c.accepted, GUID::Parse(c.text, narrow) && narrow == expected);
-    EXPECT_EQ(c.accepted, GUID::Parse(Common::Widen(c.text), wide) && wide == expected);
-    EXPECT_EQ(c.accepted ? expected.Data1 : 42u, narrow.Data1);
+    GUID narrow = later, wide = later;  // left alone when refused
+    EXPECT_EQ(c.accepted, GUID::Parse(c.text, narrow));
+    EXPECT_EQ(c.accepted, GUID::Parse(Common::Widen(c.text), wide));
+    EXPECT_TRUE(narrow == (c.accepted ? g : later) && wide == narrow);
   }
   String wide = Common::Widen(kText);
   wide[0] = 0x0130;  // a unit whose low byte is '0' is still no digit
-  EXPECT_FALSE(GUID::Parse(wide, expected));
+  EXPECT_FALSE(GUID::Parse(wide, g));
 }
 
-TEST(Unicode, Utf8DecodingReplacesEveryInvalidSequenceAndEncodingRoundTrips) {
-  const struct { const char* utf8; String utf16; bool roundTrips; } cases[] = {
-      {"", String(), true},
-      {"\xD0\x94\xD0\xB8\xD1\x81\xD0\xBA", Str(u"Диск"), true},
-      {"\xF0\x9F\x92\xBE", Str(u"\U0001F4BE"), true},      // a surrogate pair
-      {"a\xFF" "b", Str(u"a\uFFFDb"), false},                // never valid
-      {"\xC3", Str(u"\uFFFD"), false},                      // truncated at the end
-      {"\xE2\x82x", Str(u"\uFFFDx"), false},                // truncated in the middle
-      {"\xC0\xAF", Str(u"\uFFFD\uFFFD"), false},            // overlong
-      {"\xED\xA0\x80", Str(u"\uFFFD\uFFFD\uFFFD"), false},  // encoded surrogate
+// Invalid input is ICU's to replace; here: the replacement asked for, buffers filled exactly.
+TEST(Unicode, Utf8BothWays) {
+  const struct { std::string utf8; String utf16; bool roundTrips; } cases[] = {
+      {"", String(), true}, {"\xE2\x82\xAC", Str(u"€"), true}, {std::string("a\0b", 3), String{'a', 0, 'b'}, true},
+      {"\xF0\x9F\x92\xBE", Str(u"\U0001F4BE"), true}, {"a\xFF" "b", Str(u"a\uFFFDb"), false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.utf8);
     EXPECT_EQ(c.utf16, Common::FromUtf8(c.utf8));
     EXPECT_EQ(c.roundTrips, c.utf8 == Common::ToUtf8(c.utf16));
   }
-  EXPECT_EQ((String{'a', 0, 'b'}), Common::FromUtf8(std::string_view("a\0b", 3)));
   EXPECT_EQ("a\xEF\xBF\xBD" "b", Common::ToUtf8(String{'a', 0xD800, 'b'}));  // a lone surrogate
-  EXPECT_EQ((String{0x00, 0x7F, 0x80, 0xFF}), Common::Widen(std::string_view("\x00\x7F\x80\xFF", 4)));
-  EXPECT_TRUE(Common::Length(nullptr) == 0 && Common::Length(Str(u"abc").c_str()) == 3);
 }
 
 }  // namespace

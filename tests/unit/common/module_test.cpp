@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstring>
 #include <fstream>
 
 #include "../../support/temp_dir.h"
@@ -16,10 +15,7 @@
 
 namespace {
 
-String Text(TextFromMessageFile id) {
-  const unsigned short* t = GetTextFromMessageFile(id);
-  return t ? String(t) : String();
-}
+String Text(TextFromMessageFile id) { return GetTextFromMessageFile(id); }  // never null here
 std::string Words(std::vector<uint32_t> w) { return {reinterpret_cast<char*>(w.data()), 4 * w.size()}; }
 
 // Message files of a made-up language "xx", in a resource directory of the test's own;
@@ -106,9 +102,8 @@ TEST_F(MessageFiles, BrokenFilesFallBackAndShortOnesKeepTheRestBuiltIn) {
     if (c.why) { EXPECT_NE(std::string::npos, traced_[0].find(c.why)) << traced_[0]; }
     EXPECT_EQ(builtIn_, Text(Messages::InternalError));
     EXPECT_EQ(c.first.empty() ? builtIn0 : c.first, Text({0}));
-    ResourceApi::SetLanguage("en");
   }
-  std::remove((dir_ / "xx/appliance_storage.msg").c_str());
+  std::filesystem::remove(dir_ / "xx/appliance_storage.msg");
   ASSERT_EQ(0, mkdir((dir_ / "xx/appliance_storage.msg").c_str(), 0755));  // unreadable
   ResourceApi::SetLanguage("xx");
   EXPECT_EQ(DefaultTextsBase, TextsFromMessageFileBase);
