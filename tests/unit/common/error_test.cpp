@@ -61,7 +61,7 @@ TEST(Error, KindsAnswerTheirFields) {
   EXPECT_EQ(nullptr, plain.GetStringField("$Module"));  // exact, case-sensitive
   posix.AddPosixError(ENOENT, AS_HERE);  // an empty handle becomes the POSIX error
   EXPECT_TRUE(posix.GetCode() == Error::kPosixCode && !posix.GetCause() && !posix.GetNumericField("Code"));
-  EXPECT_TRUE(posix.GetNumericField("code") == ENOENT && Common::Widen(std::strerror(ENOENT)) == posix.GetText());
+  EXPECT_TRUE(posix.GetNumericField("code") == ENOENT && Common::Widen(strerror(ENOENT)) == posix.GetText());
   EXPECT_STREQ("code,$module", posix.GetFieldNames());
   const Error fielded(6, Str(u"lock failed"), AS_HERE, {{"token", "SCSILocker"}, {"count", int64_t{3}}});
   EXPECT_TRUE(fielded.GetStringField("count") == nullptr && fielded.GetNumericField("count") == 3);
@@ -71,28 +71,21 @@ TEST(Error, KindsAnswerTheirFields) {
   EXPECT_NE((AS_LOCATION("f", 1).tag), (AS_LOCATION("f", 2).tag));
 }
 
-TEST(Error, AddPosixErrorReplacesTheCauseOnAnOwnHead) {
+// A cause replaces the earlier one: on the head itself while no other handle shares it.
+TEST(Error, CausesReplaceInPlaceOrOnACopy) {
   Error a(0x530123, "open", AS_HERE);
   a.SetCause(Error(2, "first cause", AS_HERE).AddPosixError(EPERM, AS_HERE));
+  const void* own = a.GetNode();
   a.AddPosixError(EIO, AS_HERE);
-  EXPECT_TRUE(a.GetCause().GetCode() == Error::kPosixCode && !a.GetCause().GetCause());  // not appended behind
-  Error b = a;
-  b.AddPosixError(EBUSY, AS_HERE);  // a shared head is copied first
-  EXPECT_NE(a.GetNode(), b.GetNode());
-  EXPECT_TRUE(a.GetCause().GetNumericField("code") == EIO && b.GetCause().GetNumericField("code") == EBUSY);
-  EXPECT_EQ(a.GetLocation().tag, b.GetLocation().tag);
-  const void* own = b.GetNode();
-  b.AddPosixError(EAGAIN, AS_HERE);  // its own head now changes in place
-  EXPECT_EQ(own, b.GetNode());
-}
-
-TEST(Error, WrappingSharesTheInnerChainWithoutCycles) {
-  const Error inner = Error(0x530124, "read", AS_HERE).AddPosixError(EIO, AS_HERE);
-  const Error outer = Error(0x530040, "enumerate", AS_HERE).WithCause(inner);
-  EXPECT_EQ(inner.GetNode(), outer.GetCause().GetNode());
-  EXPECT_EQ(EIO, outer.GetCause().GetCause().GetNumericField("code"));
+  EXPECT_TRUE(a.GetNode() == own && a.GetCause().GetNumericField("code") == EIO && !a.GetCause().GetCause());
+  const Error b = a;
+  a.AddPosixError(EBUSY, AS_HERE);
+  EXPECT_TRUE(a.GetNode() != own && a.GetCause().GetNumericField("code") == EBUSY && b.GetNode() == own);
+  EXPECT_TRUE(b.GetCause().GetNumericField("code") == EIO && a.GetLocation().tag == b.GetLocation().tag);
+  const Error outer = Error(0x530040, "enumerate", AS_HERE).WithCause(b);  // shares the inner chain
+  EXPECT_TRUE(outer.GetCause().GetNode() == own && outer.GetCause().GetCause().GetNumericField("code") == EIO);
   Error self(1, "self", AS_HERE);
-  self.SetCause(self);  // the head is copied first
+  self.SetCause(self);  // the head is copied first: no cycle
   EXPECT_TRUE(self.GetCause().GetCode() == 1u && !self.GetCause().GetCause());
   Error chain(1, AS_HERE);
   for (int i = 0; i < 1000000; ++i) chain = Error(2, AS_HERE).WithCause(chain);
@@ -156,8 +149,8 @@ TEST(Guid, TextBytesOrderAndSpellings) {
 // Invalid input is ICU's to replace; here: the replacement asked for, buffers filled exactly.
 TEST(Unicode, Utf8BothWays) {
   const struct { std::string utf8; String utf16; bool roundTrips; } cases[] = {
-      {"", String(), true}, {"\xE2\x82\xAC", Str(u"€"), true}, {std::string("a\0b", 3), String{'a', 0, 'b'}, true},
-      {"\xF0\x9F\x92\xBE", Str(u"\U0001F4BE"), true}, {"a\xFF" "b", Str(u"a\uFFFDb"), false},
+      {"", String(), true}, {"\xE2\x82\xAC", Str(u"€"), true}, {"\xF0\x9F\x92\xBE", Str(u"\U0001F4BE"), true},
+      {std::string("a\0b", 3), String{'a', 0, 'b'}, true}, {"a\xFF" "b", Str(u"a\uFFFDb"), false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.utf8);
