@@ -104,7 +104,7 @@ TEST(Storagectl, RefusesBadInputAndReportsErrorsChangingNothing) {
   EXPECT_NE(failed.err.find("\n  cause 0x720004: "), std::string::npos) << failed.err;
 }
 
-TEST(Storagectl, PreparesMountsAndLabelsADisk) {
+TEST(Storagectl, PreparesMountsLabelsAndMarksADisk) {
   AS_FAKE_MACHINE(m);
   Build(m);
   const Result prepared = Ctl("--trace prepare sdc --yes --json");
@@ -118,11 +118,7 @@ TEST(Storagectl, PreparesMountsAndLabelsADisk) {
   EXPECT_EQ(Column(Ctl("--json list").json()["storages"], "mountpoint"), (Names{"st1", "st2"}));
   EXPECT_EQ(Ctl("unmount sdc1").code, 0);
   EXPECT_EQ(Ctl("--json list").json()["storages"].size(), 1u);
-}
-
-TEST(Storagectl, AttributesDecideWhichDisksAreTemporary) {
-  AS_FAKE_MACHINE(m);
-  Build(m);
+  // Attributes decide which disks are temporary.
   ASSERT_EQ(Ctl("attributes set sdc Temporary 1").code, 0);
   ASSERT_EQ(Ctl("attributes set sdc Bay 4").code, 0);
   EXPECT_EQ(Ctl("--json attributes get sdc").json()["attributes"], Json({{"Bay", "4"}, {"Temporary", "1"}}));

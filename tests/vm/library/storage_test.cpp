@@ -1,9 +1,7 @@
-// Storages on the appliance VM's 12 GiB disks (../CMakeLists.txt), in order: disk 1 becomes
-// the storage "st1" and survives a rescan, disk 2 takes hostile names. Results are checked
-// against the kernel's own view.
+// A storage on the appliance VM's first 12 GiB disk (../CMakeLists.txt): prepared, mounted,
+// relabelled, unmounted and found again by a rescan, checked against the kernel's own view.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -56,15 +54,6 @@ std::vector<Device> List(bool rescan) try {
 Common::Error Prepare(const Device& disk) try { return disk->CreateBackupPartition(); } catch (const Common::Error& e) {
   return e;
 }
-// The storage list as "mount point label" lines.
-std::string Listed() {
-  std::vector<MigrationManagement::StorageConfig::Storage> storages;
-  EXPECT_TRUE(Ok(MigrationManagement::StorageConfig::GetCurrentStorageConfig()->GetStoragesList(storages)));
-  std::string lines;
-  for (const auto& s : storages) lines += ToUtf8(s.MountPoint) + " " + ToUtf8(s.Label) + "\n";
-  return lines;
-}
-
 TEST(RealKernel, APreparedStorageSurvivesARescan) {
   const std::string name = KernelName(1), part = name + "1";
   const Device disk = List(false).at(0);
@@ -75,7 +64,10 @@ TEST(RealKernel, APreparedStorageSurvivesARescan) {
   EXPECT_TRUE(MountedAt(part, kSt1));
   ASSERT_TRUE(Ok(partition->SetLabel(FromUtf8("data"))));
   EXPECT_EQ("ZLMdata\n", Probe("LABEL", part));
-  EXPECT_EQ("st1 data\n", Listed());
+  std::vector<MigrationManagement::StorageConfig::Storage> list;
+  ASSERT_TRUE(Ok(MigrationManagement::StorageConfig::GetCurrentStorageConfig()->GetStoragesList(list)));
+  ASSERT_EQ(1u, list.size());
+  EXPECT_EQ("st1 data", ToUtf8(list[0].MountPoint) + " " + ToUtf8(list[0].Label));
   std::ofstream(kSt1 + "/kept") << "intact";
   ASSERT_TRUE(Ok(partition->Unmount()));
   EXPECT_EQ(std::string::npos, Read("/proc/mounts").find("/dev/" + part + " "));
@@ -88,26 +80,6 @@ TEST(RealKernel, APreparedStorageSurvivesARescan) {
   EXPECT_NE(before.st_ino, after.st_ino);
   ASSERT_TRUE(Ok(devices[0]->GetPartitions().at(0)->Mount(FromUtf8("st1"))));
   EXPECT_EQ("intact", Read(kSt1 + "/kept"));  // the new directory, the old file system
-}
-
-TEST(RealKernel, HostileLabelsAndMountNamesReachTheToolsAsData) {
-  const std::string part = KernelName(2) + "1";
-  const Device disk = List(false).at(1);
-  ASSERT_TRUE(Ok(Prepare(disk)));
-  ASSERT_EQ(0, chdir("/tmp"));  // where the canary of a relative injection would land
-  // Balanced quotes: unquoted or in double quotes, the shell would run the touches.
-  const std::string hostile = "x\"y\"'z' $(touch canary) `touch canary`; touch canary | cat && touch canary * ?[a]",
-                    label = ("ZLM" + hostile).substr(0, 16);  // what ext4 keeps
-  const auto partition = disk->GetPartitions().at(0);
-  EXPECT_TRUE(Ok(partition->SetLabel(FromUtf8(hostile))));
-  EXPECT_EQ(label + "\n", Probe("LABEL", part));
-  const testing::AssertionResult mounted = Ok(partition->Mount(FromUtf8(hostile)));
-  EXPECT_FALSE(fs::exists("/tmp/canary"));
-  ASSERT_TRUE(mounted);
-  EXPECT_TRUE(MountedAt(part, "/mnt/local_storages/" + hostile));
-  EXPECT_EQ("st1 data\n" + hostile + " " + label.substr(3) + "\n", Listed());
-  ASSERT_TRUE(Ok(partition->Unmount()));
-  EXPECT_FALSE(fs::exists("/mnt/local_storages/" + hostile));
 }
 
 }  // namespace
