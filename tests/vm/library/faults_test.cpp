@@ -93,7 +93,7 @@ TEST(Faults, ABusyStorageStaysMountedUntilItsUserLeaves) {
   EXPECT_EQ("rw", MountOptions(kDisk2 + "1"));
   EXPECT_EQ("busy", ToUtf8(partition->GetMountPoint()));
   ASSERT_EQ(0, kill(user, SIGTERM));
-  EXPECT_EQ(128 + SIGTERM, TestSupport::ExitCode(TestSupport::WaitChild(user)));
+  TestSupport::WaitChild(user);
   EXPECT_EQ("", Codes(partition->Unmount()));
   ExpectNothingLeft();  // the directory went: the file system was unmounted
 }
