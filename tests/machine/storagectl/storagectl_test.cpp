@@ -137,7 +137,8 @@ TEST(Storagectl, DoctorNamesWhatIsMissing) {
   std::string failed;
   const Json doctor = bad.json();  // kept: the loop refers into it
   for (const Json& check : doctor["checks"]) failed += check["ok"] ? "" : check["check"].get<std::string>() + ";";
-  for (const char* check : {"gdisk;", "scsi_id;", "shell /tmp/dash;"}) EXPECT_NE(failed.find(check), std::string::npos);
+  for (const char* check : {"gdisk;", "scsi_id;", "shell /tmp/dash;"})
+    EXPECT_NE(failed.find(check), std::string::npos) << failed;
   EXPECT_EQ(failed.find("registry"), std::string::npos) << failed;
 }
 

@@ -20,7 +20,9 @@ using Common::FromUtf8, Common::ToUtf8;
 using Device = std::shared_ptr<Virtualization::Appliance::BlockDevice>;
 const std::string kSt1 = "/mnt/local_storages/st1";
 
-testing::AssertionResult Ok(Common::Error e) { return testing::AssertionResult(!e) << TestSupport::ChainText(e); }
+testing::AssertionResult Ok(Common::Error e) {
+  return testing::AssertionResult(!e) << TestSupport::ChainText(e);
+}
 std::string Read(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
@@ -51,7 +53,9 @@ std::vector<Device> List(bool rescan) try {
   ADD_FAILURE() << Ok(e).message();
   return {};
 }
-Common::Error Prepare(const Device& disk) try { return disk->CreateBackupPartition(); } catch (const Common::Error& e) {
+Common::Error Prepare(const Device& disk) try {
+  return disk->CreateBackupPartition();
+} catch (const Common::Error& e) {
   return e;
 }
 TEST(RealKernel, APreparedStorageSurvivesARescan) {
