@@ -28,7 +28,8 @@ class Reports : public TraceTools::TraceSubscriber {
   Reports() {
     TraceTools::Subscribe(this);
     current_ = this;
-    Common::SetAssertEventCallback([](int, int, int, const char* text) { current_->Add("assert " + std::string(text)); });
+    Common::SetAssertEventCallback(
+        [](int, int, int, const char* text) { current_->Add("assert " + std::string(text)); });
   }
   ~Reports() override {
     Common::SetAssertEventCallback(nullptr);
@@ -247,7 +248,7 @@ TEST(Subsystem, Failures) {
     std::function<Common::Error()> call;
     std::vector<std::pair<uint32_t, int>> chain;  // code, line (0: any)
     const char* mentions;                        // in the texts of the chain
-    bool timed;
+    bool timed;                                  // traces how long it took
   } cases[] = {
       {"/sys/class/scsi_host/host1/scan", [&] { return subsystem()->Refresh(); },
        {{0x530040, 366}, {0x530040, 137}, {0x5300C6, 0}}, "'/sys/class/scsi_host/host1/scan'", false},
@@ -405,7 +406,7 @@ TEST(DiskAttributes, HowRecordsRead) {
     const bool fails = c.record && !c.value;
     EXPECT_EQ(fails ? 0x530040u : 0u, e.GetCode());
     EXPECT_EQ(fails ? 131 : 0, e.GetLocation().line);
-    EXPECT_EQ(fails, Common::ToUtf8(e.GetText()).find("'6000C29A-1B2C-3D4E-5F60-718293A4B5C6'") != std::string::npos);
+    EXPECT_EQ(fails, Common::ToUtf8(e.GetText()).find("'" + kDisk.ToString() + "'") != std::string::npos);
     EXPECT_EQ(c.expected, attributes);
     EXPECT_EQ(c.assertion ? 1u : 0u, reports.Count("assert"));
     EXPECT_EQ(reports.Count("assert"), reports.Count("assert", c.assertion ? c.assertion : ""));
