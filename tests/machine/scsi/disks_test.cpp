@@ -106,6 +106,7 @@ TEST(Enumerate, ScsiDisksOnKnownHostsSortedByKindHostAndTarget) {
   m.Disk("vda");
   m.Disk("loop0");
   m.Build();
+  FakeMachineTesting::fs::create_directories("/sys/block/vda/device/scsi_disk/2:0:3:0");  // not an sd name
   const std::vector<SCSI::Disk> disks = List();
   std::string names;  // ! unreadable
   for (const auto& d : disks) names += Common::ToUtf8(d.name) + (d.readable ? " " : "! ");
