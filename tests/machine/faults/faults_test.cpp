@@ -4,72 +4,31 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <chrono>
 #include <fstream>
 #include <future>
 #include <iterator>
 #include <iostream>
 #include <map>
-#include <sstream>
 
+#include "../storage/storage_checks.h"
 #include "child.h"
-#include "core/common/unicode.h"
 #include "core/trace/trace_tools.h"
-#include "descriptors.h"
-#include "fake_machine.h"
-#include "lock_probe.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/attributes.h"
-#include "virtualization/common/storage/storage_config.h"
-#include "virtualization/common/storage/storage_manager.h"
 
 namespace {
 
-using namespace FakeMachineTesting;
-using Common::Str;
-using Common::ToUtf8;
-using Virtualization::Appliance::StoragesManager;
-
-const std::string kState = FakeMachine::StateDir(), kRoot = "/mnt/local_storages", kLock = "SCSISubsystemLocker";
+using namespace StorageChecks;
+const std::string kLock = "SCSISubsystemLocker";
 
 // Disks of 12 GiB on host 2 at targets 1, 2...; the first with a storage labelled "old".
 void Disks(FakeMachine& m, const std::vector<std::string>& names) {
-  m.Host(2, "virtio_scsi\n");
-  for (unsigned target = 1; target <= names.size(); ++target)
-    m.Disk(names[target - 1]).At(2, 0, target, 0).Size(12_GiB).Serial(std::string(31, 'a') + std::to_string(target));
+  for (unsigned target = 1; target <= names.size(); ++target) AddDisk(m, names[target - 1], 12_GiB, target);
   m.Build();
   AddPartition(names[0], {1, 2048, 12582912});
   ASSERT_EQ(0, std::system(("/sbin/mke2fs -q -F -t ext4 -L ZLMold /dev/" + names[0] + "1").c_str()));
 }
-// "0x720023>0x720004(127)": the codes of the chain, with a tool's exit status or an errno.
-std::string Codes(const Common::Error& e) {
-  if (!e) return "ok";
-  const std::string text = ToUtf8(e.GetText());
-  std::ostringstream out;
-  out << "0x" << std::uppercase << std::hex << e.GetCode() << std::dec;
-  if (e.GetCode() == 0x720004) out << "(" << std::stoi(text.substr(text.rfind(' '))) << ")";
-  if (e.GetCode() == Common::Error::kPosixCode) out << "(" << e.GetNumericField("code") << ")";
-  return e.GetCause() ? out.str() + ">" + Codes(e.GetCause()) : out.str();
-}
-std::string Codes(const std::vector<std::shared_ptr<Virtualization::Appliance::BlockDevice>>& devices) {
-  std::string names;  // "sdb;sdc;"
-  for (const auto& device : devices) names += ToUtf8(device->GetName()) + ";";
-  return names;
-}
-template <class Call> std::string Outcome(Call call) try { return Codes(call()); } catch (const Common::Error& e) { return Codes(e); }
-std::string List() {  // "ok[mount point=label;...]" or the error
-  std::vector<MigrationManagement::StorageConfig::Storage> list;
-  const Common::Error e = MigrationManagement::StorageConfig::GetCurrentStorageConfig()->GetStoragesList(list);
-  std::string text;
-  for (const auto& s : list) text += ToUtf8(s.MountPoint) + "=" + ToUtf8(s.Label) + ";";
-  return e ? Codes(e) : "ok[" + text + "]";
-}
 std::string Listed() { return Outcome([] { return StoragesManager().GetBlockDevices(false); }); }
-void ExpectNothingLeft(int fds) {
-  EXPECT_TRUE(::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD) << "a child is left";
-  EXPECT_EQ(fds, TestSupport::CountOwnFds());
-  EXPECT_FALSE(TestSupport::FileLockHeld(kLock));
-}
 // A PATH as the present one but without `tool`: a directory of links to all else it finds.
 std::string PathWithout(const std::string& tool) {
   const std::string farm = "/tmp/path/";

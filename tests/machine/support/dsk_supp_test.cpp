@@ -7,14 +7,8 @@ namespace {
 
 using dsk_supp::UnixVolID;
 
-UnixVolID Node(const std::string& node) {
-  UnixVolID volume;
-  volume.DevNode = node;
-  return volume;
-}
-
 bool ByName(const std::string& node, dsk_supp::index_t& index) {
-  return dsk_supp::IndexbyDevName(Node(node), dsk_supp::mt_disk, index);
+  return dsk_supp::IndexbyDevName(UnixVolID{node}, dsk_supp::mt_disk, index);
 }
 
 bool Lookup(const std::string& node, UnixVolID& volume) {
@@ -71,8 +65,8 @@ TEST(DskSupp, UnknownOddOrRemovedDevicesAreNotFound) {
   }
   numbers.Minor = 16;
   EXPECT_FALSE(dsk_supp::IndexbyDev(numbers, dsk_supp::mt_unknown, index));
-  EXPECT_FALSE(dsk_supp::IndexbyDevName(Node("/dev/sdb"), dsk_supp::mt_unknown, index));
-  UnixVolID volume = Node("kept");
+  EXPECT_FALSE(dsk_supp::IndexbyDevName(UnixVolID{"/dev/sdb"}, dsk_supp::mt_unknown, index));
+  UnixVolID volume{"kept"};
   ASSERT_TRUE(ByName("/dev/sdb", index));
   EXPECT_FALSE(dsk_supp::VolIDbyIndex(index, dsk_supp::mt_unknown, volume));
   for (dsk_supp::index_t bad : {(8ull << 32) | 17, (8ull << 32) | 240, removed})

