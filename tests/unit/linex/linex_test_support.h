@@ -1,5 +1,5 @@
 #pragma once
-// Running the probe child and reading what it reports.
+// Running a child and reading what it prints.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -23,9 +23,9 @@ inline std::string ReadStream(FILE* stream) {
   return text;
 }
 
-// The probe's report in `mode`, empty when it could not run or failed.
-inline std::string Probe(ChildProcess& child, const char* mode) {
-  child.Args = {AS_CHILD_PROBE, mode};
+// The standard output of `args` (by default the probe of descriptors), empty when it failed.
+inline std::string Output(ChildProcess& child, std::vector<std::string> args = {AS_CHILD_PROBE}) {
+  child.Args = std::move(args);
   int out = -1;
   child.AddRedirection(1, &out, true);
   if (child.ForkExec() == -1) return "";
@@ -33,7 +33,7 @@ inline std::string Probe(ChildProcess& child, const char* mode) {
   return child.Wait() == 0 ? text : "";
 }
 
-// "<fd> <target>" lines of the probe's "fds" mode.
+// The probe's lines by descriptor.
 inline std::map<int, std::string> Descriptors(const std::string& text) {
   std::map<int, std::string> fds;
   std::istringstream in(text);
