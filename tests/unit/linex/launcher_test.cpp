@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sched.h>
@@ -12,51 +13,66 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "../../support/child.h"
 #include "../../support/descriptors.h"
 #include "../../support/temp_dir.h"
 #include "core/common/assert.h"
 #include "core/linex/child_env_internal.h"
+#include "core/linex/create_process.h"
 #include "core/linex/linux_misc.h"
-#include "linex_test_support.h"
 
 namespace {
 
-using LinexTest::Output;
-using LinexTest::ReadStream;
+using Strings = std::vector<std::string>;
+using namespace std::string_literals;
 
-// The child's descriptors with 100 open in this process, half of them inheritable.
-std::map<int, std::string> ChildDescriptors(ChildProcess& child) {
+std::string ReadAll(int fd) {
+  std::string text;
+  char buffer[4096];
+  for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<size_t>(n));
+  close(fd);
+  return text;
+}
+
+std::string ReadStream(FILE* stream) {
+  std::string text;
+  for (int c; stream != nullptr && (c = std::fgetc(stream)) != EOF;) text += static_cast<char>(c);
+  return text;
+}
+
+// What the probe child sees with 100 descriptors open here, half of them inheritable:
+// sorted "<fd> <target>", "?" for a number above 2 but `input`, "kept" for an inherited one.
+Strings ChildDescriptors(bool keepStdFds, int input = -1) {
   std::vector<int> fds;
   for (int i = 0; i < 100; ++i) fds.push_back(memfd_create("parent", i % 2 ? MFD_CLOEXEC : 0));
-  const std::string out = Output(child);
+  ChildProcess child;
+  child.Args = {AS_CHILD_PROBE}, child.KeepStdFds = keepStdFds;
+  int in = -1, out = -1;
+  if (input != -1) child.AddRedirection(input, &in, false);
+  child.AddRedirection(1, &out, true);
+  const std::string text = child.ForkExec() != -1 ? ReadAll(out) : "";
   for (int fd : fds) close(fd);
-  return LinexTest::Descriptors(out);
+  if (in != -1) close(in);
+  if (child.Wait() != 0) return {"failed"};
+  std::istringstream lines(text);
+  Strings seen;
+  for (std::string line; std::getline(lines, line);) {
+    const int fd = std::stoi(line);
+    const std::string target = line.substr(line.find(' ') + 1);
+    seen.push_back((fd > 2 && fd != input ? "?" : std::to_string(fd)) + " " +
+                   (keepStdFds && fd != 1 ? "kept" : target.rfind("pipe:", 0) == 0 ? "pipe" : target));
+  }
+  std::sort(seen.begin(), seen.end());
+  return seen;
 }
 
 TEST(Launcher, ChildSeesOnlyStandardAndRedirectedDescriptors) {
-  // "?": any number but 0..2 and the input; the "/dev/null" that served 0 and 2 stays open.
-  const struct { bool keepStdFds; int input; std::vector<std::string> expected; } cases[] = {
-      {true, -1, {"0 kept", "1 pipe:", "2 kept"}},
-      {false, 7, {"0 /dev/null", "1 pipe:", "2 /dev/null", "7 pipe:", "? /dev/null"}},
-      {false, 0, {"0 pipe:", "1 pipe:", "2 /dev/null", "? /dev/null"}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.expected));
-    ChildProcess child;
-    child.KeepStdFds = c.keepStdFds;
-    int in = -1;
-    if (c.input != -1) child.AddRedirection(c.input, &in, false);
-    std::vector<std::string> seen;
-    for (const auto& [fd, target] : ChildDescriptors(child)) {
-      const std::string what = c.keepStdFds && fd != 1 ? "kept" : target.rfind("pipe:", 0) ? target : "pipe:";
-      seen.push_back((fd > 2 && fd != c.input ? "?" : std::to_string(fd)) + " " + what);
-    }
-    if (in != -1) close(in);
-    std::sort(seen.begin(), seen.end());
-    EXPECT_EQ(c.expected, seen);
-  }
+  // The "/dev/null" that served 0 and 2 stays open.
+  EXPECT_EQ(ChildDescriptors(true), (Strings{"0 kept", "1 pipe", "2 kept"}));
+  EXPECT_EQ(ChildDescriptors(false, 7), (Strings{"0 /dev/null", "1 pipe", "2 /dev/null", "7 pipe", "? /dev/null"}));
+  EXPECT_EQ(ChildDescriptors(false, 0), (Strings{"0 pipe", "1 pipe", "2 /dev/null", "? /dev/null"}));
 }
 
 // close_range() refused, as by an older kernel.
@@ -90,12 +106,6 @@ bool Hide(const char* path) {
          mount("tmpfs", path, "tmpfs", 0, nullptr) == 0;
 }
 
-bool OnlyStdFds() {
-  ChildProcess child;
-  child.KeepStdFds = true;
-  return ChildDescriptors(child).size() == 3;
-}
-
 // Starts "true" with its output on `target`, `limit` set just before: 0 when the start
 // fails leaving nothing behind, 1 when the child runs.
 int StartUnder(const std::function<void()>& limit, int target = 1) {
@@ -119,19 +129,16 @@ void NoRoomForAChildStack() {
 // do not allow the setting.
 TEST(Launcher, FallbacksAndLimitsInForkedCopies) {
   const auto yes = [] { return true; };
+  const auto onlyStdFds = [] { return ChildDescriptors(true).size() == 3; };
   const struct { const char* name; std::function<bool()> setUp, check; } cases[] = {
       // An inheritable descriptor above a lowered limit: a loop up to the limit misses it.
       {"/proc/self/fd", [] { return RefuseCloseRange() && dup2(open("/dev/null", O_RDONLY), 900) == 900 &&
-                                    SetLimit(RLIMIT_NOFILE, 512); }, OnlyStdFds},
+                                    SetLimit(RLIMIT_NOFILE, 512); }, onlyStdFds},
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // a sanitized probe needs /proc
-      {"loop", [] { return Hide("/proc") && RefuseCloseRange(); }, OnlyStdFds},
+      {"loop", [] { return Hide("/proc") && RefuseCloseRange(); }, onlyStdFds},
       // Sanitizers reserve the address space.
       {"no room for the child's stack", yes, [] { return StartUnder(NoRoomForAChildStack) == 0; }},
 #endif
-      {"no shell", [] { return Hide(std::filesystem::is_symlink("/bin") ? "/usr/bin" : "/bin"); }, [] {
-         FILE* out = POpen("echo x", "r");
-         return RunCommand("true") == 127 && out && std::fgetc(out) == EOF && PClose(out) == 127;
-       }},
       {"no room for a pipe", yes,
        [] { return StartUnder([] { SetLimit(RLIMIT_NOFILE, LowestFree() + 1); }, LowestFree() - 1) == 0; }},
       {"pipe fits on the lowest numbers", yes,
@@ -153,31 +160,39 @@ TEST(Launcher, FallbacksAndLimitsInForkedCopies) {
   }
 }
 
-// With every signal blocked and SIGPIPE ignored here, and a not executable "true" first in
-// PATH: each row's standard output (stderr joins it) and exit status.
+// Set here: every signal blocked, SIGPIPE ignored, LD_PRELOAD, a report file and a not
+// executable "true" first in PATH. Each row's exact output (stderr joins it) and status.
 TEST(Launcher, ChildRunsAsAskedOrExits127) {
   const TestSupport::TempDir dir;
   close(open((dir / "true").c_str(), O_CREAT | O_WRONLY, 0644));
   const std::string savedPath = getenv("PATH");
   setenv("PATH", (dir.path() + ":/bin:/usr/bin").c_str(), 1);
+  setenv("LD_PRELOAD", "", 1);
+  setenv("ZEMLORA_ERROR_REPORT_FILE", "/tmp/parent", 1);
   sigset_t all, previous;
   sigfillset(&all);
   ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &all, &previous), 0);
   struct sigaction ignore {}, old {};
   ignore.sa_handler = SIG_IGN;
   sigaction(SIGPIPE, &ignore, &old);
-  // A redirection of `extra` too; `out` is a part of "\n" + the output.
-  const struct { std::vector<std::string> args; std::string workDir; int extra; std::string out; int status; } cases[] = {
-      {{"sh", "-c", "pwd; echo err >&2"}, "/usr", -1, "\n/usr\nerr\n", 0},
-      {{"cat", "/proc/self/status"}, "", -1, "\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n", 0},
-      {{"true"}, "", -1, "", 0},  // the denied entry does not end the search
-      {{"no-such-program-zl"}, "", -1, "", 127}, {{"/tmp"}, "", -1, "", 127},
-      {{"true"}, "/no/such/dir", -1, "", 127},   {{"true"}, "", INT32_MAX, "", 127},
+  const Strings environment = {"grep", "-z", "^LD_PRELOAD=\\|^ZL_\\|^ZEMLORA", "/proc/self/environ"};
+  // `report`: a fresh report file for the child, whose path `out` then ends with.
+  const struct { Strings args; std::string out; int status; std::string workDir; int extra; Strings env; bool report; } cases[] = {
+      {{"sh", "-c", "pwd; echo err >&2"}, "/usr\nerr\n", 0, "/usr", -1, {}, false},
+      {{"grep", "^Sig[BI]", "/proc/self/status"}, "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n", 0,
+       "", -1, {}, false},
+      {environment, "ZL_NEW=2\0"s, 0, "", -1, {"LD_PRELOAD", "ZL_NEW=1", "ZL_NEW=2"}, false},
+      {environment, "ZEMLORA_ERROR_REPORT_FILE=\0"s, 0, "", -1, {"LD_PRELOAD"}, true},
+      {{"true"}, "", 0, "", -1, {}, false},  // the denied entry does not end the search
+      {{"no-such-program-zl"}, "", 127, "", -1, {}, false}, {{"/tmp"}, "", 127, "", -1, {}, false},
+      {{"true"}, "", 127, "/no/such/dir", -1, {}, false},   {{"true"}, "", 127, "", INT32_MAX, {}, false},
   };
+  std::string report;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args.back().substr(0, 20) + " in [" + c.workDir + "] " + std::to_string(c.extra));
     ChildProcess child;
-    child.Args = c.args, child.WorkDir = c.workDir, child.StderrToStdout = true;
+    child.Args = c.args, child.WorkDir = c.workDir, child.StderrToStdout = true, child.CreateReportFile = c.report;
+    for (const std::string& entry : c.env) child.SetEnv(entry);
     int out = 5, second = 5, extra = -1;
     child.AddRedirection(1, &out, true);
     child.AddRedirection(1, &second, false);  // the first one wins
@@ -185,37 +200,21 @@ TEST(Launcher, ChildRunsAsAskedOrExits127) {
     ASSERT_NE(child.ForkExec(), -1);
     if (extra != -1) close(extra);
     EXPECT_EQ(second, 5);
-    const std::string text = "\n" + LinexTest::ReadAll(out);
-    EXPECT_NE(text.find(c.out), std::string::npos) << text;
+    std::string expected = c.out;
+    if (c.report) expected.insert(expected.size() - 1, report = child.ReportPath);
+    EXPECT_EQ(expected, ReadAll(out));
     EXPECT_EQ(child.Wait(), c.status);
+    EXPECT_EQ(c.report, access(child.ReportPath.c_str(), F_OK) == 0);
   }
+  EXPECT_NE(access(report.c_str(), F_OK), 0);  // gone with its object
   sigaction(SIGPIPE, &old, nullptr);
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   setenv("PATH", savedPath.c_str(), 1);
-}
-
-TEST(Launcher, EnvironmentAndReportFileReachTheChild) {
-  setenv("LD_PRELOAD", "", 1);
-  setenv("ZEMLORA_ERROR_REPORT_FILE", "/tmp/parent", 1);
-  std::string path;
-  for (bool report : {false, true}) {
-    SCOPED_TRACE(report);
-    ChildProcess child;
-    for (const char* entry : {"LD_PRELOAD", "ZL_NEW=1", "ZL_NEW=2"}) child.SetEnv(entry);
-    child.CreateReportFile = report;
-    const std::string out = "\n" + Output(child, {"env"});
-    EXPECT_TRUE(out.find("\nLD_PRELOAD=") == out.npos && out.find("/tmp/parent") == out.npos) << out;
-    EXPECT_TRUE(out.find("\nZL_NEW=2\n") != out.npos && out.find("ZL_NEW=1") == out.npos) << out;
-    path = child.ReportPath;
-    EXPECT_EQ(report, out.find("\nZEMLORA_ERROR_REPORT_FILE=" + path + "\n") != out.npos &&
-                          path.rfind("/tmp/.zemlora_report.", 0) == 0 && access(path.c_str(), F_OK) == 0) << path;
-  }
-  EXPECT_NE(access(path.c_str(), F_OK), 0);  // gone with the object
   unsetenv("LD_PRELOAD"), unsetenv("ZEMLORA_ERROR_REPORT_FILE");
 }
 
 TEST(Launcher, ChildEnvironmentRules) {
-  using Strings = std::vector<std::string>;
+using namespace std::string_literals;
   struct { Strings parent; bool inherit; Strings overrides, expected; } cases[] = {
       {{"A=1", "B=2", "C=3"}, true, {"B=x"}, {"A=1", "B=x", "C=3"}},
       {{"A=1"}, true, {"Z=9", "NOPE"}, {"A=1", "Z=9"}},  {{"A=1", "BROKEN", "C=3"}, true, {}, {"A=1", "C=3"}},
@@ -293,7 +292,7 @@ TEST(Shell, POpenAndStartProcessPipesLeakNothing) {
   EXPECT_EQ(fcntl(in, F_GETFD) & fcntl(out, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
   ASSERT_EQ(write(in, "hello\n", 6), 6);
   close(in);
-  EXPECT_EQ(LinexTest::ReadAll(out), "got hello\n");
+  EXPECT_EQ(ReadAll(out), "got hello\n");
   EXPECT_EQ(ChildProcess::WaitProcess(pid), 0);
   EXPECT_EQ(TestSupport::CountOwnFds(), before);
   EXPECT_TRUE(NoChildren());
