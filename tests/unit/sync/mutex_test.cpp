@@ -4,12 +4,12 @@
 #include <atomic>
 #include <thread>
 
+#include "../../support/lock_probe.h"
 #include "../common/sleeps_in.h"
 #include "core/common/error.h"
 #include "core/common/event.h"
 #include "core/common/mutex.h"
 #include "core/common/shared_mutex.h"
-#include "../../support/lock_probe.h"
 
 namespace {
 
@@ -33,10 +33,7 @@ TEST(SharedMutexThreads, ThreadsSerialise) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t)
     threads.emplace_back([&] {
-      for (int i = 0; i < 200; ++i) {
-        mutex->Lock(), mutex->Lock(), ++counter;
-        mutex->Unlock(), mutex->Unlock();
-      }
+      for (int i = 0; i < 200; ++i) mutex->Lock(), mutex->Lock(), ++counter, mutex->Unlock(), mutex->Unlock();
     });
   for (auto& t : threads) t.join();
   EXPECT_EQ(counter, 800);
@@ -45,15 +42,15 @@ TEST(SharedMutexThreads, ThreadsSerialise) {
 }
 
 TEST(Event, SignalStateWithoutWaiters) {
+  // For each row, Wait(0), Wait(1), Set, Wait(0), Wait(0), Reset, Wait(0): 1 when it returned true.
   const struct { bool manual, initially; const char* waits; } cases[] = {
       {false, true, "10-10-0"}, {false, false, "00-10-0"}, {true, true, "11-11-0"}, {true, false, "00-11-0"}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.manual ? "manual, " : "auto, ") + (c.initially ? "signalled" : "not signalled"));
     Common::Event event(c.manual, c.initially);
-    std::string waits;  // S: Set, R: Reset, a digit: Wait with that limit
+    std::string waits;
     for (const char* op = "01S00R0"; *op; ++op)
       waits += *op == 'S' ? (event.Set(), '-') : *op == 'R' ? (event.Reset(), '-') : event.Wait(*op - '0') ? '1' : '0';
-    EXPECT_EQ(c.waits, waits);
+    EXPECT_EQ(c.waits, waits) << c.manual << c.initially;
   }
 }
 
@@ -73,10 +70,7 @@ TEST(Event, SetWakesOneWaiterOrAll) {
     }
     event.Set();
     EXPECT_EQ(manual, event.Wait(0));
-    if (!manual) {
-      event.Set();
-      event.Set();
-    }
+    if (!manual) event.Set(), event.Set();
     for (auto& t : threads) t.join();
     EXPECT_EQ(woken, 3);
     EXPECT_EQ(manual, event.Wait(0));
