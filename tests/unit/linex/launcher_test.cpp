@@ -94,67 +94,51 @@ bool SetLimit(decltype(RLIMIT_AS) resource, rlim_t value) {
   return setrlimit(resource, &limit) == 0;
 }
 
-int LowestFree() {
-  const int fd = dup(0);
-  close(fd);
-  return fd;
-}
-
 // A private mount namespace (root only) with `path` hidden under an empty tmpfs.
 bool Hide(const char* path) {
   return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
          mount("tmpfs", path, "tmpfs", 0, nullptr) == 0;
 }
 
-// Starts "true" with its output on `target`, `limit` set just before: 0 when the start
-// fails leaving nothing behind, 1 when the child runs.
-int StartUnder(const std::function<void()>& limit, int target = 1) {
+// Starts "true" with its output on `target` (from the lowest free number) once only
+// `spare` descriptors are left, or with no room for a child's stack when `spare` is 0:
+// 0 when the start fails leaving nothing behind, 1 when the child runs.
+int StartUnder(int spare, int target) {
+  const int lowest = dup(0);
+  close(lowest);
   ChildProcess child;
   child.CmdLine = "true";
   int out = 5;
-  child.AddRedirection(target, &out, true);
+  child.AddRedirection(lowest + target, &out, true);
   const int before = TestSupport::CountOwnFds();
-  limit();
-  if (child.ForkExec() != -1) return child.Wait() == 0 && close(out) == 0 ? 1 : -1;
-  return out == -1 && TestSupport::CountOwnFds() == before ? 0 : -1;
-}
-
-void NoRoomForAChildStack() {
   long pages = 0;
   std::ifstream("/proc/self/statm") >> pages;
-  SetLimit(RLIMIT_AS, rlim_t(pages) * 4096 + 64 * 1024);
+  spare ? SetLimit(RLIMIT_NOFILE, lowest + spare) : SetLimit(RLIMIT_AS, rlim_t(pages) * 4096 + 64 * 1024);
+  if (child.ForkExec() != -1) return child.Wait() == 0 && close(out) == 0 ? 1 : -1;
+  return out == -1 && TestSupport::CountOwnFds() == before ? 0 : -1;
 }
 
 // Each row runs in a forked copy of the test; exit code 2 means the kernel or our rights
 // do not allow the setting.
 TEST(Launcher, FallbacksAndLimitsInForkedCopies) {
-  const auto yes = [] { return true; };
   const auto onlyStdFds = [] { return ChildDescriptors(true).size() == 3; };
-  const struct { const char* name; std::function<bool()> setUp, check; } cases[] = {
+  const struct { const char* name; std::function<bool()> check, setUp = nullptr; } cases[] = {
       // An inheritable descriptor above a lowered limit: a loop up to the limit misses it.
-      {"/proc/self/fd", [] { return RefuseCloseRange() && dup2(open("/dev/null", O_RDONLY), 900) == 900 &&
-                                    SetLimit(RLIMIT_NOFILE, 512); }, onlyStdFds},
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // a sanitized probe needs /proc
-      {"loop", [] { return Hide("/proc") && RefuseCloseRange(); }, onlyStdFds},
-      // Sanitizers reserve the address space.
-      {"no room for the child's stack", yes, [] { return StartUnder(NoRoomForAChildStack) == 0; }},
-#endif
-      {"no room for a pipe", yes,
-       [] { return StartUnder([] { SetLimit(RLIMIT_NOFILE, LowestFree() + 1); }, LowestFree() - 1) == 0; }},
-      {"pipe fits on the lowest numbers", yes,
-       [] { return StartUnder([] { SetLimit(RLIMIT_NOFILE, LowestFree() + 2); }, LowestFree() - 1) == 1; }},
-      {"no room above the target", yes,
-       [] { return StartUnder([] { SetLimit(RLIMIT_NOFILE, LowestFree() + 3); }, LowestFree() + 2) == 0; }},
-      {"popen child never keeps our 0 and 2",
-       [] { const int fd = memfd_create("std", 0); return dup2(fd, 0) == 0 && dup2(fd, 2) == 2; },
-       [] {
-         FILE* out = POpen("readlink /proc/self/fd/0 /proc/self/fd/2", "r");
-         return ReadStream(out) == "/dev/null\n/dev/null\n" && PClose(out) == 0;
+      {"/proc/self/fd", onlyStdFds, [] {
+         return RefuseCloseRange() && dup2(open("/dev/null", O_RDONLY), 900) == 900 && SetLimit(RLIMIT_NOFILE, 512);
        }},
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // a sanitized probe needs /proc
+      {"loop", onlyStdFds, [] { return Hide("/proc") && RefuseCloseRange(); }},
+      // Sanitizers reserve the address space.
+      {"no room for the child's stack", [] { return StartUnder(0, -1) == 0; }},
+#endif
+      {"no room for a pipe", [] { return StartUnder(1, -1) == 0; }},
+      {"pipe fits on the lowest numbers", [] { return StartUnder(2, -1) == 1; }},
+      {"no room above the target", [] { return StartUnder(3, 2) == 0; }},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    const int outcome = TestSupport::RunInChild([&] { return !c.setUp() ? 2 : c.check() ? 0 : 1; });
+    const int outcome = TestSupport::RunInChild([&] { return c.setUp && !c.setUp() ? 2 : c.check() ? 0 : 1; });
     if (outcome == 2) std::printf("%s: not tried, needs seccomp or root\n", c.name);
     EXPECT_NE(1, outcome);
   }
