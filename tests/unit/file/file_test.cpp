@@ -33,7 +33,8 @@ TEST(FileLayer, WalkTellsEntryKindsAndDirectoriesChange) {
   for (Directory::Entry e; dir->Next(e);) seen[e.name] = e.kind;
   EXPECT_EQ(kStatusEndOfDirectory, dir->Status());
   EXPECT_EQ((std::map<std::string, EntryKind>{{"dir", kDirectory}, {"dirlink", kDirectoryLink}, {"fifo", kSpecial},
-                                               {"file", kRegular}, {"filelink", kSymlink}, {"nowherelink", kSymlink}}),
+                                               {"file", kRegular}, {"filelink", kSymlink},
+                                               {"nowherelink", kSymlink}}),
             seen);
   EXPECT_TRUE(dir->OpenChild("dirlink") && !dir->OpenChild("nowherelink") && dir->CreateDir("st1"));
   EntryKind kind = kUnknown, fifo = kUnknown;
@@ -126,7 +127,8 @@ TEST(FileLayer, DescriptorsAreCloseOnExecAndReleased) {
     int left = close(0);
     for (bool reassign : {false, true}) {
       File f;
-      left += File::Open("/proc/self/stat", File::kRead, f) ? 2 : reassign ? (f = File(), fcntl(0, F_GETFD) != -1) : 0;
+      if (File::Open("/proc/self/stat", File::kRead, f)) return 2;
+      if (reassign) f = File(), left += fcntl(0, F_GETFD) != -1;
     }
     return left + (fcntl(0, F_GETFD) != -1);
   }));

@@ -71,7 +71,8 @@ Strings ChildDescriptors(bool keepStdFds, int input = -1) {
 TEST(Launcher, ChildSeesOnlyStandardAndRedirectedDescriptors) {
   // The "/dev/null" that served 0 and 2 stays open.
   EXPECT_EQ(ChildDescriptors(true), (Strings{"0 kept", "1 pipe", "2 kept"}));
-  EXPECT_EQ(ChildDescriptors(false, 7), (Strings{"0 /dev/null", "1 pipe", "2 /dev/null", "7 pipe", "? /dev/null"}));
+  EXPECT_EQ(ChildDescriptors(false, 7),
+            (Strings{"0 /dev/null", "1 pipe", "2 /dev/null", "7 pipe", "? /dev/null"}));
   EXPECT_EQ(ChildDescriptors(false, 0), (Strings{"0 pipe", "1 pipe", "2 /dev/null", "? /dev/null"}));
 }
 
@@ -125,7 +126,8 @@ TEST(Launcher, FallbacksAndLimitsInForkedCopies) {
   const struct { const char* name; std::function<bool()> check, setUp = nullptr; } cases[] = {
       // An inheritable descriptor above a lowered limit: a loop up to the limit misses it.
       {"/proc/self/fd", onlyStdFds, [] {
-         return RefuseCloseRange() && dup2(open("/dev/null", O_RDONLY), 900) == 900 && SetLimit(RLIMIT_NOFILE, 512);
+         return RefuseCloseRange() && dup2(open("/dev/null", O_RDONLY), 900) == 900 &&
+                SetLimit(RLIMIT_NOFILE, 512);
        }},
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // a sanitized probe needs /proc
       {"loop", onlyStdFds, [] { return Hide("/proc") && RefuseCloseRange(); }},
@@ -161,15 +163,15 @@ TEST(Launcher, ChildRunsAsAskedOrExits127) {
   sigaction(SIGPIPE, &ignore, &old);
   const Strings environment = {"grep", "-z", "^LD_PRELOAD=\\|^ZL_\\|^ZEMLORA", "/proc/self/environ"};
   // `report`: a fresh report file for the child, whose path `out` then ends with.
-  const struct { Strings args; std::string out; int status; std::string workDir; int extra; Strings env; bool report; } cases[] = {
-      {{"sh", "-c", "pwd; echo err >&2"}, "/usr\nerr\n", 0, "/usr", -1, {}, false},
-      {{"grep", "^Sig[BI]", "/proc/self/status"}, "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n", 0,
-       "", -1, {}, false},
-      {environment, "ZL_NEW=2\0"s, 0, "", -1, {"LD_PRELOAD", "ZL_NEW=1", "ZL_NEW=2"}, false},
+  const struct { Strings args; std::string out; int status = 0; std::string workDir = ""; int extra = -1;
+                 Strings env = {}; bool report = false; } cases[] = {
+      {{"sh", "-c", "pwd; echo err >&2"}, "/usr\nerr\n", 0, "/usr"},
+      {{"grep", "^Sig[BI]", "/proc/self/status"}, "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n"},
+      {environment, "ZL_NEW=2\0"s, 0, "", -1, {"LD_PRELOAD", "ZL_NEW=1", "ZL_NEW=2"}},
       {environment, "ZEMLORA_ERROR_REPORT_FILE=\0"s, 0, "", -1, {"LD_PRELOAD"}, true},
-      {{"true"}, "", 0, "", -1, {}, false},  // the denied entry does not end the search
-      {{"no-such-program-zl"}, "", 127, "", -1, {}, false}, {{"/tmp"}, "", 127, "", -1, {}, false},
-      {{"true"}, "", 127, "/no/such/dir", -1, {}, false},   {{"true"}, "", 127, "", INT32_MAX, {}, false},
+      {{"true"}, ""},  // the denied entry does not end the search
+      {{"no-such-program-zl"}, "", 127}, {{"/tmp"}, "", 127}, {{"true"}, "", 127, "/no/such/dir"},
+      {{"true"}, "", 127, "", INT32_MAX},
   };
   std::string report;
   for (const auto& c : cases) {
@@ -198,7 +200,6 @@ TEST(Launcher, ChildRunsAsAskedOrExits127) {
 }
 
 TEST(Launcher, ChildEnvironmentRules) {
-using namespace std::string_literals;
   struct { Strings parent; bool inherit; Strings overrides, expected; } cases[] = {
       {{"A=1", "B=2", "C=3"}, true, {"B=x"}, {"A=1", "B=x", "C=3"}},
       {{"A=1"}, true, {"Z=9", "NOPE"}, {"A=1", "Z=9"}},  {{"A=1", "BROKEN", "C=3"}, true, {}, {"A=1", "C=3"}},
@@ -244,12 +245,10 @@ bool NoChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHIL
 TEST(Shell, RunCommandExitStatusAndLoaderVariables) {
   setenv("LD_LIBRARY_PATH", "/zl-libs", 1);
   const char* const mine[] = {"LD_LIBRARY_PATH=/mine", "ZL_EXTRA=1", nullptr};
-  const struct { const char* command; bool strip; const char* const* env; int status; } cases[] = {
-      {"true", false, nullptr, 0},        {"exit 3", false, nullptr, 3}, {"exit 255", false, nullptr, 255},
-      {"kill -9 $$", false, nullptr, -1}, {"", false, nullptr, -1},      {"zl-no-such-command", false, nullptr, 127},
-      {"test \"$LD_LIBRARY_PATH\" = /zl-libs", false, nullptr, 0},
-      {"test -z \"${LD_LIBRARY_PATH+set}\"", true, nullptr, 0},
-      {"test \"$LD_LIBRARY_PATH$ZL_EXTRA\" = /mine1", true, mine, 0},
+  const struct { const char* command; int status; bool strip = false; const char* const* env = {}; } cases[] = {
+      {"true", 0},  {"exit 3", 3}, {"exit 255", 255}, {"kill -9 $$", -1}, {"", -1}, {"zl-no-such-command", 127},
+      {"test \"$LD_LIBRARY_PATH\" = /zl-libs", 0}, {"test -z \"${LD_LIBRARY_PATH+set}\"", 0, true},
+      {"test \"$LD_LIBRARY_PATH$ZL_EXTRA\" = /mine1", 0, true, mine},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.command);

@@ -49,7 +49,8 @@ TEST(Event, SignalStateWithoutWaiters) {
     Common::Event event(c.manual, c.initially);
     std::string waits;
     for (const char* op = "01S00R0"; *op; ++op)
-      waits += *op == 'S' ? (event.Set(), '-') : *op == 'R' ? (event.Reset(), '-') : event.Wait(*op - '0') ? '1' : '0';
+      waits += *op == 'S' ? (event.Set(), '-') : *op == 'R' ? (event.Reset(), '-')
+                                                            : event.Wait(*op - '0') ? '1' : '0';
     EXPECT_EQ(c.waits, waits) << c.manual << c.initially;
   }
 }
@@ -66,7 +67,8 @@ TEST(Event, SetWakesOneWaiterOrAll) {
       std::atomic<long> tid{0};
       threads.emplace_back([&] { tid = syscall(SYS_gettid), woken += event.Wait(); });
       // One at a time, so that a sleeping waiter sleeps in the event's wait.
-      while (tid == 0 || !UnitTest::SleepsIn("self/task/" + std::to_string(tid), SYS_futex)) std::this_thread::yield();
+      while (tid == 0 || !UnitTest::SleepsIn("self/task/" + std::to_string(tid), SYS_futex))
+        std::this_thread::yield();
     }
     event.Set();
     EXPECT_EQ(manual, event.Wait(0));
