@@ -19,11 +19,13 @@ namespace {
 
 using namespace FileSystem;
 
-TEST(FileLayer, WalkTellsEntryKindsAndDirectoriesChange) {
+TEST(FileLayer, WalkKindsChangesAndFailures) {
   const TestSupport::TempDir root;
+  const std::string missing = root / "missing", full = root / "full";
   std::ofstream(root / "file") << "x";
-  ASSERT_EQ(0, mkdir((root / "dir").c_str(), 0755));
-  for (const char* link : {"dir", "file", "nowhere"}) ASSERT_EQ(0, symlink(link, (root / link + "link").c_str()));
+  ASSERT_EQ(0, mkdir(full.c_str(), 0755));
+  std::ofstream(full + "/keep") << "data";
+  for (const char* link : {"full", "file", "nowhere"}) ASSERT_EQ(0, symlink(link, (root / link + "link").c_str()));
   ASSERT_EQ(0, mkfifo((root / "fifo").c_str(), 0600));
   auto dir = Directory::Open(root.path() + "//");
   ASSERT_TRUE(dir);
@@ -32,23 +34,16 @@ TEST(FileLayer, WalkTellsEntryKindsAndDirectoriesChange) {
   std::map<std::string, EntryKind> seen;
   for (Directory::Entry e; dir->Next(e);) seen[e.name] = e.kind;
   EXPECT_EQ(kStatusEndOfDirectory, dir->Status());
-  EXPECT_EQ((std::map<std::string, EntryKind>{{"dir", kDirectory}, {"dirlink", kDirectoryLink}, {"fifo", kSpecial},
+  EXPECT_EQ((std::map<std::string, EntryKind>{{"full", kDirectory}, {"fulllink", kDirectoryLink},
                                                {"file", kRegular}, {"filelink", kSymlink},
-                                               {"nowherelink", kSymlink}}),
+                                               {"fifo", kSpecial}, {"nowherelink", kSymlink}}),
             seen);
-  EXPECT_TRUE(dir->OpenChild("dirlink") && !dir->OpenChild("nowherelink") && dir->CreateDir("st1"));
+  EXPECT_TRUE(dir->OpenChild("fulllink") && !dir->OpenChild("nowherelink") && dir->CreateDir("st1"));
   EntryKind kind = kUnknown, fifo = kUnknown;
   EXPECT_TRUE(dir->Lookup("st1", &kind) && dir->Lookup("fifo", &fifo) && kind == kDirectory && fifo == kSpecial);
   EXPECT_TRUE(dir->RemoveDir("st1") && !dir->Lookup("st1") && !dir->HasError());
-}
 
-TEST(FileLayer, FailuresNameCodePathAndErrno) {
-  const TestSupport::TempDir root;
-  const std::string missing = root / "missing", full = root / "full";
-  std::ofstream(root / "file") << "x";
-  ASSERT_EQ(0, mkdir(full.c_str(), 0755));
-  std::ofstream(full + "/keep") << "data";
-  auto dir = Directory::Open(root.path());
+  // Failures name their code, path and errno.
   File f;
   char byte;
   size_t count = 7;

@@ -144,7 +144,7 @@ TEST(Launcher, FallbacksAndLimitsInForkedCopies) {
 TEST(Launcher, ChildRunsAsAskedOrExits127) {
   const TestSupport::TempDir dir;
   close(open((dir / "true").c_str(), O_CREAT | O_WRONLY, 0644));
-  const std::string savedPath = getenv("PATH");
+  const std::string savedPath = getenv("PATH") ? getenv("PATH") : "";
   setenv("PATH", (dir.path() + ":/bin:/usr/bin").c_str(), 1);
   setenv("LD_PRELOAD", "", 1);
   setenv("ZEMLORA_ERROR_REPORT_FILE", "/tmp/parent", 1);
