@@ -11,6 +11,7 @@
 #include <sys/syscall.h>
 
 #include <algorithm>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -235,7 +236,10 @@ TEST(Launcher, ExecSearchPathFailuresReturnWithErrno) {
 
 bool NoChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
 
-TEST(Shell, RunCommandExitStatusAndLoaderVariables) {
+// The shell services: exit statuses, loader variables (POpen always strips them), pipes
+// that leak neither descriptors nor children.
+TEST(Shell, StatusesLoaderVariablesAndPipes) {
+  const int before = TestSupport::CountOwnFds();
   setenv("LD_LIBRARY_PATH", "/zl-libs", 1);
   const char* const mine[] = {"LD_LIBRARY_PATH=/mine", "ZL_EXTRA=1", nullptr};
   const struct { const char* command; int status; bool strip = false; const char* const* env = {}; } cases[] = {
@@ -243,17 +247,7 @@ TEST(Shell, RunCommandExitStatusAndLoaderVariables) {
       {"test \"$LD_LIBRARY_PATH\" = /zl-libs", 0}, {"test -z \"${LD_LIBRARY_PATH+set}\"", 0, true},
       {"test \"$LD_LIBRARY_PATH$ZL_EXTRA\" = /mine1", 0, true, mine},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.command);
-    EXPECT_EQ(RunCommand(c.command, c.strip, c.env), c.status);
-  }
-  unsetenv("LD_LIBRARY_PATH");
-  EXPECT_TRUE(NoChildren());
-}
-
-TEST(Shell, POpenAndStartProcessPipesLeakNothing) {
-  const int before = TestSupport::CountOwnFds();
-  setenv("LD_LIBRARY_PATH", "/zl-libs", 1);
+  for (const auto& c : cases) EXPECT_EQ(RunCommand(c.command, c.strip, c.env), c.status) << c.command;
   FILE* stream = POpen("echo x; echo \"[$LD_LIBRARY_PATH]\"", "rt");
   unsetenv("LD_LIBRARY_PATH");
   char text[16] = {};
@@ -276,62 +270,60 @@ TEST(Shell, POpenAndStartProcessPipesLeakNothing) {
   EXPECT_TRUE(NoChildren());
 }
 
-std::string gReports;
+std::string gPlaces;
 
-// Exits 1 unless `refused` and the last failed check was reported at `place`, which
-// support tooling matches on.
-void Refused(bool refused, const std::string& place) {
-  if (refused && gReports.find(", file core/linex/" + place + "\n") != std::string::npos) return gReports.clear();
-  std::fprintf(stderr, "%s: not refused or not reported\n", place.c_str());
-  std::exit(1);
-}
-
+// Runs in a fresh copy of this program (the handler reads its mode once): exits 0 when
+// every misuse is refused and reported at its place, which support tooling matches on.
 [[noreturn]] void Misuses() {
   setenv("ZEMLORA_SAFE_ASSERT", "event", 1);
-  Common::SetAssertEventCallback([](int, int, int, const char* text) { gReports += std::string(text) + "\n"; });
+  Common::SetAssertEventCallback([](int, int, int, const char* text) {
+    const char* place = std::strstr(text, ", file core/linex/");
+    gPlaces += std::string(place ? place + 18 : text) + "\n";
+  });
+  bool refused = true;
   {
     ChildProcess c;
     int fd = 9;
     c.AddRedirection(1, nullptr, true);
-    Refused(c.Redirections.empty(), "create_process, line 273");
     c.AddRedirection(-1, &fd, true);
-    Refused(c.Redirections.empty(), "create_process, line 274");
+    refused &= c.Redirections.empty();
     c.AddRedirection(1, &fd, true);
-    Refused(c.ForkExec() == -1 && fd == 9 && c.Wait() == -1 && ChildProcess::WaitProcess(0) == -1,
-            "create_process, line 587");
+    refused &= c.ForkExec() == -1 && fd == 9 && c.Wait() == -1 && ChildProcess::WaitProcess(0) == -1;
     c.CmdLine = "exit 3", c.Args = {"true"};
-    Refused(c.ForkExec() == -1, "create_process, line 587");
+    refused &= c.ForkExec() == -1;
     c.Args.clear();
     const int pid = c.ForkExec();
     close(fd);
-    Refused(pid != -1 && c.ForkExec() == pid && c.Wait() == 3 && c.Wait() == -1, "create_process, line 581");
+    refused &= pid != -1 && c.ForkExec() == pid && c.Wait() == 3 && c.Wait() == -1;
   }
-  for (const auto& [status, end, place] : {std::tuple{FORK_STATUS_PARENT, -1, "create_process, line 325"},
-                                           std::tuple{FORK_STATUS_BEFORE, 99, "create_process, line 326"}}) {
+  for (const auto& [status, end] : {std::pair{FORK_STATUS_PARENT, -1}, std::pair{FORK_STATUS_BEFORE, 99}}) {
     ChildProcess c;
     c.CmdLine = "true";
     int fd = -1;
     c.Redirections[1] = FdRedirection{1, &fd, false, {-1, end}, status};  // as if it had served an earlier start
-    Refused(c.ForkExec() != -1 && c.Wait() == 0, place);
+    refused &= c.ForkExec() != -1 && c.Wait() == 0;
   }
   {
     ChildProcess c;
     c.CmdLine = "true";
     c.ForkExec();
   }
-  Refused(NoChildren(), "create_process, line 509");  // reaped all the same
+  refused &= NoChildren();  // reaped all the same
   int in = 0, out = 0;
-  Refused(StartProcess("true", false, &in, &out, nullptr) == -1, "create_process, line 432");
+  refused &= StartProcess("true", false, &in, &out, nullptr) == -1;
   FILE* foreign = std::fopen("/dev/null", "r");  // refused and left open
-  Refused(PClose(foreign) == -1 && std::fgetc(foreign) == EOF && !std::ferror(foreign), "linux_misc, line 504");
-  Refused(PClose(nullptr) == -1, "linux_misc, line 504");
-  std::exit(0);
+  refused &= PClose(foreign) == -1 && std::fgetc(foreign) == EOF && !std::ferror(foreign) && PClose(nullptr) == -1;
+  std::fprintf(stderr, "%s", gPlaces.c_str());
+  std::exit(refused ? 0 : 1);
 }
 
-// The handler reads its mode once: the misuses run in a fresh copy of this program.
 TEST(Launcher, MisuseIsRefusedAndReportsItsPlace) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(Misuses(), testing::ExitedWithCode(0), "");
+  const char* places =
+      "create_process, line 273\ncreate_process, line 274\ncreate_process, line 587\ncreate_process, line 587\n"
+      "create_process, line 581\ncreate_process, line 325\ncreate_process, line 326\ncreate_process, line 509\n"
+      "create_process, line 432\nlinux_misc, line 504\nlinux_misc, line 504\n$";
+  EXPECT_EXIT(Misuses(), testing::ExitedWithCode(0), std::string("^") + places);
 }
 
 TEST(SafeClose, PolicyDecidesWhatABadCloseDoes) {
