@@ -33,7 +33,10 @@ TEST(SharedMutexThreads, ThreadsSerialise) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t)
     threads.emplace_back([&] {
-      for (int i = 0; i < 200; ++i) mutex->Lock(), mutex->Lock(), ++counter, mutex->Unlock(), mutex->Unlock();
+      for (int i = 0; i < 200; ++i) {
+        mutex->Lock(), mutex->Lock(), ++counter;
+        mutex->Unlock(), mutex->Unlock();
+      }
     });
   for (auto& t : threads) t.join();
   EXPECT_EQ(counter, 800);
