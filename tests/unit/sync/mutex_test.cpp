@@ -4,12 +4,12 @@
 #include <atomic>
 #include <thread>
 
+#include "../../support/lock_probe.h"
 #include "../common/sleeps_in.h"
 #include "core/common/error.h"
 #include "core/common/event.h"
 #include "core/common/mutex.h"
 #include "core/common/shared_mutex.h"
-#include "../../support/lock_probe.h"
 
 namespace {
 
@@ -45,15 +45,16 @@ TEST(SharedMutexThreads, ThreadsSerialise) {
 }
 
 TEST(Event, SignalStateWithoutWaiters) {
+  // For each row, Wait(0), Wait(1), Set, Wait(0), Wait(0), Reset, Wait(0): 1 when it returned true.
   const struct { bool manual, initially; const char* waits; } cases[] = {
       {false, true, "10-10-0"}, {false, false, "00-10-0"}, {true, true, "11-11-0"}, {true, false, "00-11-0"}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.manual ? "manual, " : "auto, ") + (c.initially ? "signalled" : "not signalled"));
     Common::Event event(c.manual, c.initially);
-    std::string waits;  // S: Set, R: Reset, a digit: Wait with that limit
+    std::string waits;
     for (const char* op = "01S00R0"; *op; ++op)
-      waits += *op == 'S' ? (event.Set(), '-') : *op == 'R' ? (event.Reset(), '-') : event.Wait(*op - '0') ? '1' : '0';
-    EXPECT_EQ(c.waits, waits);
+      waits += *op == 'S' ? (event.Set(), '-') : *op == 'R' ? (event.Reset(), '-')
+                                                            : event.Wait(*op - '0') ? '1' : '0';
+    EXPECT_EQ(c.waits, waits) << c.manual << c.initially;
   }
 }
 
@@ -69,14 +70,12 @@ TEST(Event, SetWakesOneWaiterOrAll) {
       std::atomic<long> tid{0};
       threads.emplace_back([&] { tid = syscall(SYS_gettid), woken += event.Wait(); });
       // One at a time, so that a sleeping waiter sleeps in the event's wait.
-      while (tid == 0 || !UnitTest::SleepsIn("self/task/" + std::to_string(tid), SYS_futex)) std::this_thread::yield();
+      while (tid == 0 || !UnitTest::SleepsIn("self/task/" + std::to_string(tid), SYS_futex))
+        std::this_thread::yield();
     }
     event.Set();
     EXPECT_EQ(manual, event.Wait(0));
-    if (!manual) {
-      event.Set();
-      event.Set();
-    }
+    if (!manual) event.Set(), event.Set();
     for (auto& t : threads) t.join();
     EXPECT_EQ(woken, 3);
     EXPECT_EQ(manual, event.Wait(0));
