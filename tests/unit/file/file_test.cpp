@@ -13,7 +13,7 @@
 #include "../../support/child.h"
 #include "../../support/descriptors.h"
 #include "../../support/temp_dir.h"
-#include "../common/sleeps_in.h"
+#include "../../support/sleeps_in.h"
 
 namespace {
 
@@ -98,7 +98,7 @@ TEST(FileLayer, ReadStopsAtTheLimitAndOutlastsASignal) {
   std::atomic<long> tid{0};
   Common::Error error;
   std::thread reader([&] { tid = syscall(SYS_gettid), error = f.Read(buffer, sizeof buffer, count); });
-  while (tid == 0 || !UnitTest::SleepsIn("self/task/" + std::to_string(tid), SYS_read)) std::this_thread::yield();
+  while (tid == 0 || !TestSupport::SleepsIn("self/task/" + std::to_string(tid), SYS_read)) std::this_thread::yield();
   pthread_kill(reader.native_handle(), SIGUSR1);
   while (!gSignalled) std::this_thread::yield();
   ASSERT_EQ(1, write(fds[1], "x", 1));

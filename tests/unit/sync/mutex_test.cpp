@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "../../support/lock_probe.h"
-#include "../common/sleeps_in.h"
+#include "../../support/sleeps_in.h"
 #include "core/common/error.h"
 #include "core/common/event.h"
 #include "core/common/mutex.h"
@@ -70,7 +70,7 @@ TEST(Event, SetWakesOneWaiterOrAll) {
       std::atomic<long> tid{0};
       threads.emplace_back([&] { tid = syscall(SYS_gettid), woken += event.Wait(); });
       // One at a time, so that a sleeping waiter sleeps in the event's wait.
-      while (tid == 0 || !UnitTest::SleepsIn("self/task/" + std::to_string(tid), SYS_futex))
+      while (tid == 0 || !TestSupport::SleepsIn("self/task/" + std::to_string(tid), SYS_futex))
         std::this_thread::yield();
     }
     event.Set();

@@ -8,7 +8,7 @@
 #include "../../support/child.h"
 #include "../../support/descriptors.h"
 #include "../../support/lock_probe.h"
-#include "../common/sleeps_in.h"
+#include "../../support/sleeps_in.h"
 #include "core/common/error.h"
 #include "core/common/shared_mutex.h"
 #include "core/common/unicode.h"
@@ -46,7 +46,7 @@ TEST(SharedMutex, LockFileRecursionAndAnotherHolder) {
     return wrote ? 0 : 1;
   });
   pollfd got{done[0], POLLIN, 0};
-  while (!UnitTest::SleepsIn(std::to_string(child), SYS_flock) && poll(&got, 1, 1) == 0) continue;
+  while (!TestSupport::SleepsIn(std::to_string(child), SYS_flock) && poll(&got, 1, 1) == 0) continue;
   EXPECT_EQ(poll(&got, 1, 0), 0) << "the other got the lock while it was held";
   mutex->Unlock();
   EXPECT_EQ(TestSupport::WaitChild(child), 0);

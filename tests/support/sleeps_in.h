@@ -5,7 +5,7 @@
 #include <fstream>
 #include <string>
 
-namespace UnitTest {
+namespace TestSupport {
 
 inline bool SleepsIn(const std::string& task, long number) {
   std::ifstream syscall("/proc/" + task + "/syscall");
@@ -17,4 +17,4 @@ inline bool SleepsIn(const std::string& task, long number) {
   return end == std::string::npos || line.compare(end + 2, 1, "S") == 0;
 }
 
-}  // namespace UnitTest
+}  // namespace TestSupport
