@@ -52,23 +52,26 @@ void CoverTmp(const std::string& options, bool readOnly) {
 
 TEST(Faults, ToolsMissingRegistryOrLockDirectoryUnusable) {
   const std::string file = "/etc/Zemlora/HKEY_LOCAL_MACHINE.xml", rofs = "0xFFF1(" + std::to_string(EROFS) + ")";
-  const std::string lockRofs = "0x72001F>0x6>" + rofs, noInode = "0x72001F>0x6>0xFFF1(" + std::to_string(ENOSPC) + ")";
+  const std::string lockRofs = "0x72001F@577>0x6>" + rofs, noInode = "0x72001F@577>0x6>0xFFF1(" + std::to_string(ENOSPC) + ")";
   // A tool missing from PATH, sdb1's file system gone, the registry or /tmp unusable; what listing disks (sdc is
   // temporary), storages, preparing sdc, mounting sdb1 at st, labelling it new, listing, unmounting, giving sdb an
   // attribute gave; the directories left in the mount root.
   const std::pair<std::string, std::string> cases[] = {
       {"", "sdb; ok[] ok ok ok ok[st=new;] ok ok 0"},
-      {"lsblk", "sdb; ok[] 0x720022>0x720004(127) ok ok ok[] ok ok 0"},
-      {"blkid", "0x72001F>0x720048 0x72001F>0x720048 0x720048 0x720023>0x720004(32) ok 0x72001F>0x720048 - ok 1"},
+      {"lsblk", "sdb; ok[] 0x720022@452>0x720004(127)@453 ok ok ok[] ok ok 0"},
+      {"blkid", "0x72001F@577>0x720048@180 0x72001F@577>0x720048@180 0x720048@180 "
+                 "0x720023@370>0x720004(32)@371 ok 0x72001F@577>0x720048@180 - ok 1"},
       {"e2label", "sdb; ok[] ok ok ok ok[st=;] ok ok 0"},
-      {"tune2fs", "sdb; ok[] 0x720026>0x720004(127) ok 0x720026>0x720004(127) ok[st=old;] ok ok 0"},
-      {"mke2fs", "sdb; ok[] 0x720022>0x720004(127) ok ok ok[st=new;] ok ok 0"},
-      {"dd", "sdb; ok[] 0x720022>0x720004(127) ok ok ok[st=new;] ok ok 0"},
-      {"gdisk", "sdb; ok[] 0x720022>0x720004(127) ok ok ok[st=new;] ok ok 0"},
-      {"mount", "sdb; ok[] ok 0x720023>0x720004(127) ok ok[] - ok 1"},
-      {"umount", "sdb; ok[] ok ok ok ok[st=new;] 0x720024>0x720004(127) ok 1"},
+      {"tune2fs", "sdb; ok[] 0x720026@322>0x720004(127)@323 ok 0x720026@322>0x720004(127)@323 "
+                   "ok[st=old;] ok ok 0"},
+      {"mke2fs", "sdb; ok[] 0x720022@488>0x720004(127)@488 ok ok ok[st=new;] ok ok 0"},
+      {"dd", "sdb; ok[] 0x720022@474>0x720004(127)@474 ok ok ok[st=new;] ok ok 0"},
+      {"gdisk", "sdb; ok[] 0x720022@481>0x720004(127)@481 ok ok ok[st=new;] ok ok 0"},
+      {"mount", "sdb; ok[] ok 0x720023@370>0x720004(127)@371 ok ok[] - ok 1"},
+      {"umount", "sdb; ok[] ok ok ok ok[st=new;] 0x720024@358>0x720004(127)@359 ok 1"},
       {"scsi_id", "sdb;sdc; ok[] ok ok ok ok[st=new;] ok ok 0"},  // without its identity sdc loses its record
-      {"no file system", "0x72001F>0x720048 0x72001F>0x720048 ok 0x720023>0x720004(32) 0x720026>0x720004(1) 0x72001F>0x720048 - ok 1"},
+      {"no file system", "0x72001F@577>0x720048@180 0x72001F@577>0x720048@180 ok 0x720023@370>0x720004(32)@371 "
+                          "0x720026@322>0x720004(1)@323 0x72001F@577>0x720048@180 - ok 1"},
       {"registry read-only", "sdb; ok[] ok ok ok ok[st=new;] ok 0x530040>0x560001>" + rofs + " 0"},
       {"registry corrupt", "sdb;sdc; ok[] ok ok ok ok[st=new;] ok 0x530040>0x560002>0x560003 0"},  // it hides nothing
       {"registry truncated", "sdb;sdc; ok[] ok ok ok ok[st=new;] ok 0x530040>0x560002>0x560003 0"},
@@ -208,9 +211,9 @@ TEST(Load, EightListersAndOnePreparer) {
   EXPECT_GT(counts["listed"] * counts["prepared"] * counts["leave"], 0);
   EXPECT_EQ(0, counts["overlaps"] + counts["wrong"]);
   // A listing meets a partition without a file system yet, or one gone before its size was read.
-  const std::string vanished = "error 0x72001F>0x40010>0xFFF1(" + std::to_string(ENOENT) + ")";
+  const std::string vanished = "error 0x72001F@577>0x40010>0xFFF1(" + std::to_string(ENOENT) + ")";
   for (const auto& [what, count] : counts)
-    EXPECT_TRUE(what.rfind("error ", 0) != 0 || what == "error 0x72001F>0x720048" || what == vanished) << what;
+    EXPECT_TRUE(what.rfind("error ", 0) != 0 || what == "error 0x72001F@577>0x720048@180" || what == vanished) << what;
   EXPECT_EQ((std::vector<std::string>{"stable"}), ListDir(kRoot));
   for (const std::string& name : ListDir("/tmp")) EXPECT_EQ(std::string::npos, name.find("shared_mutex_"));
 }

@@ -31,7 +31,8 @@ inline DiskSpec& AddDisk(FakeMachine& m, const std::string& name, uint64_t bytes
   return m.Disk(name).At(2, 0, target, 0).Size(bytes).Serial(std::string(31, 'a') + std::to_string(target));
 }
 
-// "0x720023>0x720004(127)": the codes of the chain, with a tool's exit status or an errno.
+// "0x720023@370>0x720004(127)@371": the chain's codes, the storage code's lines, a tool's exit
+// status or an errno.
 inline std::string Codes(const Common::Error& e) {
   if (!e) return "ok";
   const std::string text = ToUtf8(e.GetText());
@@ -39,6 +40,7 @@ inline std::string Codes(const Common::Error& e) {
   out << "0x" << std::uppercase << std::hex << e.GetCode() << std::dec;
   if (e.GetCode() == 0x720004) out << "(" << std::stoi(text.substr(text.rfind(' '))) << ")";
   if (e.GetCode() == Common::Error::kPosixCode) out << "(" << e.GetNumericField("code") << ")";
+  if (e.GetCode() >> 16 == 0x72) out << "@" << e.GetLocation().line;
   return e.GetCause() ? out.str() + ">" + Codes(e.GetCause()) : out.str();
 }
 inline std::string Codes(const Devices& devices) {  // "sdb;sdc;"

@@ -68,8 +68,9 @@ TEST(Storages, ABlankDiskIsPreparedMountedListedAndUnmounted) {
     EXPECT_FALSE(m.Exists("/tmp/c"));
   }
   const std::vector<std::string> entries = ListDir(kRoot), mounts = m.Calls("mount");
-  for (const auto& name : {String(), Str(u"."), Str(u".."), Str(u"a/b"), Str(u"/"), String{'a', 0, 'b'}, Str(u"file")})
-    EXPECT_EQ("0x720023>", Codes(partition->Mount(name)).substr(0, 9)) << ToUtf8(name);
+  for (const auto& name : {String(), Str(u"."), Str(u".."), Str(u"a/b"), Str(u"/"), String{'a', 0, 'b'}})
+    EXPECT_EQ("0x720023@277>0x720049@266", Codes(partition->Mount(name))) << ToUtf8(name);
+  EXPECT_EQ("0x720023@277>0x40013>0xFFF1(" + std::to_string(ENOTDIR) + ")", Codes(partition->Mount(Str(u"file"))));
   EXPECT_EQ(entries, ListDir(kRoot));
   EXPECT_EQ(mounts, m.Calls("mount"));
   fs::current_path(cwd);
@@ -80,12 +81,12 @@ TEST(Storages, PreparationStopsAtTheFirstFailure) {
   // A storage on sdc1. Where it is mounted, the tool that fails, or sgdisk's arguments (a
   // GPT on sdc); the error's codes; the writing tools that ran.
   const std::tuple<std::string, std::string, std::string> cases[] = {
-      {"/mnt/local_storages/x", "0x720021", ""},
-      {"/srv/elsewhere", "0x720021", ""},
-      {"-n 1:2048:+1G", "0x720022>0x72004A", ""},
-      {"dd", "0x720022>0x720004(3)", "dd "},
-      {"gdisk", "0x720022>0x720004(3)", "dd gdisk "},
-      {"mke2fs", "0x720022>0x720004(3)", "dd gdisk mke2fs "},
+      {"/mnt/local_storages/x", "0x720021@440", ""},
+      {"/srv/elsewhere", "0x720021@440", ""},
+      {"-n 1:2048:+1G", "0x720022@447>0x72004A@448", ""},
+      {"dd", "0x720022@474>0x720004(3)@474", "dd "},
+      {"gdisk", "0x720022@481>0x720004(3)@481", "dd gdisk "},
+      {"mke2fs", "0x720022@488>0x720004(3)@488", "dd gdisk mke2fs "},
   };
   for (const auto& [setup, codes, ran] : cases) {
     SCOPED_TRACE(setup);
@@ -147,10 +148,10 @@ TEST(Storages, WhichDisksAreOfferedListedAndRescanned) {
   EXPECT_EQ(old, decltype(old)(now.begin(), now.begin() + 2));
   fs::remove("/sys/block/sdg/device/delete");  // the removal fails
   const auto rescan = [] { return StoragesManager().GetBlockDevices(true); };
-  EXPECT_EQ("0x72001F>0x530040>0x5300C6>0x40010>0xFFF1(" + std::to_string(ENOENT) + ")", Outcome(rescan));
+  EXPECT_EQ("0x72001F@577>0x530040>0x5300C6>0x40010>0xFFF1(" + std::to_string(ENOENT) + ")", Outcome(rescan));
   AddDisk(m, "sdf").Partition(1, 2048, 2097152);  // no file system: no UUID
   m.Build();
-  EXPECT_EQ("0x72001F>0x720048", List(config));
+  EXPECT_EQ("0x72001F@577>0x720048@180", List(config));
   ExpectNothingLeft(TestSupport::CountOwnFds());
 }
 
