@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <future>
 #include <tuple>
 
+#include "core/common/assert.h"
 #include "lx_supp.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/notification.h"
 #include "storage_checks.h"
@@ -167,18 +169,25 @@ TEST(Storages, PartitionMountStateSizeAndLabel) {
       {k5GiB, "ZLM", "", "/mnt/local_storages||1|"},
       {k5GiB, "ZLMab\xe9z", "", "/mnt/local_storages||1|ab"},
       {k5GiB, "data", "", "/mnt/local_storages||0|data"},
+      {0 /* a size that is no number */, "ZLMa", "", "/mnt/local_storages||0|a"},
   };
+  setenv("ZEMLORA_SAFE_ASSERT", "event", 1);  // read at this program's first assertion, below
+  static int assertions = 0;
+  Common::SetAssertEventCallback([](int, int, int, const char*) { ++assertions; });
   for (const auto& [sectors, label, mounted, expected] : cases) {
     SCOPED_TRACE(std::string(label) + " " + mounted + " " + std::to_string(sectors));
     AS_FAKE_MACHINE(m);
-    AddDisk(m, "sdb").Partition(1, 2048, sectors);
+    AddDisk(m, "sdb").Partition(1, 2048, sectors ? sectors : k5GiB);
     m.Build();
     Format("sdb1", label);
+    if (sectors == 0) m.WriteFile("/sys/block/sdb/sdb1/size", "5G\n");
     if (*mounted) m.WriteFile(kState + "/mounts", std::string("/dev/sdb1 ") + mounted + "\n");
     const auto p = StoragesManager().GetBlockDevices(false).at(0)->GetPartitions().at(0);
     EXPECT_EQ(expected, ToUtf8(p->GetMountRoot()) + "|" + ToUtf8(p->GetMountPoint()) + "|" +
                             std::to_string(p->IsSupported()) + "|" + ToUtf8(p->GetLabel()));
+    EXPECT_EQ(sectors == 0, assertions == 1);
   }
+  Common::SetAssertEventCallback(nullptr);
 }
 
 }  // namespace
