@@ -61,11 +61,11 @@ TEST(AssertHandler, WhatEachModeDoes) {
        "Assertion failed: " + std::string(539 - 18, 'e') + "\n"},  // cut, not overrun
       {"0x24", [] { FailingCheck(); return 0; }, 128 + SIGABRT, kFailure + "\n"},
       {"log break", [] { FailingCheck(); return 0; }, 128 + SIGTRAP, kFailure + "\n"},
-      {"log", [] {  // an event callback, but no event in the mode
+      {"log stack", [] {  // an event callback, but no event in the mode
          Common::SetAssertEventCallback([](int, int, int, const char*) { std::_Exit(3); });
          FailingCheck();
          return 0;
-       }, 0, kFailure + "\n"},
+       }, 0, kFailure + "\n", true},
       {"log stack", [] { FailingCheck(); return 0; }, 0, kFailure + "\n", true},
       {"debug event stack", [] {  // the event gets the whole stack, however long
          Common::SetAssertEventCallback([](int category, int flags, int id, const char* text) {
