@@ -94,8 +94,9 @@ TEST(AssertHandler, WhatEachModeDoes) {
     // inlining); the executable's function is named through /proc/self/exe, with an offset.
     const std::string stack = logged.substr(c.log.size());
     EXPECT_TRUE(std::regex_search(stack, std::regex("^.*Common::.*\n(.*\n)*.*FailingCheck.* \\+ 0x"))) << stack;
-    // The C library's unexported frames are not named after ours.
+    // The C library's frames are named after its exported symbols, with an offset, never after ours.
     EXPECT_FALSE(std::regex_search(stack, std::regex("(^|\n)libc\\.so.*::"))) << stack;
+    EXPECT_TRUE(std::regex_search(stack, std::regex("(^|\n)libc\\.so.* \\+ 0x"))) << stack;
   }
 }
 
