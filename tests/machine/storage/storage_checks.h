@@ -5,10 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <sstream>
 
 #include "core/common/unicode.h"
 #include "descriptors.h"
+#include "error_text.h"
 #include "fake_machine.h"
 #include "lock_probe.h"
 #include "virtualization/common/storage/storage_config.h"
@@ -31,18 +31,7 @@ inline DiskSpec& AddDisk(FakeMachine& m, const std::string& name, uint64_t bytes
   return m.Disk(name).At(2, 0, target, 0).Size(bytes).Serial(std::string(31, 'a') + std::to_string(target));
 }
 
-// "0x720023@370>0x720004(127)@371": the chain's codes, the storage code's lines, a tool's exit
-// status or an errno.
-inline std::string Codes(const Common::Error& e) {
-  if (!e) return "ok";
-  const std::string text = ToUtf8(e.GetText());
-  std::ostringstream out;
-  out << "0x" << std::uppercase << std::hex << e.GetCode() << std::dec;
-  if (e.GetCode() == 0x720004) out << "(" << std::stoi(text.substr(text.rfind(' '))) << ")";
-  if (e.GetCode() == Common::Error::kPosixCode) out << "(" << e.GetNumericField("code") << ")";
-  if (e.GetCode() >> 16 == 0x72) out << "@" << e.GetLocation().line;
-  return e.GetCause() ? out.str() + ">" + Codes(e.GetCause()) : out.str();
-}
+inline std::string Codes(const Common::Error& e) { return TestSupport::ChainCodes(e); }
 inline std::string Codes(const Devices& devices) {  // "sdb;sdc;"
   std::string names;
   for (const auto& device : devices) names += ToUtf8(device->GetName()) + ";";

@@ -8,9 +8,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "../../support/child.h"
+#include "../../support/error_text.h"
 #include "core/common/unicode.h"
 #include "core/linex/linux_misc.h"
 #include "virtualization/common/storage/storage_manager.h"
@@ -24,15 +24,7 @@ const std::string kRoot = "/mnt/local_storages/";
 // The disks in target order: a deleted disk's name is free again when the rescan finds it.
 const std::string kDisk1 = "sda", kDisk2 = "sdb";
 
-// The codes of an error and its causes; an outside call's status follows its code.
-std::string Codes(Common::Error e) {
-  std::ostringstream out;
-  for (; e; e = e.GetCause()) {
-    const std::string text = ToUtf8(e.GetText());
-    out << std::hex << e.GetCode() << " " << (e.GetCode() == 0x720004 ? text.substr(text.rfind(' ') + 1) : "");
-  }
-  return out.str();
-}
+using TestSupport::ChainCodes;
 // "rw" or "ro" from /dev/<part>'s line in /proc/mounts, empty when it is not mounted.
 std::string MountOptions(const std::string& part) {
   std::ifstream in("/proc/mounts");
@@ -47,7 +39,7 @@ std::string Offered(bool rescan = false) try {
     names += ToUtf8(d->GetName()) + ":" + std::to_string(d->GetPartitions().size()) + ",";
   return names;
 } catch (const Common::Error& e) {
-  return Codes(e);
+  return ChainCodes(e);
 }
 auto PartitionOf(size_t disk) { return Manager().GetBlockDevices(false).at(disk)->GetPartitions().at(0); }
 // Nothing is left behind: no mount directory, no child (running or unreaped).
@@ -59,7 +51,7 @@ void ExpectNothingLeft() {
 // Both disks become storages. Then blkid, the first tool of a listing after the enumeration,
 // deletes the armed disk before it runs.
 TEST(Faults, ADiskLeavingTheKernelDuringAListing) {
-  for (const auto& disk : Manager().GetBlockDevices(false)) ASSERT_EQ("", Codes(disk->CreateBackupPartition()));
+  for (const auto& disk : Manager().GetBlockDevices(false)) ASSERT_EQ("ok", ChainCodes(disk->CreateBackupPartition()));
   ASSERT_EQ(kDisk1 + ":1," + kDisk2 + ":1,", Offered());
   fs::create_directories("/tmp/zl_bin");
   std::ofstream("/tmp/zl_bin/blkid") << "#!/bin/bash\nread -r d < /tmp/zl_arm && rm /tmp/zl_arm &&\n"
@@ -68,7 +60,7 @@ TEST(Faults, ADiskLeavingTheKernelDuringAListing) {
   const std::string path = std::getenv("PATH");
   ASSERT_EQ(0, setenv("PATH", ("/tmp/zl_bin:" + path).c_str(), 1));
   const std::pair<std::string, std::string> cases[] = {
-      {kDisk1, "72001f 720048 "},  // the disk being probed: its blkid finds no device
+      {kDisk1, "0x72001F@577>0x720048@180"},  // the disk being probed: its blkid finds no device
       {kDisk2, kDisk1 + ":1,"},    // the next one: no size, no partitions, left out
   };
   for (const auto& [victim, listed] : cases) {
@@ -85,36 +77,36 @@ TEST(Faults, ADiskLeavingTheKernelDuringAListing) {
 // A user's working directory inside holds the storage mounted, as the library knows it.
 TEST(Faults, ABusyStorageStaysMountedUntilItsUserLeaves) {
   const auto partition = PartitionOf(1);
-  ASSERT_EQ("", Codes(partition->Mount(FromUtf8("busy"))));
+  ASSERT_EQ("ok", ChainCodes(partition->Mount(FromUtf8("busy"))));
   ASSERT_EQ(0, chdir((kRoot + "busy").c_str()));
   const pid_t user = TestSupport::StartChild([] { return pause(); });
   ASSERT_EQ(0, chdir("/"));
-  EXPECT_EQ("720024 720004 32.", Codes(partition->Unmount()));
+  EXPECT_EQ("0x720024@358>0x720004(32)@359", ChainCodes(partition->Unmount()));
   EXPECT_EQ("rw", MountOptions(kDisk2 + "1"));
   EXPECT_EQ("busy", ToUtf8(partition->GetMountPoint()));
   ASSERT_EQ(0, kill(user, SIGTERM));
   TestSupport::WaitChild(user);
-  EXPECT_EQ("", Codes(partition->Unmount()));
+  EXPECT_EQ("ok", ChainCodes(partition->Unmount()));
   ExpectNothingLeft();  // the directory went: the file system was unmounted
 }
 
 TEST(Faults, MountsThatFailOrFallBackToReadOnly) {
   const std::string disk = "/dev/" + kDisk1, part = kDisk1 + "1";
   const struct { std::string setup, codes, mounted; } cases[] = {
-      {"blockdev --setro " + disk, "", "ro"},  // mount falls back to read-only
+      {"blockdev --setro " + disk, "ok", "ro"},  // mount falls back to read-only
       // Mounted read-only, then the foreign label cannot be replaced: the mount stays, unknown.
-      {"blockdev --setrw " + disk + " && e2label " + disk + "1 x && blockdev --setro " + disk, "720026 720004 1.", "ro"},
-      {"blockdev --setrw " + disk + " && mkswap -q " + disk + "1", "720023 720004 32.", ""},
+      {"blockdev --setrw " + disk + " && e2label " + disk + "1 x && blockdev --setro " + disk, "0x720026@322>0x720004(1)@323", "ro"},
+      {"blockdev --setrw " + disk + " && mkswap -q " + disk + "1", "0x720023@370>0x720004(32)@371", ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.setup);
     ASSERT_EQ(0, RunCommand(c.setup));
     const auto partition = PartitionOf(0);
-    EXPECT_EQ(c.codes, Codes(partition->Mount(FromUtf8("st"))));
+    EXPECT_EQ(c.codes, ChainCodes(partition->Mount(FromUtf8("st"))));
     EXPECT_EQ(c.mounted, MountOptions(part));
     EXPECT_TRUE(fs::is_directory(kRoot + "st"));
-    EXPECT_EQ(c.codes.empty() ? "st" : "", ToUtf8(partition->GetMountPoint()));
-    if (c.codes.empty()) EXPECT_EQ("", Codes(partition->Unmount()));
+    EXPECT_EQ(c.codes == "ok" ? "st" : "", ToUtf8(partition->GetMountPoint()));
+    if (c.codes == "ok") EXPECT_EQ("ok", ChainCodes(partition->Unmount()));
     else EXPECT_EQ(0, RunCommand("umount -q " + kRoot + "st; rmdir " + kRoot + "st"));
     ExpectNothingLeft();
   }
