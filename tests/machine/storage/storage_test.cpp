@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <future>
+#include <set>
 #include <tuple>
 
 #include "core/common/assert.h"
@@ -79,13 +80,22 @@ TEST(Storages, ABlankDiskIsPreparedMountedListedAndUnmounted) {
   ExpectNothingLeft(fds);
 }
 
-TEST(Storages, PreparationStopsAtTheFirstFailure) {
-  // A storage on sdc1. Where it is mounted, the tool that fails, or sgdisk's arguments (a
-  // GPT on sdc); the error's codes; the writing tools that ran.
+TEST(Storages, PreparationRefusesDataAndStopsAtTheFirstFailure) {
+  // What sdc holds (a storage on sdc1 by default), where it is mounted, or the tool that
+  // fails; the error's codes; the writing tools that ran. A refused disk stays as it was.
   const std::tuple<std::string, std::string, std::string> cases[] = {
       {"/mnt/local_storages/x", "0x720021@440", ""},
       {"/srv/elsewhere", "0x720021@440", ""},
-      {"-n 1:2048:+1G", "0x720022@447>0x72004A@448", ""},
+      {"storage", "0x720022@447>0x72004A@448", ""},  // unmounted, but data all the same
+      {"mkswap -q /dev/sdc1", "0x720022@447>0x72004A@448", ""},
+      {"mke2fs -q -F /dev/sdc", "0x720022@447>0x72004A@448", ""},  // no table, a file system on the disk
+      {"sgdisk -Z -n 1:2048:+1G -n 2:0:+1G /dev/sdc", "0x720022@447>0x72004A@448", ""},
+      // A DOS table the kernel does not show, with a file system in its partition.
+      {"sgdisk -Z /dev/sdc && echo 2048,2097152,83 | sfdisk -q /dev/sdc && "
+       "mke2fs -q -F -E offset=1048576 /dev/sdc 262144", "0x720022@447>0x72004A@448", ""},
+      // What an interrupted preparation leaves is prepared again.
+      {"sgdisk -Z -n 1:2048:0 /dev/sdc", "ok", "dd gdisk mke2fs "},
+      {"sgdisk -Z -o /dev/sdc", "ok", "dd gdisk mke2fs "},
       {"dd", "0x720022@474>0x720004(3)@474", "dd "},
       {"gdisk", "0x720022@481>0x720004(3)@481", "dd gdisk "},
       {"mke2fs", "0x720022@488>0x720004(3)@488", "dd gdisk mke2fs "},
@@ -95,16 +105,26 @@ TEST(Storages, PreparationStopsAtTheFirstFailure) {
     AS_FAKE_MACHINE(m);
     AddDisk(m, "sdc").Partition(1, 2048, 2097152);
     m.Build();
-    Format("sdc1", "ZLMx");
-    if (setup[0] == '/') m.WriteFile(kState + "/mounts", "/dev/sdc1 " + setup + "\n");
-    else if (setup[0] == '-') Output("sgdisk " + setup + " /dev/sdc");
-    else m.WriteFile(kState + "/fail/" + setup, "3\n");
-    const std::string sector = Output("od -An -tx1 -N512 /dev/sdc");
+    if (setup[0] == '/') {
+      Format("sdc1", "ZLMx");
+      m.WriteFile(kState + "/mounts", "/dev/sdc1 " + setup + "\n");
+    } else if (setup == "storage") {
+      Format("sdc1", "ZLMx");
+    } else if (setup.find(' ') != std::string::npos) {
+      ASSERT_EQ("", Output("PATH=/usr/sbin:/sbin:$PATH; (" + setup + ") 2>&1 >/dev/null"));
+      if (setup[0] == 's') RereadPartitionTable("sdc");
+    } else {
+      fs::resize_file("/dev/sdc1", 0);  // a partition without a file system
+      m.WriteFile(kState + "/fail/" + setup, "3\n");
+    }
+    const std::string image = "{ head -c 4M; tail -c 1M; } < /dev/sdc | md5sum; cat /dev/sdc1 2>&1 | md5sum";
+    const std::string before = Output(image);
     const int fds = TestSupport::CountOwnFds();
     const auto device = StoragesManager().GetBlockDevices(false).at(0);
     EXPECT_EQ(codes, Outcome([&] { return device->CreateBackupPartition(); }));
     EXPECT_EQ(ran, Ran(m));
-    if (ran.empty()) { EXPECT_EQ(sector, Output("od -An -tx1 -N512 /dev/sdc")); }
+    if (ran.empty()) { EXPECT_EQ(before, Output(image)); }
+    if (codes == "ok") { EXPECT_EQ("ZLM ext4\n", Output("blkid -p -o value -s TYPE -s LABEL /dev/sdc1 | xargs")); }
     ExpectNothingLeft(fds);
   }
 }
@@ -151,9 +171,15 @@ TEST(Storages, WhichDisksAreOfferedListedAndRescanned) {
   fs::remove("/sys/block/sdg/device/delete");  // the removal fails
   const auto rescan = [] { return StoragesManager().GetBlockDevices(true); };
   EXPECT_EQ("0x72001F@577>0x530040>0x5300C6>0x40010>0xFFF1(" + std::to_string(ENOENT) + ")", Outcome(rescan));
-  AddDisk(m, "sdf").Partition(1, 2048, 2097152);  // no file system: no UUID
+  // A partition without a file system is listed, unsupported, and hides nothing.
+  AddDisk(m, "sdf").Partition(1, 2048, 2097152).Partition(2, 2099200, 2097152);
   m.Build();
-  EXPECT_EQ("0x72001F@577>0x720048@180", List(config));
+  EXPECT_EQ("ok[b=same;e=same;]", List(config));
+  const auto blank = StoragesManager().GetBlockDevices(false).at(2)->GetPartitions();  // sdb, sde, sdf, sdg
+  std::set<std::string> names;  // unidentified, so told apart by name
+  for (const auto& p : blank)
+    if (p->GetUuid().IsNull() && !p->IsSupported()) names.insert(ToUtf8(p->GetName()));
+  EXPECT_EQ((std::set<std::string>{"sdf1", "sdf2"}), names);
   ExpectNothingLeft(TestSupport::CountOwnFds());
 }
 

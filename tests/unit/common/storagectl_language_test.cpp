@@ -11,8 +11,10 @@
 
 namespace {
 
-// storagectl's standard error for `prepare sdb`, whose partition has no file system to
-// give a UUID, with only the given locale variables set.
+using FakeMachineTesting::operator""_GiB;
+
+// storagectl's standard error for `prepare sdb`, refused for its two partitions, with only
+// the given locale variables set.
 std::string PrepareUnreadable(const std::vector<std::string>& locale) {
   TestSupport::RunInChild([&] {
     if (dup2(creat("/tmp/ctl.err", 0600), 2) < 0) return 126;
@@ -29,10 +31,11 @@ std::string PrepareUnreadable(const std::vector<std::string>& locale) {
 TEST(StoragectlLanguage, TheLocaleChoosesTheTextsAndNothingElse) {
   AS_FAKE_MACHINE(m);
   m.Host(2, "virtio_scsi\n");
-  m.Disk("sdb").At(2, 0, 1, 0).Serial("6000c2900000000000000000000000b0").Partition(1, 2048, 204800);
+  m.Disk("sdb").At(2, 0, 1, 0).Size(12_GiB).Serial("6000c2900000000000000000000000b0")
+      .Partition(1, 2048, 204800).Partition(2, 206848, 204800);
   m.Build();
   const std::string english = PrepareUnreadable({"LANG=C"});
-  EXPECT_NE(english.find("\n  cause 0x720048: "), std::string::npos) << english;
+  EXPECT_NE(english.find("\n  cause 0x72004A: "), std::string::npos) << english;
   const struct { std::vector<std::string> locale; bool russian; } cases[] = {
       {{"LANG=ru_RU.UTF-8"}, true}, {{"LC_MESSAGES=ru_RU.UTF-8", "LANG=C"}, true},
       {{"LC_ALL=POSIX", "LANG=ru_RU.UTF-8"}, false}, {{"LANG=de_DE.UTF-8"}, false}, {{}, false},

@@ -57,6 +57,12 @@ Common::Error MakeError(uint32_t code, const std::string& path, int err, const C
   return e;
 }
 
+int ErrnoOf(const Common::Error& error) {
+  for (Common::Error e = error; e; e = e.GetCause())
+    if (e.GetCode() == Common::Error::kPosixCode) return static_cast<int>(e.GetNumericField("code"));
+  return 0;
+}
+
 // ---- File ------------------------------------------------------------------------------
 
 File::File(File&& other) noexcept : fd_(std::exchange(other.fd_, -1)), path_(std::move(other.path_)) {}

@@ -40,6 +40,9 @@ enum EntryKind : int {
 // Makes a file-layer error: the message, the path as field "path", errno as cause.
 Common::Error MakeError(uint32_t code, const std::string& path, int err, const Common::ErrorLocation& where);
 
+// The errno at the bottom of `error`'s chain; 0 when there is none.
+int ErrnoOf(const Common::Error& error);
+
 class File {
  public:
   enum Mode { kRead, kWrite };

@@ -1,16 +1,15 @@
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <string>
 
 #include "core/common/message_ids.h"
 #include "core/common/unicode.h"
-#include "core/include/file/file.h"
 #include "core/linex/linux_misc.h"
 #include "core/linex/shell_quote_internal.h"
 #include "core/trace/trace_tools.h"
 #include "processor/format/format_message.h"
 #include "virtualization/common/storage/errors.h"
+#include "virtualization/common/storage/impl/signatures.h"
 #include "virtualization/common/storage/impl/storage_internal.h"
 #include "virtualization/common/storage/impl/tool_output.h"
 #include "virtualization/common/storage/storage_manager.h"
@@ -35,6 +34,16 @@ void Run(const std::string& command, TextFromMessageFile message, const std::str
   if (status != 0) Fail(message, devicePath, where, Detail::ExternalCallError(command, status, where));
 }
 
+// `probe()`, its error wrapped as a failed preparation.
+template <class Probe>
+auto Guarded(const std::string& devicePath, const Common::ErrorLocation& where, Probe probe) {
+  try {
+    return probe();
+  } catch (const Common::Error& error) {
+    Fail(Messages::FailedToInitializeStorage, devicePath, where, error);
+  }
+}
+
 // Whether the disk or any of its partitions is mounted anywhere, as lsblk sees it.
 bool HasMountedStorage(const std::string& devicePath) {
   const std::string command = "lsblk -n -o mountpoint " + Shell::Word(devicePath);
@@ -46,17 +55,6 @@ bool HasMountedStorage(const std::string& devicePath) {
     Fail(Messages::FailedToInitializeStorage, devicePath, AS_PREPARE_AT(452),
          Detail::ExternalCallError(command, status, AS_PREPARE_AT(453)));
   return mounted;
-}
-
-// A GPT header in the second sector (512-byte or 4096-byte sectors).
-bool HoldsPartitionTable(const std::string& devicePath) {
-  FileSystem::File device;
-  Common::Error error = FileSystem::File::Open(devicePath, FileSystem::File::kRead, device);
-  char head[4096 + 8] = {};
-  for (size_t total = 0, count = 1; !error && count > 0 && total < sizeof head; total += count)
-    error = device.Read(head + total, sizeof head - total, count);
-  if (error) Fail(Messages::FailedToInitializeStorage, devicePath, AS_PREPARE_AT(462), error);
-  return std::memcmp(head + 512, "EFI PART", 8) == 0 || std::memcmp(head + 4096, "EFI PART", 8) == 0;
 }
 
 }  // namespace
@@ -73,27 +71,61 @@ Common::Error BlockDevice::CreateBackupPartition() {
   if (HasMountedStorage(devicePath))
     throw Common::Error(kErrorStorageInUse, Core::FormatMessage(Messages::StorageIsInUse, devicePath),
                         AS_PREPARE_AT(440));
-  if (HoldsPartitionTable(devicePath))
+  const Detail::DiskContents contents = Guarded(devicePath, AS_PREPARE_AT(446), [&] { return Detail::ProbeDisk(name); });
+  // Data may be there; what an interrupted preparation leaves (a table with at most
+  // one empty partition) is prepared again.
+  if (!contents.data.empty() || contents.partitions > 1)
     Fail(Messages::FailedToInitializeStorage, devicePath, AS_PREPARE_AT(447),
-         Common::Error(kErrorDiskHasPartitionTable, Core::FormatMessage(Messages::DiskHoldsPartitionTable, devicePath),
+         Common::Error(kErrorDiskHasPartitionTable,
+                       Core::FormatMessage(Messages::DiskMayHoldData, devicePath, Detail::Describe(contents)),
                        AS_PREPARE_AT(448)));
 
   const std::string device = Shell::Word(devicePath);
   step(u"Cleanup {0}");
+  // gdisk keeps an old GPT's backup header, and then answers other questions.
+  if (!contents.tables.empty() || contents.partitions > 0)
+    Guarded(devicePath, AS_PREPARE_AT(473), [&] { return Detail::WipeDisk(name), 0; });
   Run("dd if=/dev/zero of=" + device + " bs=512 count=1 2>/dev/null", Messages::FailedToInitializeStorage, devicePath,
       AS_PREPARE_AT(474));
   step(u"Marking up {0}");
-  Run("echo -e \"n\\n1\\n\\n\\n\\nw\\ny\" | gdisk " + device, Messages::FailedToInitializeStorage, devicePath,
+  // printf, not echo -e: any POSIX shell interprets these escapes.
+  Run("printf 'n\\n1\\n\\n\\n\\nw\\ny\\n' | gdisk " + device, Messages::FailedToInitializeStorage, devicePath,
       AS_PREPARE_AT(481));
   step(u"Formatting {0}");
-  Run("mke2fs -t ext4 " + Shell::Word(devicePath + "1"), Messages::FailedToInitializeStorageUnquoted, devicePath,
-      AS_PREPARE_AT(488));
+  // Labelled from the start: a cut before the label step must not leave a file system
+  // that looks foreign.
+  Run("mke2fs -t ext4 -L " + Common::ToUtf8(Detail::kLabelPrefix) + " " + Shell::Word(devicePath + "1"),
+      Messages::FailedToInitializeStorageUnquoted, devicePath, AS_PREPARE_AT(488));
 
   ReloadPartitions();
-  const auto list = GetPartitions();
+  const auto list = OwnPartitions();
   if (list.size() != 1) Fail(Messages::FailedToInitializeStorage, devicePath, AS_PREPARE_AT(495));
   if (Common::Error error = list.front()->SetLabel(String())) throw error;
+  // Success means a storage after a power cut too.
+  for (const std::string& path : {devicePath + "1", devicePath})
+    if (Common::Error error = Detail::FlushDevice(path))
+      Fail(Messages::FailedToInitializeStorage, devicePath, AS_PREPARE_AT(499), error);
   return {};
+}
+
+std::vector<BlockDevice::Signature> BlockDevice::FindSignatures() {
+  Detail::DiskContents contents = Detail::ProbeDisk(name);
+  contents.tables.insert(contents.tables.end(), contents.data.begin(), contents.data.end());
+  return contents.tables;
+}
+
+Common::Error BlockDevice::WipeSignatures() {
+  const std::string devicePath = "/dev/" + Common::ToUtf8(name);
+  TraceTools::Trace(Common::EventLevelNotice, Detail::kTraceStorage, u"Erasing the signatures of {0}.", devicePath);
+  try {
+    if (HasMountedStorage(devicePath))
+      return Common::Error(kErrorStorageInUse, Core::FormatMessage(Messages::StorageIsInUse, devicePath),
+                           AS_STORAGE_AT("WipeSignatures", 625));
+    Detail::WipeDisk(name);
+    return {};
+  } catch (const Common::Error& error) {
+    return error;
+  }
 }
 
 }  // namespace Appliance

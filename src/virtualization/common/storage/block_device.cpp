@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cerrno>
 #include <string>
 
 #include "core/common/message_ids.h"
@@ -43,43 +44,61 @@ void BlockDevice::ReloadPartitions() {
   std::lock_guard<std::mutex> reload(reloadMutex);
   const std::string narrowName = Common::ToUtf8(name);
   std::vector<std::shared_ptr<Partition>> found;
-  if (auto dir = FileSystem::Directory::Open("/sys/block/" + narrowName)) {
+  Common::Error error;
+  if (auto dir = FileSystem::Directory::Open("/sys/block/" + narrowName, &error)) {
     // A listing that fails midway keeps what it found.
     for (FileSystem::Directory::Entry entry; dir->Next(entry);)
       if (entry.name.compare(0, narrowName.size(), narrowName) == 0)
         found.push_back(std::make_shared<Partition>(shared_from_this(), Common::FromUtf8(entry.name)));
+  } else if (FileSystem::ErrnoOf(error) != ENOENT) {
+    throw error;  // not knowing the partitions could hide a storage
   }
-  const auto sameUuid = [](const std::vector<std::shared_ptr<Partition>>& list, const std::shared_ptr<Partition>& p) {
-    return std::any_of(list.begin(), list.end(),
-                       [&](const std::shared_ptr<Partition>& q) { return q->GetUuid() == p->GetUuid(); });
+  // Unidentified partitions all have the zero UUID: their names tell them apart.
+  const auto same = [](const std::shared_ptr<Partition>& p, const std::shared_ptr<Partition>& q) {
+    return p->GetUuid() == q->GetUuid() && (!p->GetUuid().IsNull() || p->GetName() == q->GetName());
+  };
+  const auto in = [&](const std::vector<std::shared_ptr<Partition>>& list, const std::shared_ptr<Partition>& p) {
+    return std::any_of(list.begin(), list.end(), [&](const std::shared_ptr<Partition>& q) { return same(p, q); });
   };
   // Partitions still present keep their objects, and with them their mount state.
-  std::vector<std::shared_ptr<Partition>> kept = GetPartitions();
-  kept.erase(std::remove_if(kept.begin(), kept.end(), [&](const auto& p) { return !sameUuid(found, p); }), kept.end());
-  found.erase(std::remove_if(found.begin(), found.end(), [&](const auto& p) { return sameUuid(kept, p); }), found.end());
+  std::vector<std::shared_ptr<Partition>> kept = OwnPartitions();
+  kept.erase(std::remove_if(kept.begin(), kept.end(), [&](const auto& p) { return !in(found, p); }), kept.end());
+  found.erase(std::remove_if(found.begin(), found.end(), [&](const auto& p) { return in(kept, p); }), found.end());
   kept.insert(kept.end(), found.begin(), found.end());
   std::lock_guard<std::mutex> guard(partitionsMutex);
   partitions.swap(kept);
 }
 
-std::vector<std::shared_ptr<Partition>> BlockDevice::GetPartitions() {
+std::vector<std::shared_ptr<Partition>> BlockDevice::OwnPartitions() {
   std::lock_guard<std::mutex> guard(partitionsMutex);
   return partitions;
 }
 
+std::vector<std::shared_ptr<Partition>> BlockDevice::GetPartitions() {
+  std::vector<std::shared_ptr<Partition>> list = OwnPartitions();
+  const std::shared_ptr<BlockDevice> self = shared_from_this();
+  // The caller's handle owns the partition and its device; the device's own list owns
+  // the partitions only, so letting go of both frees all.
+  for (std::shared_ptr<Partition>& p : list) {
+    Partition* const raw = p.get();
+    p = std::shared_ptr<Partition>(raw, [self, owner = std::move(p)](Partition*) {});
+  }
+  return list;
+}
+
 bool BlockDevice::IsSystemBlockDevice() {
-  const auto list = GetPartitions();
+  const auto list = OwnPartitions();
   return std::any_of(list.begin(), list.end(),
                      [](const std::shared_ptr<Partition>& p) { return p->GetMountPoint() == kSystemMountPoint; });
 }
 
 bool BlockDevice::IsSupported() {
-  if (GetPartitions().empty() || !IsSystemBlockDevice()) return true;
+  if (OwnPartitions().empty() || !IsSystemBlockDevice()) return true;
   return HasSupportedPartition();
 }
 
 bool BlockDevice::HasSupportedPartition() {
-  const auto list = GetPartitions();
+  const auto list = OwnPartitions();
   return list.size() == 1 && list.front()->IsSupported();
 }
 

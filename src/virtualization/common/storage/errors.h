@@ -25,9 +25,11 @@ constexpr uint32_t kErrorGetLabel = 0x720034;
 // blkid gave no file-system UUID for a partition.
 constexpr uint32_t kErrorPartitionUuid = 0x720048;
 // Causes of refusals: a mount name that is not one path component, and a disk
-// that already holds a GPT partition table.
+// that may hold data (a signature, or more partitions than a storage has).
 constexpr uint32_t kErrorInvalidStorageName = 0x720049;
 constexpr uint32_t kErrorDiskHasPartitionTable = 0x72004A;
+// Reading or erasing a disk's signatures failed; the cause says why.
+constexpr uint32_t kErrorSignatures = 0x72004B;
 
 }  // namespace Appliance
 }  // namespace Virtualization

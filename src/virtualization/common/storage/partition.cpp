@@ -1,9 +1,12 @@
+#include <cerrno>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "core/common/message_ids.h"
 #include "core/common/unicode.h"
+#include "core/include/file/file.h"
 #include "core/linex/linux_misc.h"
 #include "core/linex/shell_quote_internal.h"
 #include "core/trace/trace_tools.h"
@@ -21,10 +24,19 @@ namespace {
 using Stream = std::unique_ptr<FILE, int (*)(FILE*)>;
 constexpr uint64_t kMinimumPartitionSize = 0x140000000;  // 5 GiB
 
-// The file-system UUID that blkid reports; all zero when it is no GUID.
-GUID GetPartitionUUID(const String& name) {
+// The file-system UUID that blkid reports, all zero when it is no GUID; none when blkid
+// identifies no file system. Throws kErrorPartitionUuid when blkid could not run:
+// then nothing is known of the partition.
+std::optional<GUID> GetPartitionUUID(const String& name) {
   Stream stream(POpen("blkid -o export " + Detail::DevicePath(name), "rt"), PClose);
-  return Detail::ReadPartitionUuid(stream.get(), name);
+  try {
+    return Detail::ReadPartitionUuid(stream.get(), name);
+  } catch (const Common::Error& error) {
+    if (error.GetCode() != kErrorPartitionUuid) throw;
+    const int status = stream ? PClose(stream.release()) : -1;
+    if (status == -1 || status == 127) throw;
+    return std::nullopt;
+  }
 }
 
 uint64_t ReadPartitionNumber(const String& device, const String& partition, const char* file) {
@@ -35,9 +47,22 @@ uint64_t ReadPartitionNumber(const String& device, const String& partition, cons
 }  // namespace
 
 Partition::Partition(const std::shared_ptr<BlockDevice>& device, const String& name)
-    : Device(device), Uuid(GetPartitionUUID(name)), Name(name) {
-  Size = ReadPartitionNumber(Device->GetName(), Name, "size") << 9;
-  Number = ReadPartitionNumber(Device->GetName(), Name, "partition");
+    : Device(device), DeviceName(device->GetName()), Host(device->GetHost()), Target(device->GetTarget()), Name(name) {
+  if (const std::optional<GUID> uuid = GetPartitionUUID(name)) {
+    Uuid = *uuid;
+  } else {
+    // Blank, foreign or gone: listed, never a storage, and no reason to hide the others.
+    Identified = false;
+    TraceTools::Trace(Common::EventLevelWarning, Detail::kTraceStorage,
+                      u"Partition '{0}' holds no file system that blkid identifies: listed as unsupported.", name);
+  }
+  try {
+    Size = ReadPartitionNumber(DeviceName, Name, "size") << 9;
+    Number = ReadPartitionNumber(DeviceName, Name, "partition");
+  } catch (const Common::Error& error) {
+    if (FileSystem::ErrnoOf(error) != ENOENT) throw;
+    Identified = false;  // the kernel dropped it meanwhile
+  }
   SetMountRoot(StoragesManager::PartitionsMountRoot);
 }
 
@@ -76,11 +101,11 @@ Common::Error Partition::SetLabel(const String& label) {
 }
 
 std::string Partition::GetDeprecatedVolumeId() const {
-  return std::to_string(Device->GetHost()) + "_" + std::to_string(Device->GetTarget()) + "_" + std::to_string(Number);
+  return std::to_string(Host) + "_" + std::to_string(Target) + "_" + std::to_string(Number);
 }
 
 bool Partition::IsSupported() const {
-  return MountRoot == StoragesManager::PartitionsMountRoot && Detail::HasLabelPrefix(GetLabelImpl()) &&
+  return Identified && MountRoot == StoragesManager::PartitionsMountRoot && Detail::HasLabelPrefix(GetLabelImpl()) &&
          Size >= kMinimumPartitionSize;
 }
 

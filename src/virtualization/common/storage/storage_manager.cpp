@@ -1,6 +1,9 @@
 #include "virtualization/common/storage/storage_manager.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -44,14 +47,26 @@ bool IsTemporary(const SCSI::Disk& disk) {
   return SCSI::Detail::GetDiskAttributes(disk.id, kTemporaryAttribute).has_value();
 }
 
+// The disk left the kernel since it was enumerated.
+bool Gone(const SCSI::Disk& disk) {
+  struct stat st;
+  return stat(("/sys/block/" + Common::ToUtf8(disk.name)).c_str(), &st) != 0 && errno == ENOENT;
+}
+
 // The devices of the listed disks but temporary and system disks, partitions loaded.
 std::vector<std::shared_ptr<BlockDevice>> MakeDevices(const std::vector<SCSI::Disk>& disks) {
   std::vector<std::shared_ptr<BlockDevice>> devices;
   for (const SCSI::Disk& disk : disks) {
     if (IsTemporary(disk)) continue;
     auto device = std::make_shared<BlockDevice>(BlockDevice::Private{}, disk);
-    device->ReloadPartitions();
-    if (!device->IsSystemBlockDevice()) devices.push_back(std::move(device));
+    try {
+      device->ReloadPartitions();
+    } catch (const Common::Error&) {
+      if (!Gone(disk)) throw;
+      continue;
+    }
+    // Gone meanwhile: what was read of it may be half.
+    if (!Gone(disk) && !device->IsSystemBlockDevice()) devices.push_back(std::move(device));
   }
   return devices;
 }

@@ -15,9 +15,9 @@
 // Failures: queries and constructors throw Common::Error; operations that change the
 // machine (label, mount, unmount) return it; CreateBackupPartition throws.
 //
-// Ownership: devices and partitions are shared by std::shared_ptr; a partition keeps
-// its device alive, and a device that has loaded partitions keeps them, so both live
-// for the rest of the process once loaded.
+// Ownership: devices and partitions are shared by std::shared_ptr. A device owns its
+// partitions; a partition handed out by GetPartitions keeps its device (and itself)
+// alive for as long as the caller holds it. Nothing is kept once the caller lets go.
 //
 // Threads: GetBlockDevices serialises with other processes and threads on the disk
 // subsystem's lock. A BlockDevice may be read from several threads while one reloads
@@ -77,9 +77,11 @@ class AS_EXPORT BlockDevice : public std::enable_shared_from_this<BlockDevice> {
   static uint64_t GetDeviceSize(const String& name);
 
   // Re-reads the partitions from sysfs. A partition that is still there keeps its
-  // object; new ones come after the old. Throws what a new Partition throws, leaving
-  // the list as it was.
+  // object; new ones come after the old. A disk gone from sysfs has none. Throws what
+  // a new Partition throws, or the file layer's error when sysfs cannot be read,
+  // leaving the list as it was.
   void ReloadPartitions();
+  // Each partition handed out keeps this device alive while the caller holds it.
   std::vector<std::shared_ptr<Partition>> GetPartitions();
 
   // A partition is mounted at "/".
@@ -91,10 +93,30 @@ class AS_EXPORT BlockDevice : public std::enable_shared_from_this<BlockDevice> {
   bool HasSupportedPartition();
 
   // Makes the whole disk one storage: zeroes the first sector, writes one GPT
-  // partition, formats it as ext4 and labels it "ZLM". Destroys what the disk held.
-  // Refuses a disk with a mounted storage (0x720021) or with a GPT partition table
-  // (0x720022) before writing anything. Throws every failure; returns success.
+  // partition, formats it as ext4 labelled "ZLM". Returns (success) only once the
+  // writes are durable. Refuses, before writing anything, a disk with a mounted storage
+  // (0x720021) and one that may hold data (0x720022 <- 0x72004A): a signature on the
+  // disk or a partition (FindSignatures), or more than one partition. A disk left by
+  // an interrupted preparation (at most one partition, nothing on it) is prepared
+  // again. Throws every failure.
   Common::Error CreateBackupPartition();
+
+  // One thing libblkid recognises on the disk: a partition table ("gpt", "dos") or a
+  // signature on the whole disk (`partition` is the disk's name) or on a partition
+  // (`partition` is "sdb1"): a file system, swap, RAID or LVM member, encrypted volume.
+  struct Signature {
+    String partition;
+    std::string type;   // as blkid prints TYPE or PTTYPE
+    std::string label;  // the file system's label; empty when it has none
+  };
+  // What the disk holds, partition tables first; empty for a blank disk. Reads the
+  // device without caches. Throws 0x72004B when the disk cannot be read.
+  std::vector<Signature> FindSignatures();
+  // Erases every signature of the disk and its partitions (libblkid's wiping, a few
+  // bytes each, as wipefs does) and makes the kernel forget the partitions, so that the
+  // disk can be prepared. Refuses a disk with anything mounted (0x720021). Returns
+  // 0x72004B with the cause of a failure.
+  Common::Error WipeSignatures();
 
   const String& GetName() const { return name; }
   uint64_t GetSize() const { return size; }
@@ -105,7 +127,9 @@ class AS_EXPORT BlockDevice : public std::enable_shared_from_this<BlockDevice> {
  private:
   std::mutex reloadMutex;      // before partitionsMutex
   std::mutex partitionsMutex;  // held for copies and swaps only
-  std::vector<std::shared_ptr<Partition>> partitions;
+  std::vector<std::shared_ptr<Partition>> OwnPartitions();
+
+  std::vector<std::shared_ptr<Partition>> partitions;  // they do not own the device
   GUID diskId;
   uint32_t host = 0;
   uint32_t target = 0;
@@ -121,7 +145,9 @@ class AS_EXPORT Partition {
   static constexpr size_t kMaxLabelLength = 13;
 
   // Reads the file-system UUID (blkid), size and number (sysfs) and where the
-  // partition is mounted. Throws 0x720048 when blkid gives no UUID.
+  // partition is mounted. A partition without a file system that blkid identifies
+  // (blank, foreign, or gone meanwhile) gets a zero UUID, is never supported, and is
+  // traced as a warning. Throws the file layer's error when sysfs cannot be read.
   Partition(const std::shared_ptr<BlockDevice>& device, const String& name);
   Partition(const Partition&) = delete;
   Partition& operator=(const Partition&) = delete;
@@ -135,7 +161,8 @@ class AS_EXPORT Partition {
   Common::Error SetLabel(const String& label);
   // "<host>_<target>_<number>", the identifier that earlier versions stored.
   std::string GetDeprecatedVolumeId() const;
-  // Mounted (or mountable) below the standard root, labelled "ZLM...", at least 5 GiB.
+  // Mounted (or mountable) below the standard root, labelled "ZLM...", at least 5 GiB,
+  // with a file system that blkid identifies.
   bool IsSupported() const;
 
   // Finds out whether and where the partition is mounted, relative to `root`.
@@ -151,7 +178,8 @@ class AS_EXPORT Partition {
   // Only runs umount.
   Common::Error DoUnmount();
 
-  const std::shared_ptr<BlockDevice>& GetDevice() const { return Device; }
+  // Null when the device is gone (a partition made by hand outlives it).
+  std::shared_ptr<BlockDevice> GetDevice() const { return Device.lock(); }
   const GUID& GetUuid() const { return Uuid; }
   const String& GetName() const { return Name; }
   const String& GetMountRoot() const { return MountRoot; }
@@ -162,7 +190,10 @@ class AS_EXPORT Partition {
   uint64_t GetNumber() const { return Number; }
 
  private:
-  std::shared_ptr<BlockDevice> Device;
+  std::weak_ptr<BlockDevice> Device;  // a strong one would keep both forever
+  String DeviceName;
+  uint32_t Host = 0, Target = 0;
+  bool Identified = true;  // blkid found a file system with a UUID line
   GUID Uuid;
   String Name;
   String MountRoot;

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -73,6 +74,16 @@ void TraceErrorObject(Common::EventLevel level, const Common::Error& error) {
 Common::Error InvalidWalk(const Common::ErrorLocation& where, FileSystem::Directory& dir) {
   return Common::Error(FileSystem::kErrorInvalidFileObject, GetTextFromMessageFile(Messages::InvalidFileObject), where)
       .WithCause(dir.TakeLastError());
+}
+
+// A directory of the walk below `parent` (or `path` itself); null when it does not
+// exist: a disk leaving, a block device that is no SCSI disk. Any other failure is
+// thrown, since a disk that could not be read would pass for an absent one.
+std::unique_ptr<FileSystem::Directory> OpenIfPresent(const FileSystem::Directory* parent, const std::string& path) {
+  Common::Error error;
+  auto dir = parent ? parent->OpenChild(path, &error) : FileSystem::Directory::Open(path, &error);
+  if (!dir && FileSystem::ErrnoOf(error) != ENOENT) throw error;
+  return dir;
 }
 
 // Starts a change and waits for the kernel to report it, with the handler attached
@@ -151,18 +162,16 @@ void DiskSubsystemImpl::EnumerateDisks(std::vector<Disk>& out) {
   Detail::HostTable hosts;
   Detail::EnumerateHosts(hosts);
   std::vector<Disk> disks;
-  std::unique_ptr<FileSystem::Directory> blocks = FileSystem::Directory::Open("/sys/block");
-  if (!blocks) {
-    out.swap(disks);
-    return;
-  }
+  Common::Error error;
+  std::unique_ptr<FileSystem::Directory> blocks = FileSystem::Directory::Open("/sys/block", &error);
+  if (!blocks) throw error;
   FileSystem::Directory::Entry entry;
   std::vector<uint8_t> buffer;
   while (blocks->Next(entry)) {
     if (entry.name.compare(0, 2, "sd") != 0 || entry.kind != FileSystem::kDirectoryLink) continue;
-    std::unique_ptr<FileSystem::Directory> block = blocks->OpenChild(entry.name);
+    std::unique_ptr<FileSystem::Directory> block = OpenIfPresent(blocks.get(), entry.name);
     if (!block) continue;
-    std::unique_ptr<FileSystem::Directory> addresses = block->OpenChild("device/scsi_disk");
+    std::unique_ptr<FileSystem::Directory> addresses = OpenIfPresent(block.get(), "device/scsi_disk");
     if (!addresses) continue;
 
     Disk disk;

@@ -1,6 +1,7 @@
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/host.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -44,16 +45,23 @@ const HostType* FindHostType(const char* text, size_t length) {
 
 void EnumerateHosts(HostTable& table) {
   HostTable hosts;
-  std::unique_ptr<FileSystem::Directory> dir = FileSystem::Directory::Open(kHostsDir);
+  Common::Error error;
+  std::unique_ptr<FileSystem::Directory> dir = FileSystem::Directory::Open(kHostsDir, &error);
+  // No SCSI driver loaded: no hosts. Not being able to look is not the same.
+  if (!dir && FileSystem::ErrnoOf(error) != ENOENT) throw error;
   if (dir) {
     FileSystem::Directory::Entry entry;
     while (dir->Next(entry)) {
       if (entry.kind != FileSystem::kDirectoryLink) continue;
-      std::unique_ptr<FileSystem::Directory> host = dir->OpenChild(entry.name);
-      if (!host) continue;
+      std::unique_ptr<FileSystem::Directory> host = dir->OpenChild(entry.name, &error);
+      if (!host) {
+        if (FileSystem::ErrnoOf(error) != ENOENT) throw error;
+        continue;
+      }
 
       FileSystem::File procName;
-      if (FileSystem::File::Open(host->FullPath() + "/proc_name", FileSystem::File::kRead, procName)) {
+      if ((error = FileSystem::File::Open(host->FullPath() + "/proc_name", FileSystem::File::kRead, procName))) {
+        if (FileSystem::ErrnoOf(error) != ENOENT) throw error;
         AS_ASSERT_AT(!"No hostN/proc_name entry", AS_SOURCE_NAME, 121);
         continue;
       }

@@ -1,0 +1,217 @@
+#include "virtualization/common/storage/impl/signatures.h"
+
+#include <blkid/blkid.h>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <new>
+
+#include "core/common/message_ids.h"
+#include "core/common/unicode.h"
+#include "core/include/file/file.h"
+#include "processor/format/format_message.h"
+#include "virtualization/common/storage/errors.h"
+#include "virtualization/common/storage/impl/storage_internal.h"
+
+namespace Virtualization {
+namespace Appliance {
+namespace Detail {
+
+namespace {
+
+// A device's signatures are few; more means a wipe that does not stick.
+constexpr int kMaxSignatures = 64;
+
+// A failure of the probe on `path`, with the errno that libblkid or the system left.
+struct ProbeFailure {
+  std::string path;
+  int err;
+};
+
+[[noreturn]] void FailOn(const std::string& path) { throw ProbeFailure{path, errno != 0 ? errno : EIO}; }
+
+class Descriptor {
+ public:
+  // -1 with errno ENOENT when `path` does not exist and `optional`.
+  Descriptor(const std::string& path, int flags, bool optional = false)
+      : fd_(::open(path.c_str(), flags | O_CLOEXEC)) {
+    if (fd_ < 0 && !(optional && errno == ENOENT)) FailOn(path);
+  }
+  ~Descriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+class Probe {
+ public:
+  Probe(const std::string& path, int fd, uint64_t offset, uint64_t size) : path_(path), probe_(blkid_new_probe()) {
+    if (!probe_) throw std::bad_alloc();
+    errno = 0;
+    if (blkid_probe_set_device(probe_, fd, static_cast<blkid_loff_t>(offset), static_cast<blkid_loff_t>(size)) != 0)
+      FailOn(path);
+  }
+  ~Probe() { blkid_free_probe(probe_); }
+  Probe(const Probe&) = delete;
+  Probe& operator=(const Probe&) = delete;
+  operator blkid_probe() const { return probe_; }
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+  blkid_probe probe_;
+};
+
+std::string Value(blkid_probe probe, const char* name) {
+  const char* value = nullptr;
+  size_t length = 0;
+  if (blkid_probe_lookup_value(probe, name, &value, &length) != 0 || !value) return {};
+  return std::string(value, strnlen(value, length));
+}
+
+void Add(std::vector<BlockDevice::Signature>& list, BlockDevice::Signature s) {
+  const auto same = [&](const BlockDevice::Signature& o) { return o.partition == s.partition && o.type == s.type; };
+  if (std::none_of(list.begin(), list.end(), same)) list.push_back(std::move(s));
+}
+
+// Every signature of one area, erased one by one when `wipe`; partition tables too
+// when `tables` (the whole disk).
+void Scan(const Probe& probe, const String& where, bool tables, bool wipe, DiskContents& out) {
+  blkid_probe_enable_superblocks(probe, 1);
+  // A damaged checksum may still guard data.
+  blkid_probe_set_superblocks_flags(probe, BLKID_SUBLKS_TYPE | BLKID_SUBLKS_LABEL | BLKID_SUBLKS_MAGIC |
+                                               BLKID_SUBLKS_BADCSUM);
+  blkid_probe_enable_partitions(probe, tables ? 1 : 0);
+  if (tables) blkid_probe_set_partitions_flags(probe, BLKID_PARTS_MAGIC | BLKID_PARTS_FORCE_GPT);
+  for (int found = 0; found < kMaxSignatures; ++found) {
+    errno = 0;
+    const int rc = blkid_do_probe(probe);
+    if (rc == 1) return;
+    if (rc != 0) FailOn(probe.path());
+    std::string type = Value(probe, "TYPE");
+    if (!type.empty()) {
+      Add(out.data, {where, type, Value(probe, "LABEL")});
+    } else {
+      type = Value(probe, "PTTYPE");
+      Add(out.tables, {where, type.empty() ? "unknown" : type, {}});
+    }
+    errno = 0;
+    if (wipe && blkid_do_wipe(probe, 0) != 0) FailOn(probe.path());
+  }
+  if (wipe) throw ProbeFailure{probe.path(), EIO};  // the signatures keep coming back
+}
+
+String PartitionName(const std::string& disk, int number) {
+  const bool digit = !disk.empty() && std::isdigit(static_cast<unsigned char>(disk.back()));
+  return Common::FromUtf8(disk + (digit ? "p" : "") + std::to_string(number));
+}
+
+// The partitions the kernel shows for `disk`, as sysfs lists them.
+std::vector<std::string> KernelPartitions(const std::string& disk) {
+  std::vector<std::string> names;
+  Common::Error error;
+  auto dir = FileSystem::Directory::Open("/sys/block/" + disk, &error);
+  if (!dir) {
+    if (FileSystem::ErrnoOf(error) == ENOENT) return names;
+    throw error;
+  }
+  for (FileSystem::Directory::Entry entry; dir->Next(entry);)
+    if (entry.name.size() > disk.size() && entry.name.compare(0, disk.size(), disk) == 0) names.push_back(entry.name);
+  if (dir->Status() != FileSystem::kStatusEndOfDirectory) throw dir->TakeLastError();
+  return names;
+}
+
+DiskContents Walk(const String& name, bool wipe) {
+  const std::string disk = Common::ToUtf8(name), path = "/dev/" + disk;
+  // Exclusive: the kernel refuses while a partition is mounted or otherwise held.
+  const Descriptor device(path, wipe ? O_RDWR | O_EXCL : O_RDONLY);
+  DiskContents out;
+  const std::vector<std::string> kernel = KernelPartitions(disk);
+  for (const std::string& part : kernel) {
+    const Descriptor node("/dev/" + part, wipe ? O_RDWR : O_RDONLY, true);
+    if (node.get() < 0) continue;  // no node: nothing to read, and the table's view covers it
+    Scan(Probe("/dev/" + part, node.get(), 0, 0), Common::FromUtf8(part), false, wipe, out);
+    if (wipe && ::fsync(node.get()) != 0) FailOn("/dev/" + part);
+  }
+  size_t inTable = 0;
+  {
+    const Probe table(path, device.get(), 0, 0);
+    errno = 0;
+    if (blkid_partlist list = blkid_probe_get_partitions(table)) {
+      inTable = static_cast<size_t>(std::max(0, blkid_partlist_numof_partitions(list)));
+      for (size_t i = 0; i < inTable; ++i) {
+        const blkid_partition p = blkid_partlist_get_partition(list, static_cast<int>(i));
+        const uint64_t start = static_cast<uint64_t>(blkid_partition_get_start(p)) << 9;
+        const uint64_t size = static_cast<uint64_t>(blkid_partition_get_size(p)) << 9;
+        if (size == 0) continue;
+        Scan(Probe(path, device.get(), start, size), PartitionName(disk, blkid_partition_get_partno(p)), false, wipe,
+             out);
+      }
+    }
+  }
+  Scan(Probe(path, device.get(), 0, 0), name, true, wipe, out);
+  out.partitions = std::max(inTable, kernel.size());
+  if (wipe) {
+    if (::fsync(device.get()) != 0) FailOn(path);
+    // An image file (the tests' machines) has no partitions to re-read.
+    if (::ioctl(device.get(), BLKRRPART) != 0 && errno != ENOTTY && errno != EINVAL) FailOn(path);
+  }
+  return out;
+}
+
+DiskContents Walk(const String& name, bool wipe, TextFromMessageFile message, const Common::ErrorLocation& where,
+                  const Common::ErrorLocation& causeWhere) {
+  Common::Error error(kErrorSignatures, Core::FormatMessage(message, "/dev/" + Common::ToUtf8(name)), where);
+  try {
+    return Walk(name, wipe);
+  } catch (const ProbeFailure& failure) {
+    throw error.WithCause(FileSystem::MakeError(wipe ? FileSystem::kErrorWrite : FileSystem::kErrorRead, failure.path,
+                                                failure.err, causeWhere));
+  } catch (const Common::Error& cause) {
+    throw error.WithCause(cause);
+  }
+}
+
+}  // namespace
+
+DiskContents ProbeDisk(const String& name) {
+  return Walk(name, false, Messages::FailedToReadSignatures, AS_STORAGE_AT("FindSignatures", 610),
+              AS_STORAGE_AT("FindSignatures", 611));
+}
+
+void WipeDisk(const String& name) {
+  Walk(name, true, Messages::FailedToEraseSignatures, AS_STORAGE_AT("WipeSignatures", 630),
+       AS_STORAGE_AT("WipeSignatures", 631));
+}
+
+std::string Describe(const DiskContents& contents) {
+  std::string text;
+  for (const BlockDevice::Signature& s : contents.data) {
+    text += (text.empty() ? "" : ", ") + Common::ToUtf8(s.partition) + ": " + s.type;
+    if (!s.label.empty()) text += " '" + s.label + "'";
+  }
+  return text.empty() ? std::to_string(contents.partitions) + " partitions" : text;
+}
+
+Common::Error FlushDevice(const std::string& path) {
+  Common::Error error;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0 || ::fsync(fd) != 0)
+    error = FileSystem::MakeError(FileSystem::kErrorWrite, path, errno, AS_STORAGE_AT("CreateBackupPartition", 499));
+  if (fd >= 0) ::close(fd);
+  return error;
+}
+
+}  // namespace Detail
+}  // namespace Appliance
+}  // namespace Virtualization
