@@ -25,7 +25,6 @@ step "AddressSanitizer + UndefinedBehaviorSanitizer"
 scripts/build.sh asan -DCMAKE_BUILD_TYPE=Debug -DAS_SANITIZE=address,undefined -DAS_BUILD_BENCH=OFF
 cmake --build build/asan -j "$jobs"
 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1 \
-  LSAN_OPTIONS=suppressions=$PWD/tests/lsan.supp \
   ctest_run build/asan -LE vm
 
 step "ThreadSanitizer (threaded tests)"

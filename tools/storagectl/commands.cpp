@@ -92,6 +92,11 @@ std::shared_ptr<Partition> FindPartition(const std::string& name) {
   throw Refusal{"no partition '" + name + "' on the disks the library offers for storages (see 'storagectl devices')"};
 }
 
+// "sdb1: ext4 'backup'": where libblkid found what, and its label.
+std::string Describe(const BlockDevice::Signature& s) {
+  return U8(s.partition) + ": " + s.type + (s.label.empty() ? "" : " '" + s.label + "'");
+}
+
 // The steps of a disk's preparation, from the library's trace events: the storage
 // manager's own lines and the label notice.
 class Steps : public TraceTools::TraceSubscriber {
@@ -132,19 +137,34 @@ Json Devices(bool rescan) {
   return {{"devices", list}};
 }
 
-Json Prepare(const std::string& device, bool yes, const std::function<void(const std::string&)>& step) {
+Json Prepare(const std::string& device, bool yes, bool wipe, const std::function<void(const std::string&)>& step) {
   StoragesManager manager;
   const auto disk = FindDevice(manager, device);
   const std::string path = "/dev/" + U8(disk->GetName());
+  const auto found = wipe ? disk->FindSignatures() : std::vector<BlockDevice::Signature>();
   if (!yes) {
     if (!isatty(STDIN_FILENO)) throw Refusal{"standard input is not a terminal: give --yes to prepare " + path, 2};
-    std::cerr << "Everything on " << path << " (" << disk->GetSize() << " bytes) will be lost. Type 'yes' to go on: ";
+    std::cerr << "Everything on " << path << " (" << disk->GetSize() << " bytes) will be lost";
+    if (wipe) std::cerr << (found.empty() ? "; libblkid finds nothing on it" : ", including what libblkid finds:");
+    for (const auto& s : found) std::cerr << "\n  " << Describe(s);
+    std::cerr << (found.empty() ? ". " : "\n") << "Type 'yes' to go on: ";
     std::string answer;
-    if (!std::getline(std::cin, answer) || answer != "yes") throw Refusal{path + " left as it was"};
+    const bool answered = static_cast<bool>(std::getline(std::cin, answer));
+    if (!answered) std::cerr << '\n';  // Ctrl-D leaves the cursor after the question
+    if (!answered || answer != "yes") throw Refusal{path + " left as it was"};
   }
   Steps steps(step);
+  Json wiped = Json::array();
+  for (const auto& s : found) {
+    step("Wiping " + Describe(s));
+    wiped.push_back({{"partition", U8(s.partition)}, {"type", s.type}, {"label", s.label}});
+  }
+  // Also with nothing found: the wipe makes the kernel drop empty partitions too.
+  if (wipe) Check(disk->WipeSignatures());
   Check(disk->CreateBackupPartition());
-  return {{"device", DeviceJson(*disk, ScsiDisks(*SCSI::CreateDiskSubsystem()))}, {"steps", steps.lines}};
+  return {{"device", DeviceJson(*disk, ScsiDisks(*SCSI::CreateDiskSubsystem()))},
+          {"steps", steps.lines},
+          {"wiped", wiped}};
 }
 
 Json Label(const std::string& partition, const std::optional<std::string>& label) {

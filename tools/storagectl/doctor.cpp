@@ -6,7 +6,6 @@
 
 #include "core/common/module.h"
 #include "core/common/unicode.h"
-#include "core/linex/create_process.h"
 #include "storagectl.h"
 #include "virtualization/common/storage/storage_config.h"
 
@@ -45,23 +44,9 @@ bool IsDirectory(const std::string& path, int access_mode) {
   return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && access(path.c_str(), access_mode) == 0;
 }
 
-// What `shell` prints for an echo -e with an escape, through the library's launcher.
-std::string EchoEscapes(const std::string& shell) {
-  ChildProcess child;
-  child.Args = {shell, "-c", "echo -e 'a\\nb'"};
-  int out = -1;
-  child.AddRedirection(1, &out, true);
-  if (child.ForkExec() == -1) return "";
-  std::string text;
-  char buffer[256];
-  for (ssize_t n; (n = read(out, buffer, sizeof buffer)) > 0;) text.append(buffer, n);
-  ChildProcess::SafeClose(out);
-  return child.Wait() == 0 ? text : "";
-}
-
 }  // namespace
 
-Json Doctor(const std::string& shell) {
+Json Doctor() {
   Json checks = Json::array();
   bool all = true;
   const auto check = [&](const std::string& name, bool ok, const std::string& todo) {
@@ -70,8 +55,6 @@ Json Doctor(const std::string& shell) {
   };
   check("root", geteuid() == 0, "run as root: the library partitions, mounts and writes to sysfs");
   for (const auto& tool : kTools) check(tool[0], !FindInPath(tool[0]).empty(), std::string("not in PATH: ") + tool[1]);
-  check("shell " + shell, EchoEscapes(shell) == "a\nb\n",
-        "its echo -e does not interpret escapes (dash?), which the partitioning step needs: make /bin/sh bash");
   const std::string root = Common::ToUtf8(MigrationManagement::StorageConfig::GetStoragesRoot());
   // The library makes the root on first use: a missing one under a writable parent is fine.
   const bool rootUsable = IsDirectory(root, W_OK) || (access(root.c_str(), F_OK) != 0 &&

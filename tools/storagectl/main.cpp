@@ -3,13 +3,13 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <cstdlib>
 #include <iostream>
 #include <map>
 
 #include "core/common/unicode.h"
 #include "core/trace/trace_tools.h"
 #include "storagectl.h"
+#include "virtualization/common/storage/errors.h"
 
 using namespace Storagectl;
 
@@ -41,6 +41,12 @@ std::string UsageLine(const CLI::App* app) {
 int Usage(const CLI::App* app, const std::string& message) {
   std::cerr << "storagectl: " << message << '\n' << UsageLine(app);
   return 2;
+}
+
+bool Holds(const Common::Error& error, uint32_t code) {
+  for (Common::Error e = error; e; e = e.GetCause())
+    if (e.GetCode() == code) return true;
+  return false;
 }
 
 }  // namespace
@@ -79,21 +85,26 @@ int main(int argc, char** argv) {
           [&] { return Devices(rescan); })
       ->add_flag("--rescan", rescan, "Rescan the SCSI hosts first");
   std::string device;
-  bool yes = false;
-  CLI::App* prepare =
-      command("prepare",
-              "Makes DEVICE (sdb or /dev/sdb) one storage: one GPT partition, ext4, labelled ZLM. Prints a line per "
-              "step. Asks for confirmation on a terminal; without one, --yes is required.",
-              "destroys everything on DEVICE: zeroes its first sector, writes a new partition table, formats the "
-              "partition and labels it. The library refuses the system disk, a disk with a mounted storage and a disk "
-              "that holds a GPT partition table before writing anything.",
-              [&] {
-                return Prepare(device, yes, [&](const std::string& step) {
-                  if (!json) std::cout << step << std::endl;
-                });
-              });
+  bool yes = false, wipe = false;
+  CLI::App* prepare = command(
+      "prepare",
+      "Makes DEVICE (sdb or /dev/sdb) one storage: one GPT partition, ext4, labelled ZLM. Prints a line per step. "
+      "Asks for confirmation on a terminal; without one, --yes is required. A disk that may hold data is refused; "
+      "--wipe reuses it on purpose: the confirmation names what libblkid finds on it (partition tables, file "
+      "systems, swap, RAID and LVM members, encrypted volumes; partition, type and label), which is erased first.",
+      "destroys everything on DEVICE: zeroes its first sector, writes a new partition table, formats the partition "
+      "and labels it; with --wipe, first erases every signature on the disk and its partitions (the bytes by which "
+      "they are recognised, as wipefs does). The library refuses, before writing anything, the system disk, a disk "
+      "with anything mounted and, without --wipe, a disk on which libblkid recognises anything or that holds more "
+      "than one partition.",
+      [&] {
+        return Prepare(device, yes, wipe, [&](const std::string& step) {
+          if (!json) std::cout << step << std::endl;
+        });
+      });
   prepare->add_option("DEVICE", device, "The disk, as 'storagectl devices' names it")->required();
   prepare->add_flag("--yes", yes, "Do not ask for confirmation");
+  prepare->add_flag("--wipe", wipe, "Erase what the disk holds, naming it, before preparing it");
   std::string partition, name;
   std::optional<std::string> label;
   CLI::App* labelCmd =
@@ -129,13 +140,10 @@ int main(int argc, char** argv) {
   attributes->add_option("VALUE", value, "The attribute's value (set)");
   command("rescan", "Rescans the SCSI hosts and disks and lists the disks that came or went.",
           "nothing on the disks; the kernel's list of disks.", [] { return Rescan(); });
-  std::string shell = std::getenv("STORAGECTL_SHELL") ? std::getenv("STORAGECTL_SHELL") : "/bin/sh";
   command("doctor",
-          "Checks what the library needs, one line each, ok or what to do: root, the tools in PATH, a shell "
-          "whose echo -e interprets escapes, the mount root, the registry and lock directories. Exits 1 when "
-          "something is missing.",
-          "nothing.", [&] { return Doctor(shell); })
-      ->add_option("--shell", shell, "The shell to check (default $STORAGECTL_SHELL or /bin/sh)");
+          "Checks what the library needs, one line each, ok or what to do: root, the tools in PATH, the mount "
+          "root, the registry and lock directories. Exits 1 when something is missing.",
+          "nothing.", [] { return Doctor(); });
   command("version", "Prints the library's version and module identity.", "nothing.", [] { return Version(); });
   CLI::App* man = app.add_subcommand("man", "Prints the manual page in roff")->group("");
 
@@ -161,6 +169,9 @@ int main(int argc, char** argv) {
   } catch (const Common::Error& e) {
     if (json) std::cout << Json{{"error", ErrorJson(e)}}.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
     PrintError(e, stderr);
+    if (chosen == prepare && !wipe && Holds(e, Virtualization::Appliance::kErrorDiskHasPartitionTable))
+      std::cerr << "storagectl: hint: " << device << " may hold data; 'storagectl prepare --wipe " << device
+                << "' names what it holds and, once confirmed, erases it\n";
     return 1;
   }
   if (json)

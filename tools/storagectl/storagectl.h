@@ -25,8 +25,9 @@ struct Refusal {
 
 Json List();
 Json Devices(bool rescan);
-// Asks on a terminal unless `yes`; `step` gets each step as the library traces it.
-Json Prepare(const std::string& device, bool yes, const std::function<void(const std::string&)>& step);
+// Asks on a terminal unless `yes`; `step` gets each step as the library traces it. With
+// `wipe`, what libblkid finds on the disk is named in the question and erased first.
+Json Prepare(const std::string& device, bool yes, bool wipe, const std::function<void(const std::string&)>& step);
 Json Label(const std::string& partition, const std::optional<std::string>& label);
 Json Mount(const std::string& partition, const std::string& name);
 Json Unmount(const std::string& partition);
@@ -34,8 +35,7 @@ Json Temporary();
 Json Attributes(const std::string& action, const std::string& disk, const std::optional<std::string>& name,
                 const std::optional<std::string>& value);
 Json Rescan();
-// `shell` is the shell the library's command lines run in ("/bin/sh").
-Json Doctor(const std::string& shell);
+Json Doctor();
 Json Version();
 
 // The human-readable view of a command's result, on stdout.

@@ -180,6 +180,12 @@ TEST(Storages, WhichDisksAreOfferedListedAndRescanned) {
   for (const auto& p : blank)
     if (p->GetUuid().IsNull() && !p->IsSupported()) names.insert(ToUtf8(p->GetName()));
   EXPECT_EQ((std::set<std::string>{"sdf1", "sdf2"}), names);
+  // Out of descriptors anywhere on the way: the listing fails or is whole, never short.
+  for (int spare = 0; spare < 8; ++spare) {
+    TestSupport::DescriptorBudget budget(spare);
+    const std::string got = List(config);
+    EXPECT_TRUE(got == "ok[b=same;e=same;]" || got.rfind("0x72001F@577>", 0) == 0) << spare << ": " << got;
+  }
   ExpectNothingLeft(TestSupport::CountOwnFds());
 }
 

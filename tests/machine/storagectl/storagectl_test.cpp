@@ -1,10 +1,18 @@
 // storagectl on a faked machine: what it shows, what it refuses, its exit codes.
-#include <sys/stat.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
 #include <sys/wait.h>
+#include <unistd.h>
+#include <utmp.h>
 
 #include <gtest/gtest.h>
+
+#include <cstring>
+#include <utility>
 #include <nlohmann/json.hpp>
 
+#include "child.h"
 #include "fake_machine.h"
 
 namespace {
@@ -30,17 +38,83 @@ Result Ctl(const std::string& args, const std::string& env = "") {
   return r;
 }
 
-// sda holds "/", sdb a mounted storage, sdc is blank, sdd too small to be offered.
+// sda holds "/", sdb a mounted storage, sdc is blank, sdd too small to be offered, sde
+// holds data: a GPT and an ext4 file system labelled "backup".
 void Build(FakeMachine& m) {
   m.Host(0, "ata_piix\n").Host(2, "virtio_scsi\n");
   m.Disk("sda").At(0, 0, 0, 0).Size(20_GiB).Serial("6000c2900000000000000000000000a0").Partition(1, 2048, 2097152);
   m.Disk("sdb").At(2, 0, 1, 0).Size(12_GiB).Serial("6000c2900000000000000000000000b0").Partition(1, 2048, 10485760);
   m.Disk("sdc").At(2, 0, 2, 0).Size(16_GiB).Serial("6000c2900000000000000000000000c0");
   m.Disk("sdd").At(2, 0, 3, 0).Size(1_GiB).Serial("6000c2900000000000000000000000d0");
+  m.Disk("sde").At(2, 0, 4, 0).Size(12_GiB).Serial("6000c2900000000000000000000000e0").Partition(1, 2048, 131072);
   m.Build();
   ASSERT_EQ(0, std::system("/usr/sbin/mke2fs -q -F -t ext4 -L ZLMdata /dev/sda1 && "
-                           "/usr/sbin/mke2fs -q -F -t ext4 -L ZLMdata /dev/sdb1"));
+                           "/usr/sbin/mke2fs -q -F -t ext4 -L ZLMdata /dev/sdb1 && "
+                           "/usr/sbin/sgdisk -n 1:2048:133119 /dev/sde >/dev/null && "
+                           "/usr/sbin/mke2fs -q -F -t ext4 -L backup /dev/sde1"));
   m.WriteFile(FakeMachine::StateDir() + "/mounts", "/dev/sda1 /\n/dev/sdb1 /mnt/local_storages/st1\n");
+}
+
+// What the terminal shows next; "" at its end or after 30 s of silence.
+std::string Next(int terminal) {
+  pollfd wait{terminal, POLLIN, 0};
+  char buffer[4096];
+  const ssize_t n = poll(&wait, 1, 30000) == 1 ? read(terminal, buffer, sizeof buffer) : -1;
+  return n > 0 ? std::string(buffer, n) : "";
+}
+
+// A pseudo-terminal, opened before the machine: the machine's /dev has no terminals.
+struct Terminal {
+  int master = -1, slave = -1;
+  Terminal() {
+    openpty(&master, &slave, nullptr, nullptr, nullptr);
+    for (int fd : {master, slave}) fcntl(fd, F_SETFD, FD_CLOEXEC);
+  }
+  ~Terminal() {
+    for (int fd : {master, slave})
+      if (fd >= 0) close(fd);
+  }
+};
+
+// storagectl with `args` on terminal `t` that types `answer` at its question, or hangs
+// up there when `answer` is null; `out` is all the terminal showed.
+Result OnTerminal(Terminal& t, const std::string& args, const char* answer) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    login_tty(t.slave);
+    execl("/bin/sh", "sh", "-c", ("exec " STORAGECTL " " + args).c_str(), nullptr);
+    _exit(127);
+  }
+  close(std::exchange(t.slave, -1));  // else the terminal never ends
+  Result r{-1, "", ""};
+  for (std::string s; r.out.find("to go on: ") == std::string::npos && !(s = Next(t.master)).empty();) r.out += s;
+  if (answer && write(t.master, answer, std::strlen(answer)) >= 0)
+    for (std::string s; !(s = Next(t.master)).empty();) r.out += s;
+  close(std::exchange(t.master, -1));
+  r.code = TestSupport::ExitCode(TestSupport::WaitChild(pid));
+  return r;
+}
+
+// The disks' images as sizes and data extents: the same bytes, and no write even of zeros.
+std::string Images() {
+  std::string all;
+  for (const std::string& name : FakeMachineTesting::ListDir("/dev")) {
+    const int fd = name.rfind("sd", 0) == 0 ? open(("/dev/" + name).c_str(), O_RDONLY) : -1;
+    if (fd < 0) continue;
+    all += name + " " + std::to_string(lseek(fd, 0, SEEK_END));
+    for (off_t data = 0, hole; (data = lseek(fd, data, SEEK_DATA)) >= 0; data = hole) {
+      hole = lseek(fd, data, SEEK_HOLE);
+      std::string bytes(hole - data, '\0');
+      bytes.resize(std::max<ssize_t>(0, pread(fd, bytes.data(), bytes.size(), data)));
+      all += " @" + std::to_string(data) + ":" + std::to_string(std::hash<std::string>()(bytes));
+    }
+    close(fd);
+  }
+  return all;
+}
+
+size_t Writes(const FakeMachine& m) {
+  return m.Calls("dd").size() + m.Calls("gdisk").size() + m.Calls("mke2fs").size();
 }
 
 Names Column(const Json& list, const char* key = "name") {
@@ -55,7 +129,7 @@ TEST(Storagectl, ShowsTheDisksAndStoragesTheLibraryOffers) {
   const Result devices = Ctl("--json devices");
   ASSERT_EQ(devices.code, 0) << devices.err;
   const Json list = devices.json()["devices"];
-  ASSERT_EQ(Column(list), (Names{"sdb", "sdc"}));
+  ASSERT_EQ(Column(list), (Names{"sdb", "sdc", "sde"}));
   EXPECT_EQ(list[0]["controller"], "virtio_scsi");
   EXPECT_EQ(list[0]["address"], "2:0:1:0");
   EXPECT_EQ(list[0]["serial"], "6000C290-0000-0000-0000-0000000000B0");
@@ -80,6 +154,7 @@ TEST(Storagectl, RefusesBadInputAndReportsErrorsChangingNothing) {
       {"prepare sdc", 2, "--yes"},
       {"prepare sdz --yes", 1, "'sdz'"},
       {"prepare sdb --yes", 1, "0x720021"},
+      {"prepare sde --yes", 1, "0x720022"},
       {"mount sdz1 st2", 1, "'sdz1'"},
       {"mount sdb1 a/b", 1, "0x720023"},
       {"label sdb1 fourteen-bytes", 1, "too long"},
@@ -92,6 +167,10 @@ TEST(Storagectl, RefusesBadInputAndReportsErrorsChangingNothing) {
     EXPECT_EQ(r.code, code);
     EXPECT_NE(r.err.substr(0, r.err.find('\n')).find(firstLine), std::string::npos) << r.err;
     EXPECT_EQ(r.err.find("Usage: storagectl") != std::string::npos, code == 2) << r.err;
+    // Only a disk that may hold data earns the hint, after the library's chain.
+    const size_t hint = r.err.find("'storagectl prepare --wipe sde'");
+    EXPECT_EQ(hint != std::string::npos && r.err.find(" 0x72004A: ") < hint, std::string(args) == "prepare sde --yes")
+        << r.err;
   }
   EXPECT_EQ(Ctl("--json devices").out, before);
   EXPECT_TRUE(m.Calls("gdisk").empty() && m.Calls("mount").empty());
@@ -102,6 +181,37 @@ TEST(Storagectl, RefusesBadInputAndReportsErrorsChangingNothing) {
   EXPECT_NE(failed.err.find("\n  cause 0x720004: "), std::string::npos) << failed.err;
 }
 
+TEST(Storagectl, PreparesOnATerminalOnlyAfterYes) {
+  // arguments, what is typed (null: the terminal hangs up), what the question names
+  const std::tuple<const char*, const char*, const char*> cases[] = {
+      {"prepare sdc", "no\n", "/dev/sdc"},
+      {"prepare sdc", "y\n", "/dev/sdc"},
+      {"prepare sdc", "YES\n", "/dev/sdc"},
+      {"prepare sdc", "\n", "/dev/sdc"},
+      {"prepare sdc", "\x04", "/dev/sdc"},  // Ctrl-D: end of input
+      {"prepare sdc", nullptr, "/dev/sdc"},
+      {"prepare --wipe sde", "no\n", "\n  sde: gpt\r\n  sde1: ext4 'backup'\r\n"},
+      {"prepare --wipe sde", "yes\n", "\n  sde: gpt\r\n  sde1: ext4 'backup'\r\n"},
+      {"prepare sdc", "yes\n", "/dev/sdc"},
+  };
+  std::vector<Terminal> terminals(std::size(cases));
+  AS_FAKE_MACHINE(m);
+  Build(m);
+  Terminal* terminal = terminals.data();
+  for (const auto& [args, answer, named] : cases) {
+    SCOPED_TRACE(std::string(args) + " <- " + (answer ? answer : "hang-up"));
+    const std::string images = Images();
+    const size_t writes = Writes(m);
+    const Result r = OnTerminal(*terminal++, args, answer);
+    const std::string question = r.out.substr(0, r.out.find("to go on: "));
+    EXPECT_NE(question.find(named), std::string::npos) << r.out;
+    const bool yes = answer && std::string(answer) == "yes\n";
+    EXPECT_EQ(r.code == 0, yes) << r.out;
+    EXPECT_EQ(Images() == images, !yes);
+    EXPECT_EQ(Writes(m) == writes, !yes);
+  }
+}
+
 TEST(Storagectl, PreparesMountsLabelsAndMarksADisk) {
   AS_FAKE_MACHINE(m);
   Build(m);
@@ -110,6 +220,10 @@ TEST(Storagectl, PreparesMountsLabelsAndMarksADisk) {
   EXPECT_EQ(prepared.json()["steps"].size(), 5u) << prepared.out;  // the trace lines that are steps
   EXPECT_NE(prepared.err.find("+CreateBackupPartition"), std::string::npos);
   EXPECT_EQ(Column(prepared.json()["device"]["partitions"]), Names{"sdc1"});
+  const Result wiped = Ctl("prepare /dev/sde --wipe --yes --json");
+  ASSERT_EQ(wiped.code, 0) << wiped.err;
+  EXPECT_EQ(wiped.json()["wiped"], (Json{{{"partition", "sde"}, {"type", "gpt"}, {"label", ""}},
+                                         {{"partition", "sde1"}, {"type", "ext4"}, {"label", "backup"}}}));
   EXPECT_EQ(Ctl("--json mount sdc1 st2").json()["mountpoint"], "st2");
   EXPECT_EQ(Ctl("label sdc1 backup").code, 0);
   EXPECT_EQ(Ctl("--json label sdc1").json()["label"], "backup");
@@ -120,24 +234,22 @@ TEST(Storagectl, PreparesMountsLabelsAndMarksADisk) {
   ASSERT_EQ(Ctl("attributes set sdc Temporary 1").code, 0);
   ASSERT_EQ(Ctl("attributes set sdc Bay 4").code, 0);
   EXPECT_EQ(Ctl("--json attributes get sdc").json()["attributes"], Json({{"Bay", "4"}, {"Temporary", "1"}}));
-  EXPECT_EQ(Column(Ctl("--json devices").json()["devices"]), Names{"sdb"});
+  EXPECT_EQ(Column(Ctl("--json devices").json()["devices"]), (Names{"sdb", "sde"}));
   EXPECT_EQ(Ctl("--json temporary").json()["temporary"], Json{"sdc"});
   EXPECT_EQ(Ctl("--json attributes remove sdc Temporary").json()["attributes"], (Json{{"Bay", "4"}}));
   EXPECT_EQ(Ctl("attributes get sdc Temporary").code, 1);
-  EXPECT_EQ(Column(Ctl("--json devices").json()["devices"]), (Names{"sdb", "sdc"}));
+  EXPECT_EQ(Column(Ctl("--json devices").json()["devices"]), (Names{"sdb", "sdc", "sde"}));
 }
 
 TEST(Storagectl, DoctorNamesWhatIsMissing) {
   AS_FAKE_MACHINE(m);
-  m.WriteFile("/tmp/dash", "#!/bin/bash\nprintf '%s\\n' '-e a' b\n");  // echo -e as dash has it
-  chmod("/tmp/dash", 0755);
-  EXPECT_EQ(Ctl("doctor", "STORAGECTL_SHELL=/bin/bash").code, 0);
-  const Result bad = Ctl("--json doctor", "PATH=/none STORAGECTL_SHELL=/tmp/dash");
+  EXPECT_EQ(Ctl("doctor").code, 0);
+  const Result bad = Ctl("--json doctor", "PATH=/none");
   EXPECT_EQ(bad.code, 1);
   std::string failed;
   const Json doctor = bad.json();  // kept: the loop refers into it
   for (const Json& check : doctor["checks"]) failed += check["ok"] ? "" : check["check"].get<std::string>() + ";";
-  for (const char* check : {"gdisk;", "scsi_id;", "shell /tmp/dash;"})
+  for (const char* check : {"gdisk;", "scsi_id;"})
     EXPECT_NE(failed.find(check), std::string::npos) << failed;
   EXPECT_EQ(failed.find("registry"), std::string::npos) << failed;
 }

@@ -25,16 +25,17 @@ using Stream = std::unique_ptr<FILE, int (*)(FILE*)>;
 constexpr uint64_t kMinimumPartitionSize = 0x140000000;  // 5 GiB
 
 // The file-system UUID that blkid reports, all zero when it is no GUID; none when blkid
-// identifies no file system. Throws kErrorPartitionUuid when blkid could not run:
-// then nothing is known of the partition.
+// identifies no file system. Throws kErrorPartitionUuid when blkid failed otherwise
+// (not found, killed, out of resources): then nothing is known of the partition.
 std::optional<GUID> GetPartitionUUID(const String& name) {
   Stream stream(POpen("blkid -o export " + Detail::DevicePath(name), "rt"), PClose);
   try {
     return Detail::ReadPartitionUuid(stream.get(), name);
   } catch (const Common::Error& error) {
     if (error.GetCode() != kErrorPartitionUuid) throw;
+    // blkid: 2 nothing identified (or no such device), 8 more than one candidate.
     const int status = stream ? PClose(stream.release()) : -1;
-    if (status == -1 || status == 127) throw;
+    if (status != 0 && status != 2 && status != 8) throw;
     return std::nullopt;
   }
 }
