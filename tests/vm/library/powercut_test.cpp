@@ -1,0 +1,150 @@
+// Power cuts while a disk becomes a storage. The machine (../CMakeLists.txt, ../boots) boots
+// six times on the same two 12 GiB disk images, /bin/sh being dash; VM_BOOT says which boot
+// this is. The first disk is a storage throughout, mounted anew at each boot. Each boot but
+// the last ends in a power cut while the second disk is prepared, at the next point of the
+// table; the boot after finds what the cut left, brings the disk into use, wipes it.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "../../support/error_text.h"
+#include "core/common/unicode.h"
+#include "disk_view.h"
+#include "virtualization/common/storage/storage_config.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Common::FromUtf8, Common::ToUtf8, TestSupport::ChainCodes;
+using Device = std::shared_ptr<Virtualization::Appliance::BlockDevice>;
+const std::string kRoot = "/mnt/local_storages/", kBin = "/tmp/cut_bin";
+
+// The guest's cut: the marker first (the run share reaches the host at once), then a
+// reset without syncing anything, as a power loss.
+const std::string kCut = "echo \"$POINT\" > /run/vm/powercut; echo b > /proc/sysrq-trigger; exit 1\n";
+const std::string kReal = "PATH=${PATH#*:}\n";  // the real tools from here on
+
+const struct Point {
+  std::string name, tool, wrapper;  // a wrapper of `tool` put first in PATH; none: the program cuts
+  std::string found;                // what the next boot finds on the disk
+  size_t partitions;
+} kPoints[] = {
+    {"after zeroing", "gdisk", kCut, "", 0},
+    {"after partitioning", "mke2fs", kCut, "gpt", 1},
+    // mke2fs takes a fraction of a second: it is frozen once its inode tables are written,
+    // before the journal and the superblocks (its output is read line by line).
+    {"during formatting", "mke2fs",
+     kReal + "mkfifo /tmp/out || exit\nstdbuf -oL mke2fs \"$@\" > /tmp/out &\n"
+             "while read -r line; do case $line in 'Writing inode tables'*) kill -STOP $! && break; esac; done < /tmp/out\n"
+             "[ -n \"$line\" ] || { echo mke2fs went by >&2; exit 1; }\n" + kCut,
+     "gpt", 1},
+    {"after formatting", "mke2fs", kReal + "mke2fs \"$@\" || exit\n" + kCut, "gpt 1:ext4:ZLM", 1},
+    {"right after success", "", "", "gpt 1:ext4:ZLM", 1},
+};
+
+std::string Read(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+// Written so that a power cut keeps it.
+bool WriteDurably(const std::string& path, const std::string& text) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  const int dir = open(fs::path(path).parent_path().c_str(), O_RDONLY | O_DIRECTORY);
+  const bool ok = fd >= 0 && dir >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+                  fsync(fd) == 0 && fsync(dir) == 0;
+  close(fd), close(dir);
+  return ok;
+}
+std::vector<Device> List() try {
+  return Virtualization::Appliance::StoragesManager().GetBlockDevices(false);
+} catch (const Common::Error& e) {
+  ADD_FAILURE() << TestSupport::ChainText(e);
+  return {};
+}
+std::string Prepare(const Device& disk) try {
+  return ChainCodes(disk->CreateBackupPartition());
+} catch (const Common::Error& e) {
+  return ChainCodes(e);
+}
+std::string Mounted() {
+  std::vector<MigrationManagement::StorageConfig::Storage> list;
+  if (Common::Error e = MigrationManagement::StorageConfig::GetCurrentStorageConfig()->GetStoragesList(list))
+    return ChainCodes(e);
+  std::string names;
+  for (const auto& s : list) names += ToUtf8(s.MountPoint) + ",";
+  return names;
+}
+// Cuts the power, now or inside the preparation of `disk`.
+void CutAt(const Point& point, const Device& disk) {
+  ASSERT_FALSE(testing::Test::HasFailure()) << "no cut after a failure";
+  setenv("POINT", point.name.c_str(), 1);
+  if (!point.tool.empty()) {
+    fs::create_directories(kBin);
+    std::ofstream(kBin + "/" + point.tool) << "#!/bin/sh\n" << point.wrapper;
+    fs::permissions(kBin + "/" + point.tool, fs::perms::owner_all);
+    setenv("PATH", (kBin + ":" + std::getenv("PATH")).c_str(), 1);
+  }
+  std::fflush(nullptr);  // the cut loses what is not written out
+  const std::string codes = Prepare(disk);
+  if (point.tool.empty() && codes == "ok") {
+    std::ofstream("/run/vm/powercut") << point.name << "\n";
+    std::ofstream("/proc/sysrq-trigger") << "b" << std::flush;
+  }
+  FAIL() << "no power cut " << point.name << ": " << codes;
+}
+
+TEST(PowerCut, APreparationCutAtAnyPointLeavesADiskThatComesIntoUse) {
+  const char* boot_text = std::getenv("VM_BOOT");
+  if (!boot_text) GTEST_SKIP() << "VM_BOOT is not set: run by ../boots";
+  const size_t boot = std::strtoul(boot_text, nullptr, 10);
+  ASSERT_TRUE(boot >= 1 && boot <= std::size(kPoints) + 1) << boot_text;
+  const std::vector<Device> disks = List();
+  ASSERT_EQ(2u, disks.size());
+  const Device &a = disks[0], &b = disks[1];
+  const std::string name = ToUtf8(b->GetName());
+  if (boot == 1) {
+    ASSERT_EQ("ok", Prepare(a));
+    ASSERT_EQ("ok", ChainCodes(a->GetPartitions().at(0)->Mount(FromUtf8("a"))));
+    ASSERT_TRUE(WriteDurably(kRoot + "a/kept", "kept"));
+    return CutAt(kPoints[0], b);
+  }
+  const Point& cut = kPoints[boot - 2];
+  SCOPED_TRACE("cut " + cut.name);
+  ASSERT_EQ(1u, a->GetPartitions().size());
+  ASSERT_EQ("ok", ChainCodes(a->GetPartitions()[0]->Mount(FromUtf8("a"))));
+  EXPECT_EQ("kept", Read(kRoot + "a/kept"));
+  EXPECT_EQ("a,", Mounted());  // the half-prepared disk does not stop listings
+
+  EXPECT_EQ(cut.found, VmTest::Blkid(name));
+  EXPECT_EQ(cut.found, VmTest::Signatures(*b));
+  ASSERT_EQ(cut.partitions, b->GetPartitions().size());
+  const bool storage = cut.found.find("ZLM") != std::string::npos;
+  if (storage) {
+    const auto partition = b->GetPartitions()[0];
+    EXPECT_TRUE(partition->IsSupported());
+    EXPECT_EQ("ZLM", ToUtf8(partition->GetLabelImpl()));
+    EXPECT_EQ("0x720022@447>0x72004A@448", Prepare(b));  // it may hold data by now
+  } else {
+    for (const auto& p : b->GetPartitions()) EXPECT_FALSE(p->IsSupported());
+    ASSERT_EQ("ok", Prepare(b));
+    EXPECT_EQ("gpt 1:ext4:ZLM", VmTest::Blkid(name));
+  }
+  ASSERT_EQ(1u, b->GetPartitions().size());
+  const auto partition = b->GetPartitions()[0];
+  ASSERT_EQ("ok", ChainCodes(partition->Mount(FromUtf8("b"))));
+  std::ofstream(kRoot + "b/new") << "new";
+  EXPECT_EQ("new", Read(kRoot + "b/new"));
+  EXPECT_EQ("a,b,", Mounted());
+  ASSERT_EQ("ok", ChainCodes(partition->Unmount()));
+  EXPECT_EQ("ok", ChainCodes(b->WipeSignatures()));
+  EXPECT_EQ("", VmTest::Blkid(name));
+  if (boot <= std::size(kPoints)) CutAt(kPoints[boot - 1], b);
+}
+
+}  // namespace
