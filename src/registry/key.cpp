@@ -153,6 +153,10 @@ Common::Error Key::DeleteChild(const String& name) const {
   });
 }
 
+Common::Error Key::Inspect(const std::function<Common::Error(const KeyNode& key)>& use) const {
+  return Read([&](const KeyNode&, const KeyNode& node) { return use(node); });
+}
+
 Common::Error Key::QueryValue(const String& name, Value& value) const {
   return Read([&](const KeyNode&, const KeyNode& node) {
     auto found = node.values.find(name);

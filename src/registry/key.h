@@ -66,6 +66,10 @@ class Key {
   // Names of the values, in ascending order; the default value, if set, is "".
   [[nodiscard]] Common::Error EnumerateValues(std::vector<String>& names) const;
 
+  // Calls `use` with this key as the file holds it now, its values and child keys all:
+  // one read for a caller that looks at many keys. Returns what `use` returns.
+  [[nodiscard]] Common::Error Inspect(const std::function<Common::Error(const KeyNode& key)>& use) const;
+
   bool IsValid() const noexcept { return root_ != 0; }
   // "HKEY_LOCAL_MACHINE\Software\Zemlora"; empty for a handle to no key.
   String GetPath() const;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -43,9 +44,15 @@ void CreateDirectories(const std::string& path) {
   if (!FileSystem::Directory::Open(path)) throw error;
 }
 
-bool IsTemporary(const SCSI::Disk& disk) {
-  return SCSI::Detail::GetDiskAttributes(disk.id, kTemporaryAttribute).has_value();
-}
+// Read once per listing: a lookup per disk would read the whole registry each time.
+class TemporaryDisks {
+ public:
+  TemporaryDisks() : ids_(SCSI::Detail::DisksWithAttribute(kTemporaryAttribute)) {}
+  bool Has(const SCSI::Disk& disk) const { return ids_.count(disk.id.ToWideString()) != 0; }
+
+ private:
+  std::set<String> ids_;
+};
 
 // The disk left the kernel since it was enumerated.
 bool Gone(const SCSI::Disk& disk) {
@@ -56,8 +63,9 @@ bool Gone(const SCSI::Disk& disk) {
 // The devices of the listed disks but temporary and system disks, partitions loaded.
 std::vector<std::shared_ptr<BlockDevice>> MakeDevices(const std::vector<SCSI::Disk>& disks) {
   std::vector<std::shared_ptr<BlockDevice>> devices;
+  const TemporaryDisks temporary;
   for (const SCSI::Disk& disk : disks) {
-    if (IsTemporary(disk)) continue;
+    if (temporary.Has(disk)) continue;
     auto device = std::make_shared<BlockDevice>(BlockDevice::Private{}, disk);
     try {
       device->ReloadPartitions();
@@ -121,8 +129,9 @@ String StoragesManager::CleanupDiskSubsystem() {
   String names;
   std::vector<SCSI::Disk> disks;
   Check(SCSI::CreateDiskSubsystem()->Enumerate(disks));
+  const TemporaryDisks temporary;
   for (const SCSI::Disk& disk : disks)
-    if (IsTemporary(disk)) names += disk.name + String(1, u'\n');
+    if (temporary.Has(disk)) names += disk.name + String(1, u'\n');
   SCSI::Detail::SyncDisksAttributes(disks);
   return names;
 }

@@ -11,6 +11,7 @@
 #include "processor/format/format_message.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/attributes.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/errors.h"
+#include "registry/document.h"
 #include "registry/errors.h"
 #include "registry/roots.h"
 #include "resource_api.h"
@@ -27,6 +28,19 @@ const String& AttributesRootPath() {
     return Common::FromUtf8(registryBrandKey) + Common::Str(u"\\Quillenmark\\SCSIDevices");
   }();
   return path;
+}
+
+// A record's default value as (name, value) pairs; the first pair of a name counts.
+DiskAttributes PairsOf(const Registry::Value& value) {
+  DiskAttributes pairs;
+  if (const auto* strings = std::get_if<Registry::MultiString>(&value)) {
+    const Registry::MultiString& multistring = *strings;
+    AS_ASSERT_AT(multistring.size() % 2 == 0, AS_SOURCE_NAME, 119);
+    for (size_t i = 0; i + 1 < multistring.size(); i += 2) pairs.emplace(multistring[i], multistring[i + 1]);
+  } else {
+    AS_ASSERT_AT(!"Invalid registry key type", AS_SOURCE_NAME, 124);
+  }
+  return pairs;
 }
 
 }  // namespace
@@ -50,13 +64,7 @@ Common::Error LoadDiskAttributes(const GUID& id, DiskAttributes& attributes) {
     }
     Registry::Value value;
     if (Common::Error e = record.QueryValue(String(), value)) throw e;
-    if (const auto* strings = std::get_if<Registry::MultiString>(&value)) {
-      const Registry::MultiString& multistring = *strings;
-      AS_ASSERT_AT(multistring.size() % 2 == 0, AS_SOURCE_NAME, 119);
-      for (size_t i = 0; i + 1 < multistring.size(); i += 2) loaded.emplace(multistring[i], multistring[i + 1]);
-    } else {
-      AS_ASSERT_AT(!"Invalid registry key type", AS_SOURCE_NAME, 124);
-    }
+    loaded = PairsOf(value);
     attributes.swap(loaded);
     return Common::Error();
   } catch (const Common::Error& e) {
@@ -72,6 +80,23 @@ std::optional<String> GetDiskAttributes(const GUID& id, const String& name) {
   const auto found = attributes.find(name);
   if (found == attributes.end()) return std::nullopt;
   return found->second;
+}
+
+std::set<String> DisksWithAttribute(const String& name) {
+  std::set<String> disks;
+  Registry::Key machine, root;
+  if (Registry::Key::OpenPredefined(Registry::HKEY_LOCAL_MACHINE, machine) ||
+      machine.Open(AttributesRootPath(), root))
+    return disks;
+  const Common::Error unreadable = root.Inspect([&](const Registry::KeyNode& records) {
+    for (const auto& [id, record] : records.children) {
+      const auto value = record->values.find(String());
+      if (value != record->values.end() && PairsOf(value->second).count(name) != 0) disks.insert(id);
+    }
+    return Common::Error();
+  });
+  if (unreadable) disks.clear();
+  return disks;
 }
 
 void SyncDisksAttributes(const std::vector<Disk>& disks) {

@@ -6,6 +6,7 @@
 // hides a disk) and drops the records of disks that are gone.
 #include <map>
 #include <optional>
+#include <set>
 #include <vector>
 
 #include "core/common/error.h"
@@ -28,6 +29,11 @@ Common::Error LoadDiskAttributes(const GUID& id, DiskAttributes& attributes);
 // The attribute's value, absent when the disk has no such attribute or its record
 // cannot be read: an unreadable record hides nothing.
 std::optional<String> GetDiskAttributes(const GUID& id, const String& name);
+
+// The disks (their identifiers' text form) whose record holds the attribute `name`,
+// from one read of the registry; none when the records cannot be read, since an
+// unreadable registry hides nothing.
+std::set<String> DisksWithAttribute(const String& name);
 
 // Deletes the record of every disk not in `disks`. Throws kErrorDisk with the cause.
 void SyncDisksAttributes(const std::vector<Disk>& disks);
