@@ -141,10 +141,11 @@ std::vector<std::string> CoverTrees() {
 }  // namespace
 
 DiskSpec& DiskSpec::Serial(const std::string& serial) {
-  return ScsiIdOutput(
+  ScsiIdOutput(
       "ID_SCSI=1\nID_VENDOR=QEMU\nID_VENDOR_ENC=QEMU\\x20\\x20\\x20\\x20\nID_MODEL=QEMU_HARDDISK\n"
       "ID_MODEL_ENC=QEMU\\x20HARDDISK\\x20\\x20\\x20\nID_REVISION=2.5+\nID_TYPE=disk\n"
       "ID_SERIAL=0QEMU_QEMU_HARDDISK_" + serial + "\nID_SERIAL_SHORT=" + serial + "\nID_SCSI_SERIAL=" + serial + "\n");
+  return Set(unitSerial_, std::string{'\0', '\x80', '\0', static_cast<char>(serial.size())} + serial);
 }
 
 FakeMachine::FakeMachine() {
@@ -184,6 +185,7 @@ void FakeMachine::BuildDisk(const DiskSpec& disk) {
     const std::string device = HostDir(a[0]) + "/target" + target + "/" + address;
     WriteText(device + "/state", disk.state_);
     for (const char* file : {"rescan", "delete"}) WriteText(device + "/" + file, "");
+    if (disk.unitSerial_) WriteText(device + "/vpd_pg80", *disk.unitSerial_);
     for (const std::string& entry : disk.scsiDisk_.value_or(std::vector<std::string>{address}))
       fs::create_directories(device + "/scsi_disk/" + entry);
     blockDir = device + "/block/" + name;

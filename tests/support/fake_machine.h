@@ -25,8 +25,12 @@ class DiskSpec {
   }
   DiskSpec& Size(uint64_t bytes) { return Set(bytes_, bytes); }
   DiskSpec& State(std::string text) { return Set(state_, std::move(text)); }  // verbatim
-  DiskSpec& Serial(const std::string& serial);  // the ID_SCSI_SERIAL that scsi_id prints
-  DiskSpec& ScsiIdOutput(std::string output) { return Set(scsiId_, std::move(output)); }
+  // The ID_SCSI_SERIAL that scsi_id prints, and the kernel's copy of the page it comes from.
+  DiskSpec& Serial(const std::string& serial);
+  DiskSpec& ScsiIdOutput(std::string output) {  // verbatim, and no page: only scsi_id knows
+    unitSerial_.reset();
+    return Set(scsiId_, std::move(output));
+  }
   // Entries of device/scsi_disk instead of the disk's own address; none: no directory.
   DiskSpec& ScsiDiskEntries(std::vector<std::string> entries) { return Set(scsiDisk_, std::move(entries)); }
   DiskSpec& NoScsiDisk() { return Set(scsiDisk_, std::vector<std::string>{}); }
@@ -46,6 +50,7 @@ class DiskSpec {
   uint64_t bytes_ = 1_GiB;
   std::string state_ = "running\n";
   std::optional<std::string> scsiId_;
+  std::optional<std::string> unitSerial_;  // device/vpd_pg80
   std::optional<std::vector<std::string>> scsiDisk_;  // unset: the disk's own address
   bool image_ = true;
   std::optional<uint64_t> imageBytes_;  // unset: the disk's size

@@ -65,7 +65,6 @@ TEST_F(MessageFiles, ASwitchChangesTheTextOfTheNextErrorOnly) {
   const void* russianTable = TextsFromMessageFileBase;
   EXPECT_TRUE(russianTable != DefaultTextsBase && EveryTextInTable());
   const String russian = Text(Messages::InternalError);
-  EXPECT_NE(builtIn_, russian);
   const Common::Error before(0x530040, GetTextFromMessageFile(Messages::InternalError), AS_HERE);
   ResourceApi::SetLanguage("C");
   EXPECT_EQ(builtIn_, Text(Messages::InternalError));

@@ -18,9 +18,10 @@ constexpr int32_t kTraceCode = 83;
 constexpr uint32_t kErrorDisk = 0x530040;
 // A scan, rescan or delete command could not be written to its sysfs file.
 constexpr uint32_t kErrorSysfsWrite = 0x5300C6;
-// The identifier tool (scsi_id) could not be started.
+// The identifier tool (scsi_id), asked only where neither the kernel's copy of the unit
+// serial number page nor an INQUIRY gives the page, could not be started.
 constexpr uint32_t kErrorScsiIdFailed = 0x530113;
-// The identifier tool gave no usable identifier; traced, the disk is still listed.
+// The page (or scsi_id) gave no usable identifier; traced, the disk is still listed.
 constexpr uint32_t kErrorScsiIdEmpty = 0x530114;
 // A sysfs file or device node could not be opened, or read.
 constexpr uint32_t kErrorSysfsOpen = 0x530123;

@@ -1,3 +1,8 @@
+#include <fcntl.h>
+#include <scsi/sg.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -23,6 +28,7 @@
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/disk_text.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/host.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/notification.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/impl/unit_serial.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/utils.h"
 
 namespace SCSI {
@@ -40,6 +46,7 @@ namespace {
 constexpr uint32_t kChangeTimeoutMs = 600000;  // ten minutes
 constexpr char kSerialCommand[] = "scsi_id --page=0x83 --export --whitelisted --device=";
 constexpr char kSerialKey[] = "ID_SCSI_SERIAL=";
+constexpr size_t kInquiryBytes = 254;  // scsi_id's buffer: what it sees of a page
 
 // Built once, at load.
 const std::string kRunning = "running";
@@ -84,6 +91,59 @@ std::unique_ptr<FileSystem::Directory> OpenIfPresent(const FileSystem::Directory
   auto dir = parent ? parent->OpenChild(path, &error) : FileSystem::Directory::Open(path, &error);
   if (!dir && FileSystem::ErrnoOf(error) != ENOENT) throw error;
   return dir;
+}
+
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) : fd_(fd) {}
+  ~Descriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+// The unit serial number page of the disk at `device`: the kernel's copy, else the answer
+// to an INQUIRY as scsi_id makes it. False when neither comes (no SCSI device behind the
+// path, an image file, a failed command): only scsi_id is left to ask.
+bool ReadUnitSerialPage(const std::string& device, std::vector<uint8_t>& page) {
+  page.assign(kInquiryBytes, 0);
+  // Where the kernel keeps no page, newer kernels have no file, older ones fail the read.
+  const Descriptor copy(::open(("/sys/block/" + device.substr(device.rfind('/') + 1) + "/device/vpd_pg80").c_str(),
+                               O_RDONLY | O_CLOEXEC));
+  const ssize_t count = copy.get() < 0 ? -1 : ::read(copy.get(), page.data(), page.size());
+  if (count > 0) {
+    page.resize(static_cast<size_t>(count));
+    return true;
+  }
+
+  const Descriptor disk(::open(device.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  uint8_t command[6] = {0x12, 1, 0x80, 0, kInquiryBytes, 0};  // INQUIRY, EVPD, page 0x80
+  uint8_t sense[32] = {};
+  sg_io_hdr_t io{};
+  io.interface_id = 'S';
+  io.dxfer_direction = SG_DXFER_FROM_DEV;
+  io.cmd_len = sizeof command;
+  io.mx_sb_len = sizeof sense;
+  io.dxfer_len = kInquiryBytes;
+  io.dxferp = page.data();
+  io.cmdp = command;
+  io.sbp = sense;
+  io.timeout = 5000;
+  if (disk.get() < 0 || ::ioctl(disk.get(), SG_IO, &io) != 0) return false;
+  const unsigned status = io.status & 0x7e;
+  if (status == 0 && io.host_status == 0 && io.driver_status == 0) return true;
+  // As scsi_id reads the sense (CHECK CONDITION, COMMAND TERMINATED, DRIVER_SENSE): a
+  // recovered error (key 1) keeps the data; an illegal request (key 5) means the disk has
+  // no such page, so no serial.
+  const bool sensed = status == 0x02 || status == 0x22 || (io.driver_status & 0xf) == 0x08;
+  const int key = sensed && io.sb_len_wr > 2 ? ((sense[0] & 2) ? sense[1] : sense[2]) & 0xf : 0;
+  if (key == 5) page[1] = 0;
+  return key == 1 || key == 5;
 }
 
 // Starts a change and waits for the kernel to report it, with the handler attached
@@ -214,12 +274,19 @@ bool DiskSubsystemImpl::IsDiskOffline(const std::string& name) {
 }
 
 Common::Error DiskSubsystemImpl::GetScsiSerialID(const String& devicePath, GUID& id) {
-  FILE* stream = POpen(kSerialCommand + Shell::Word(Common::ToUtf8(devicePath)), "rt");
-  if (stream == nullptr)
-    return Common::Error(kErrorScsiIdFailed, Core::FormatMessage(Messages::FailedToGetScsiId, devicePath),
-                         AS_LOCATION("GetScsiSerialID", 499));
-  const Common::Error empty = Detail::ReadScsiSerial(stream, devicePath, id);
-  PClose(stream);
+  const std::string device = Common::ToUtf8(devicePath);
+  std::vector<uint8_t> page;
+  Common::Error empty;
+  if (ReadUnitSerialPage(device, page)) {
+    empty = Detail::ParseScsiSerial(Detail::UnitSerialText(page.data(), page.size()) + "\n", devicePath, id);
+  } else {
+    FILE* stream = POpen(kSerialCommand + Shell::Word(device), "rt");
+    if (stream == nullptr)
+      return Common::Error(kErrorScsiIdFailed, Core::FormatMessage(Messages::FailedToGetScsiId, devicePath),
+                           AS_LOCATION("GetScsiSerialID", 499));
+    empty = Detail::ReadScsiSerial(stream, devicePath, id);
+    PClose(stream);
+  }
   if (empty) TraceErrorObject(Common::EventLevelNotice, empty);
   return Common::Error();
 }
@@ -286,13 +353,19 @@ Common::Error ReadScsiSerial(FILE* scsiId, const String& devicePath, GUID& id) {
       seen = true;
     }
   }
+  return ParseScsiSerial(value, devicePath, id);
+}
+
+Common::Error ParseScsiSerial(const std::string& value, const String& devicePath, GUID& id) {
+  const size_t feed = value.find('\n');
+  const std::string line = feed == std::string::npos ? value : value.substr(0, feed + 1);
   // Both thresholds count the trailing line feed.
   std::string text;
-  if (value.find('-') != std::string::npos) {
-    if (value.size() >= 36) text = value.substr(0, 36);
-  } else if (value.size() >= 32) {
-    text = value.substr(0, 8) + "-" + value.substr(8, 4) + "-" + value.substr(12, 4) + "-" + value.substr(16, 4) + "-" +
-           value.substr(20, 12);
+  if (line.find('-') != std::string::npos) {
+    if (line.size() >= 36) text = line.substr(0, 36);
+  } else if (line.size() >= 32) {
+    text = line.substr(0, 8) + "-" + line.substr(8, 4) + "-" + line.substr(12, 4) + "-" + line.substr(16, 4) + "-" +
+           line.substr(20, 12);
   }
   GUID parsed;
   if (!text.empty() && GUID::Parse(text, parsed)) {

@@ -18,6 +18,10 @@ namespace Detail {
 // returned kErrorScsiIdEmpty names `devicePath`; the caller only traces it.
 Common::Error ReadScsiSerial(FILE* scsiId, const String& devicePath, GUID& id);
 
+// The same for a value that follows "ID_SCSI_SERIAL=", read as far as its first line feed
+// (kept), as a line reader does; "" stands for no such line.
+Common::Error ParseScsiSerial(const std::string& value, const String& devicePath, GUID& id);
+
 // A device/scsi_disk entry "H:C:T:L": H and T; false unless there are four parts and
 // those two are decimal.
 bool SplitAddress(std::string_view entry, uint32_t& host, uint32_t& target);
