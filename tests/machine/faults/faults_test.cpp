@@ -59,9 +59,6 @@ TEST(Faults, ToolsMissingRegistryOrLockDirectoryUnusable) {
   const std::pair<std::string, std::string> cases[] = {
       {"", "sdb; ok[] ok ok ok ok[st=new;] ok ok 0"},
       {"lsblk", "sdb; ok[] 0x720022@452>0x720004(127)@453 ok ok ok[] ok ok 0"},
-      {"blkid", "0x72001F@577>0x720048@180 0x72001F@577>0x720048@180 0x720048@180 "
-                 "0x720023@370>0x720004(32)@371 ok 0x72001F@577>0x720048@180 - ok 1"},
-      {"e2label", "sdb; ok[] ok ok ok ok[st=;] ok ok 0"},
       {"tune2fs", "sdb; ok[] 0x720026@322>0x720004(127)@323 ok 0x720026@322>0x720004(127)@323 "
                    "ok[st=old;] ok ok 0"},
       {"mke2fs", "sdb; ok[] 0x720022@488>0x720004(127)@488 ok ok ok[st=new;] ok ok 0"},

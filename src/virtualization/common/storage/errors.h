@@ -20,9 +20,9 @@ constexpr uint32_t kErrorInitializeStorage = 0x720022;
 constexpr uint32_t kErrorMount = 0x720023;
 constexpr uint32_t kErrorUnmount = 0x720024;
 constexpr uint32_t kErrorSetLabel = 0x720026;
-// The label tool could not be started; traced only.
+// The label could not be read; traced only.
 constexpr uint32_t kErrorGetLabel = 0x720034;
-// blkid gave no file-system UUID for a partition.
+// A partition's file system could not be read (descriptors, memory, rights).
 constexpr uint32_t kErrorPartitionUuid = 0x720048;
 // Causes of refusals: a mount name that is not one path component, and a disk
 // that may hold data (a signature, or more partitions than a storage has).

@@ -13,7 +13,8 @@
 #include "processor/format/format_message.h"
 #include "virtualization/common/storage/errors.h"
 #include "virtualization/common/storage/impl/storage_internal.h"
-#include "virtualization/common/storage/impl/tool_output.h"
+#include "virtualization/common/storage/impl/blkid_probe.h"
+#include "virtualization/common/storage/impl/file_system_probe.h"
 #include "virtualization/common/storage/storage_manager.h"
 
 namespace Virtualization {
@@ -21,22 +22,19 @@ namespace Appliance {
 
 namespace {
 
-using Stream = std::unique_ptr<FILE, int (*)(FILE*)>;
 constexpr uint64_t kMinimumPartitionSize = 0x140000000;  // 5 GiB
 
-// The file-system UUID that blkid reports, all zero when it is no GUID; none when blkid
-// identifies no file system. Throws kErrorPartitionUuid when blkid failed otherwise
-// (not found, killed, out of resources): then nothing is known of the partition.
-std::optional<GUID> GetPartitionUUID(const String& name) {
-  Stream stream(POpen("blkid -o export " + Detail::DevicePath(name), "rt"), PClose);
+// What the partition's own node holds. Throws kErrorPartitionUuid when that cannot be
+// known (out of descriptors or memory, no rights): a guess could hide a storage.
+Detail::FileSystemFacts Probe(const String& name) {
+  const std::string path = "/dev/" + Common::ToUtf8(name);
   try {
-    return Detail::ReadPartitionUuid(stream.get(), name);
-  } catch (const Common::Error& error) {
-    if (error.GetCode() != kErrorPartitionUuid) throw;
-    // blkid: 2 nothing identified (or no such device), 8 more than one candidate.
-    const int status = stream ? PClose(stream.release()) : -1;
-    if (status != 0 && status != 2 && status != 8) throw;
-    return std::nullopt;
+    return Detail::ProbeFileSystem(path);
+  } catch (const Detail::ProbeFailure& failure) {
+    throw Common::Error(kErrorPartitionUuid, Core::FormatMessage(Messages::FailedToGetPartitionUuid, name),
+                        AS_STORAGE_AT("GetPartitionUUID", 180))
+        .WithCause(FileSystem::MakeError(FileSystem::kErrorRead, failure.path, failure.err,
+                                         AS_STORAGE_AT("GetPartitionUUID", 181)));
   }
 }
 
@@ -49,13 +47,13 @@ uint64_t ReadPartitionNumber(const String& device, const String& partition, cons
 
 Partition::Partition(const std::shared_ptr<BlockDevice>& device, const String& name)
     : Device(device), DeviceName(device->GetName()), Host(device->GetHost()), Target(device->GetTarget()), Name(name) {
-  if (const std::optional<GUID> uuid = GetPartitionUUID(name)) {
-    Uuid = *uuid;
-  } else {
+  const Detail::FileSystemFacts facts = Probe(name);
+  Uuid = facts.uuid;
+  if (facts.type.empty()) {
     // Blank, foreign or gone: listed, never a storage, and no reason to hide the others.
     Identified = false;
     TraceTools::Trace(Common::EventLevelWarning, Detail::kTraceStorage,
-                      u"Partition '{0}' holds no file system that blkid identifies: listed as unsupported.", name);
+                      u"Partition '{0}' holds no file system that can be identified: listed as unsupported.", name);
   }
   try {
     Size = ReadPartitionNumber(DeviceName, Name, "size") << 9;
@@ -68,16 +66,17 @@ Partition::Partition(const std::shared_ptr<BlockDevice>& device, const String& n
 }
 
 String Partition::GetLabelImpl() const {
-  std::string narrow;
-  for (const unsigned short unit : Name) narrow += static_cast<char>(unit & 0xFF);
-  Stream stream(POpen("e2label " + Shell::Word("/dev/" + narrow), "rt"), PClose);
-  if (!stream) {
-    const Common::Error error(kErrorGetLabel, Core::FormatMessage(Messages::FailedToGetLabel, narrow),
+  try {
+    return Common::FromUtf8(Detail::ProbeFileSystem("/dev/" + Common::ToUtf8(Name)).label);
+  } catch (const Detail::ProbeFailure& failure) {
+    const Common::Error error(kErrorGetLabel, Core::FormatMessage(Messages::FailedToGetLabel, Name),
                               AS_STORAGE_AT("GetLabelImpl", 341));
-    TraceTools::TraceError(Detail::kTraceLabels, error, Common::Str(u"GetLabelImpl"));
+    TraceTools::TraceError(Detail::kTraceLabels,
+                           error.WithCause(FileSystem::MakeError(FileSystem::kErrorRead, failure.path, failure.err,
+                                                                 AS_STORAGE_AT("GetLabelImpl", 342))),
+                           Common::Str(u"GetLabelImpl"));
     return {};
   }
-  return Detail::ReadLabel(stream.get());
 }
 
 String Partition::GetLabel() const {

@@ -144,25 +144,27 @@ class AS_EXPORT Partition {
   // all). SetLabel leaves longer labels to tune2fs, which cuts them.
   static constexpr size_t kMaxLabelLength = 13;
 
-  // Reads the file-system UUID (blkid), size and number (sysfs) and where the
-  // partition is mounted. A partition without a file system that blkid identifies
-  // (blank, foreign, or gone meanwhile) gets a zero UUID, is never supported, and is
-  // traced as a warning. Throws the file layer's error when sysfs cannot be read.
+  // Reads the file-system UUID from the partition itself (libblkid, the value
+  // `blkid -p` prints), size and number (sysfs) and where the partition is mounted.
+  // A partition without exactly one identifiable file system (blank, foreign, or gone
+  // meanwhile) gets a zero UUID, is never supported, and is traced as a warning.
+  // Throws 0x720048 when the partition cannot be read for want of descriptors, memory
+  // or rights, and the file layer's error when sysfs cannot be read.
   Partition(const std::shared_ptr<BlockDevice>& device, const String& name);
   Partition(const Partition&) = delete;
   Partition& operator=(const Partition&) = delete;
 
   // The label without its "ZLM" prefix (the whole label when it lacks the prefix).
   String GetLabel() const;
-  // The label as e2label prints it, up to the first byte that is not printable
-  // ASCII; empty when there is none.
+  // The label of an ext2/3/4 file system as e2label prints it, up to the first byte
+  // that is not printable ASCII; empty when there is none. Read from the device.
   String GetLabelImpl() const;
   // Writes "ZLM" + label with tune2fs. Returns 0x720026 with the tool's status.
   Common::Error SetLabel(const String& label);
   // "<host>_<target>_<number>", the identifier that earlier versions stored.
   std::string GetDeprecatedVolumeId() const;
   // Mounted (or mountable) below the standard root, labelled "ZLM...", at least 5 GiB,
-  // with a file system that blkid identifies.
+  // with an identified file system.
   bool IsSupported() const;
 
   // Finds out whether and where the partition is mounted, relative to `root`.
@@ -193,7 +195,7 @@ class AS_EXPORT Partition {
   std::weak_ptr<BlockDevice> Device;  // a strong one would keep both forever
   String DeviceName;
   uint32_t Host = 0, Target = 0;
-  bool Identified = true;  // blkid found a file system with a UUID line
+  bool Identified = true;  // exactly one file system found
   GUID Uuid;
   String Name;
   String MountRoot;

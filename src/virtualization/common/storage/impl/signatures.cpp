@@ -1,6 +1,5 @@
 #include "virtualization/common/storage/impl/signatures.h"
 
-#include <blkid/blkid.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -9,13 +8,13 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <new>
 
 #include "core/common/message_ids.h"
 #include "core/common/unicode.h"
 #include "core/include/file/file.h"
 #include "processor/format/format_message.h"
 #include "virtualization/common/storage/errors.h"
+#include "virtualization/common/storage/impl/blkid_probe.h"
 #include "virtualization/common/storage/impl/storage_internal.h"
 
 namespace Virtualization {
@@ -26,58 +25,6 @@ namespace {
 
 // A device's signatures are few; more means a wipe that does not stick.
 constexpr int kMaxSignatures = 64;
-
-// A failure of the probe on `path`, with the errno that libblkid or the system left.
-struct ProbeFailure {
-  std::string path;
-  int err;
-};
-
-[[noreturn]] void FailOn(const std::string& path) { throw ProbeFailure{path, errno != 0 ? errno : EIO}; }
-
-class Descriptor {
- public:
-  // -1 with errno ENOENT when `path` does not exist and `optional`.
-  Descriptor(const std::string& path, int flags, bool optional = false)
-      : fd_(::open(path.c_str(), flags | O_CLOEXEC)) {
-    if (fd_ < 0 && !(optional && errno == ENOENT)) FailOn(path);
-  }
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-class Probe {
- public:
-  Probe(const std::string& path, int fd, uint64_t offset, uint64_t size) : path_(path), probe_(blkid_new_probe()) {
-    if (!probe_) throw std::bad_alloc();
-    errno = 0;
-    if (blkid_probe_set_device(probe_, fd, static_cast<blkid_loff_t>(offset), static_cast<blkid_loff_t>(size)) != 0)
-      FailOn(path);
-  }
-  ~Probe() { blkid_free_probe(probe_); }
-  Probe(const Probe&) = delete;
-  Probe& operator=(const Probe&) = delete;
-  operator blkid_probe() const { return probe_; }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-  blkid_probe probe_;
-};
-
-std::string Value(blkid_probe probe, const char* name) {
-  const char* value = nullptr;
-  size_t length = 0;
-  if (blkid_probe_lookup_value(probe, name, &value, &length) != 0 || !value) return {};
-  return std::string(value, strnlen(value, length));
-}
 
 void Add(std::vector<BlockDevice::Signature>& list, BlockDevice::Signature s) {
   const auto same = [&](const BlockDevice::Signature& o) { return o.partition == s.partition && o.type == s.type; };
@@ -98,11 +45,11 @@ void Scan(const Probe& probe, const String& where, bool tables, bool wipe, DiskC
     const int rc = blkid_do_probe(probe);
     if (rc == 1) return;
     if (rc != 0) FailOn(probe.path());
-    std::string type = Value(probe, "TYPE");
+    std::string type = probe.Value("TYPE");
     if (!type.empty()) {
-      Add(out.data, {where, type, Value(probe, "LABEL")});
+      Add(out.data, {where, type, probe.Value("LABEL")});
     } else {
-      type = Value(probe, "PTTYPE");
+      type = probe.Value("PTTYPE");
       Add(out.tables, {where, type.empty() ? "unknown" : type, {}});
     }
     errno = 0;
@@ -134,18 +81,18 @@ std::vector<std::string> KernelPartitions(const std::string& disk) {
 DiskContents Walk(const String& name, bool wipe) {
   const std::string disk = Common::ToUtf8(name), path = "/dev/" + disk;
   // Exclusive: the kernel refuses while a partition is mounted or otherwise held.
-  const Descriptor device(path, wipe ? O_RDWR | O_EXCL : O_RDONLY);
+  const FileSystem::Descriptor device = OpenDevice(path, wipe ? O_RDWR | O_EXCL : O_RDONLY);
   DiskContents out;
   const std::vector<std::string> kernel = KernelPartitions(disk);
   for (const std::string& part : kernel) {
-    const Descriptor node("/dev/" + part, wipe ? O_RDWR : O_RDONLY, true);
+    const FileSystem::Descriptor node = OpenDevice("/dev/" + part, wipe ? O_RDWR : O_RDONLY, true);
     if (node.get() < 0) continue;  // no node: nothing to read, and the table's view covers it
-    Scan(Probe("/dev/" + part, node.get(), 0, 0), Common::FromUtf8(part), false, wipe, out);
+    Scan(Probe("/dev/" + part, node.get()), Common::FromUtf8(part), false, wipe, out);
     if (wipe && ::fsync(node.get()) != 0) FailOn("/dev/" + part);
   }
   size_t inTable = 0;
   {
-    const Probe table(path, device.get(), 0, 0);
+    const Probe table(path, device.get());
     errno = 0;
     if (blkid_partlist list = blkid_probe_get_partitions(table)) {
       inTable = static_cast<size_t>(std::max(0, blkid_partlist_numof_partitions(list)));
@@ -159,7 +106,7 @@ DiskContents Walk(const String& name, bool wipe) {
       }
     }
   }
-  Scan(Probe(path, device.get(), 0, 0), name, true, wipe, out);
+  Scan(Probe(path, device.get()), name, true, wipe, out);
   out.partitions = std::max(inTable, kernel.size());
   if (wipe) {
     if (::fsync(device.get()) != 0) FailOn(path);
@@ -204,12 +151,9 @@ std::string Describe(const DiskContents& contents) {
 }
 
 Common::Error FlushDevice(const std::string& path) {
-  Common::Error error;
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0 || ::fsync(fd) != 0)
-    error = FileSystem::MakeError(FileSystem::kErrorWrite, path, errno, AS_STORAGE_AT("CreateBackupPartition", 499));
-  if (fd >= 0) ::close(fd);
-  return error;
+  const FileSystem::Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (fd.get() >= 0 && ::fsync(fd.get()) == 0) return {};
+  return FileSystem::MakeError(FileSystem::kErrorWrite, path, errno, AS_STORAGE_AT("CreateBackupPartition", 499));
 }
 
 }  // namespace Detail

@@ -17,6 +17,7 @@
 #include "core/common/message_ids.h"
 #include "core/common/shared_mutex.h"
 #include "core/common/unicode.h"
+#include "core/include/file/descriptor.h"
 #include "core/include/file/file.h"
 #include "core/linex/linux_misc.h"
 #include "core/linex/shell_quote_internal.h"
@@ -93,27 +94,13 @@ std::unique_ptr<FileSystem::Directory> OpenIfPresent(const FileSystem::Directory
   return dir;
 }
 
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 // The unit serial number page of the disk at `device`: the kernel's copy, else the answer
 // to an INQUIRY as scsi_id makes it. False when neither comes (no SCSI device behind the
 // path, an image file, a failed command): only scsi_id is left to ask.
 bool ReadUnitSerialPage(const std::string& device, std::vector<uint8_t>& page) {
   page.assign(kInquiryBytes, 0);
   // Where the kernel keeps no page, newer kernels have no file, older ones fail the read.
-  const Descriptor copy(::open(("/sys/block/" + device.substr(device.rfind('/') + 1) + "/device/vpd_pg80").c_str(),
+  const FileSystem::Descriptor copy(::open(("/sys/block/" + device.substr(device.rfind('/') + 1) + "/device/vpd_pg80").c_str(),
                                O_RDONLY | O_CLOEXEC));
   const ssize_t count = copy.get() < 0 ? -1 : ::read(copy.get(), page.data(), page.size());
   if (count > 0) {
@@ -121,7 +108,7 @@ bool ReadUnitSerialPage(const std::string& device, std::vector<uint8_t>& page) {
     return true;
   }
 
-  const Descriptor disk(::open(device.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  const FileSystem::Descriptor disk(::open(device.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   uint8_t command[6] = {0x12, 1, 0x80, 0, kInquiryBytes, 0};  // INQUIRY, EVPD, page 0x80
   uint8_t sense[32] = {};
   sg_io_hdr_t io{};
