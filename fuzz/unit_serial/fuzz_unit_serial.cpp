@@ -1,6 +1,7 @@
 // The bytes as a unit serial number page (the kernel's copy in sysfs, or an INQUIRY's
 // answer): the text is what scsi_id prints of them as ID_SCSI_SERIAL, and the identifier
-// the one that the library took from that output of scsi_id.
+// the one that the library took from that output of scsi_id; then the bytes as scsi_id's
+// output itself.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -9,6 +10,7 @@
 
 #include "core/common/error.h"
 #include "core/common/unicode.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/errors.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/disk_text.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/unit_serial.h"
 #include "../fuzz_setup.h"
@@ -35,6 +37,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::fclose(stream);
   const bool fromPage = !SCSI::Detail::ParseScsiSerial(text + "\n", device, read);
   if (fromOutput != fromPage || printed != read || (!fromPage && !read.IsNull())) __builtin_trap();
+
+  // The same bytes as scsi_id's whole output, the last resort: only its serial line counts.
+  std::string raw(reinterpret_cast<const char*>(data), size);
+  stream = raw.empty() ? std::fopen("/dev/null", "r") : fmemopen(&raw[0], raw.size(), "r");
+  if (stream == nullptr) __builtin_trap();
+  GUID id;
+  id.Data1 = 0xDEADBEEF;
+  const Common::Error empty = SCSI::Detail::ReadScsiSerial(stream, device, id);
+  std::fclose(stream);
+  if (empty ? empty.GetCode() != SCSI::kErrorScsiIdEmpty || !id.IsNull()
+            : raw.find("ID_SCSI_SERIAL=") == std::string::npos)
+    __builtin_trap();
   return 0;
 }
 

@@ -12,17 +12,16 @@
 namespace Storagectl {
 namespace {
 
-// The tools the library runs, with where to get them.
+// The tools the library runs to change disks, with where to get them; it reads disks
+// without any.
 const char* const kTools[][2] = {
-    {"lsblk", "install util-linux"},
-    {"blkid", "install util-linux"},
-    {"e2label", "install e2fsprogs"},
     {"tune2fs", "install e2fsprogs"},
     {"mke2fs", "install e2fsprogs"},
     {"gdisk", "install gdisk"},
     {"dd", "install coreutils"},
     {"mount", "install mount"},
     {"umount", "install mount"},
+    // Only for a disk whose kernel keeps no serial page and that answers no INQUIRY.
     {"scsi_id",
      "install udev; it lives in /lib/udev, which is rarely in PATH: add it, or link scsi_id into /usr/local/sbin"},
 };
