@@ -33,38 +33,47 @@ Error MutexError(uint32_t code, TextFromMessageFile id, const std::string& name,
   return error;
 }
 
+std::string LockPath(const std::string& token) { return std::string(kLockDir) + "/.SharedMutex_" + token; }
+
 class SharedMutexImpl final : public SharedMutex {
  public:
   SharedMutexImpl(int fd, std::string name) : fd_(fd), name_(std::move(name)) {}
 
   ~SharedMutexImpl() override {
     AS_ASSERT(RecursionCount == 0 || !"Shared mutex locked in destructor");
-    close(fd_);
+    if (fd_ >= 0) close(fd_);
   }
 
   void Lock() override {
     mutex_.Lock();  // held until the matching Unlock
     if (++RecursionCount > 1) return;
+    if (fd_ < 0) fd_ = open(LockPath(name_).c_str(), O_RDWR | O_CLOEXEC);
     if (TEMP_FAILURE_RETRY(flock(fd_, LOCK_EX)) != 0) {
       const int err = errno;
-      AS_ASSERT(!"flock error");
+      --RecursionCount;
+      mutex_.Unlock();  // a failed Lock holds nothing
       throw MutexError(kLockFailed, Messages::FailedToLockSharedMutex, name_, err, AS_LOCATION("Ctrl", __LINE__));
     }
   }
 
+  // Leaves nothing held even when flock fails: the file is then closed, which drops
+  // the lock in the kernel, and opened again by the next Lock; the failure is thrown.
   void Unlock() override {
     AS_ASSERT(RecursionCount || !"Already unlocked");
     if (RecursionCount == 0) return;
+    int err = 0;
     if (--RecursionCount == 0 && TEMP_FAILURE_RETRY(flock(fd_, LOCK_UN)) != 0) {
-      const int err = errno;
-      AS_ASSERT(!"flock error");
-      throw MutexError(kLockFailed, Messages::FailedToLockSharedMutex, name_, err, AS_LOCATION("Ctrl", __LINE__));
+      err = errno;
+      close(fd_);
+      fd_ = -1;
     }
     mutex_.Unlock();
+    if (err != 0)
+      throw MutexError(kLockFailed, Messages::FailedToLockSharedMutex, name_, err, AS_LOCATION("Ctrl", __LINE__));
   }
 
  private:
-  const int fd_;
+  int fd_;
   const std::string name_;
   uint64_t RecursionCount = 0;
   RecursiveMutex mutex_;
@@ -88,7 +97,7 @@ std::unique_ptr<SharedMutex> SharedMutex::Create(const char* name) {
   const int tempFd = mkostemp(temporary, O_CLOEXEC);
   if (tempFd == -1) throw fail(errno, AS_LOCATION("Create", __LINE__));
   fchmod(tempFd, 0600);
-  const std::string path = std::string(kLockDir) + "/.SharedMutex_" + token;
+  const std::string path = LockPath(token);
   const int linked = link(temporary, path.c_str());
   const int linkErr = errno;
   close(tempFd);

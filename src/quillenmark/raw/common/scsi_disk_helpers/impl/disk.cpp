@@ -172,7 +172,14 @@ std::shared_ptr<Common::SharedMutex> DiskSubsystemImpl::Lock() {
   mutex_->Lock();
   // The holder keeps the subsystem, and so the mutex, alive until it unlocks.
   std::shared_ptr<DiskSubsystemImpl> self = shared_from_this();
-  return std::shared_ptr<Common::SharedMutex>(mutex_.get(), [self](Common::SharedMutex* m) { m->Unlock(); });
+  // A throw from a deleter would end the process; Unlock leaves nothing held anyway.
+  return std::shared_ptr<Common::SharedMutex>(mutex_.get(), [self](Common::SharedMutex* m) {
+    try {
+      m->Unlock();
+    } catch (const Common::Error& error) {
+      TraceErrorObject(Common::EventLevelError, error);
+    }
+  });
 }
 
 Common::Error DiskSubsystemImpl::Refresh() {
