@@ -136,7 +136,7 @@ TEST(Launcher, FallbacksAndLimitsInForkedCopies) {
     SCOPED_TRACE(c.name);
     const int outcome = TestSupport::RunInChild([&] { return c.setUp && !c.setUp() ? 2 : c.check() ? 0 : 1; });
     if (outcome == 2) std::printf("%s: not tried, needs seccomp or root\n", c.name);
-    EXPECT_NE(1, outcome);
+    EXPECT_TRUE(outcome == 0 || outcome == 2) << "exit " << outcome;  // a signal gives 128 + N
   }
 }
 
