@@ -35,12 +35,6 @@ void Check(const Common::Error& e) {
 // "/dev/sdb" and "sdb" name the same device.
 std::string KernelName(const std::string& name) { return name.rfind("/dev/", 0) == 0 ? name.substr(5) : name; }
 
-const char* ControllerName(int32_t type) {
-  static const char* const names[] = {"unknown",  "mptspi",      "mptsas", "BusLogic",  "pvscsi",
-                                      "ata_piix", "virtio_scsi", "ahci",   "sym53c8xx", "megaraid_sas"};
-  return names[type >= 1 && type <= 9 ? type : 0];
-}
-
 // host:channel:target:lun as the disk library tells it; null when it cannot.
 Json Address(const String& name) {
   dsk_supp::ecodes code = dsk_supp::ec_ok;
@@ -71,7 +65,7 @@ std::vector<SCSI::Disk> ScsiDisks(SCSI::DiskSubsystem& subsystem) {
 Json DeviceJson(BlockDevice& d, const std::vector<SCSI::Disk>& disks) {
   Json controller;
   for (const SCSI::Disk& disk : disks)
-    if (disk.name == d.GetName()) controller = ControllerName(disk.type);
+    if (disk.name == d.GetName()) controller = SCSI::HostTypeName(disk.type);
   Json partitions = Json::array();
   for (const auto& p : d.GetPartitions()) partitions.push_back(PartitionJson(*p));
   return {{"name", U8(d.GetName())},         {"size", d.GetSize()},           {"controller", controller},

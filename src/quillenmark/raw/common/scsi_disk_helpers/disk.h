@@ -46,6 +46,10 @@ enum HostType : int32_t {
   HostTypeMegaraidSas = 9,
 };
 
+// The driver's name as the kernel spells it in proc_name ("virtio_scsi", "vmw_pvscsi");
+// "unknown" for any other value.
+AS_EXPORT const char* HostTypeName(int32_t type);
+
 // One present disk.
 struct AS_EXPORT Disk {
   int32_t type = 0;      // HostType of its host

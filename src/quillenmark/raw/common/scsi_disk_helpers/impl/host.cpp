@@ -19,14 +19,14 @@ namespace SCSI {
 namespace Detail {
 namespace {
 
-// The kernel's proc_name texts, line feed included, in lookup order. The values
-// are not in table order; they are what disks carry and sort by.
+// The kernel's proc_name texts (a line feed follows in the file), in lookup order. The
+// values are not in table order; they are what disks carry and sort by.
 const std::vector<std::pair<std::string, HostType>> kHostTypes = {
-    {"mptspi\n", HostTypeMptSpi},           {"mptsas\n", HostTypeMptSas},
-    {"BusLogic\n", HostTypeBusLogic},       {"ata_piix\n", HostTypeAtaPiix},
-    {"vmw_pvscsi\n", HostTypePvScsi},       {"virtio_scsi\n", HostTypeVirtioScsi},
-    {"ahci\n", HostTypeAhci},               {"sym53c8xx\n", HostTypeSym53c8xx},
-    {"megaraid_sas\n", HostTypeMegaraidSas},
+    {"mptspi", HostTypeMptSpi},           {"mptsas", HostTypeMptSas},
+    {"BusLogic", HostTypeBusLogic},       {"ata_piix", HostTypeAtaPiix},
+    {"vmw_pvscsi", HostTypePvScsi},       {"virtio_scsi", HostTypeVirtioScsi},
+    {"ahci", HostTypeAhci},               {"sym53c8xx", HostTypeSym53c8xx},
+    {"megaraid_sas", HostTypeMegaraidSas},
 };
 
 constexpr char kHostsDir[] = "/sys/class/scsi_host";
@@ -37,7 +37,9 @@ std::atomic<bool> gUnknownHostReported{false};
 
 const HostType* FindHostType(const char* text, size_t length) {
   for (const auto& entry : kHostTypes)
-    if (entry.first.size() == length && std::memcmp(entry.first.data(), text, length) == 0) return &entry.second;
+    if (entry.first.size() + 1 == length && std::memcmp(entry.first.data(), text, length - 1) == 0 &&
+        text[length - 1] == '\n')
+      return &entry.second;
   return nullptr;
 }
 
@@ -94,4 +96,11 @@ void RefreshHost(unsigned int host) {
 }
 
 }  // namespace Detail
+
+const char* HostTypeName(int32_t type) {
+  for (const auto& entry : Detail::kHostTypes)
+    if (entry.second == type) return entry.first.c_str();
+  return "unknown";
+}
+
 }  // namespace SCSI
