@@ -81,7 +81,9 @@ TEST(Error, CausesReplaceInPlaceOrOnACopy) {
   EXPECT_TRUE(self.GetCause().GetCode() == 1u && !self.GetCause().GetCause());
   Error chain(1, AS_HERE);
   for (int i = 0; i < 1000000; ++i) chain = Error(2, AS_HERE).WithCause(chain);
+  EXPECT_EQ(2u, chain.GetCause().GetCode());
   chain = Error();  // released recursively, this would overflow the stack
+  EXPECT_FALSE(chain);
 }
 
 TEST(Error, OutOfMemoryGivesTheSharedNode) {

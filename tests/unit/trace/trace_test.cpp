@@ -104,6 +104,8 @@ TEST(Trace, EventPairMarksExceptionalExit) {
     TraceTools::Subscribe(&thrower);
   }
   TraceTools::Unsubscribe(&thrower);
+  TraceTools::DbgTraceInfo(215, "after");
+  EXPECT_EQ("1 215 after", every.texts.back());  // tracing went on
 }
 
 // Unloading raises the minimum level to 6, then ends the formatting singletons;
