@@ -126,4 +126,39 @@ TEST(FileLayer, DescriptorsAreCloseOnExecAndReleased) {
   }));
 }
 
+// Whole files: what each helper gives, and what a failure leaves (code, errno, path).
+TEST(FileLayer, WholeFiles) {
+  const TestSupport::TempDir root;
+  const std::string file = root / "file", number = root / "number", dir = root / "a/b/c";
+  std::ofstream(file) << std::string(5000, 'x');
+  std::ofstream(number) << "12345\n";
+  const auto outcome = [](const Common::Error& e) {
+    if (!e) return std::string("ok");
+    const char* path = e.GetStringField("path");
+    return std::to_string(e.GetCode()) + "/" + std::to_string(ErrnoOf(e)) + "/" + (path ? path : "");
+  };
+  std::string text;
+  unsigned mode = 0;
+  uint64_t value = 0;
+  EXPECT_EQ("ok", outcome(ReadFile(file, 4097, text, &mode)));
+  EXPECT_EQ(4097u, text.size());
+  EXPECT_EQ("ok", outcome(ReadFile(file, 1 << 20, text)));
+  EXPECT_EQ(5000u, text.size());
+  EXPECT_EQ(std::to_string(kErrorOpen) + "/21/" + root.path(), outcome(ReadFile(root.path(), 10, text, &mode)));
+  EXPECT_EQ("ok", outcome(ReadNumber(number, value)));
+  EXPECT_EQ(12345u, value);
+  EXPECT_EQ(std::to_string(kErrorRead) + "/22/" + file, outcome(ReadNumber(file, value)));
+  EXPECT_EQ("ok", outcome(CreateDirectories(dir)));
+  EXPECT_EQ("ok", outcome(CreateDirectories(dir)));
+  EXPECT_EQ(std::to_string(kErrorDirectoryCreate) + "/20/" + file + "/d", outcome(CreateDirectories(file + "/d")));
+  EXPECT_EQ(std::to_string(kErrorOpen) + "/2/" + root / "none", outcome(WriteFile(root / "none", "1\n")));
+  // Replacing: the new content with its mode, or on failure the old file untouched.
+  EXPECT_EQ("ok", outcome(ReplaceFile(number, number + ".tmp", "7\n", 0640)));
+  struct stat st {};
+  EXPECT_TRUE(ReadNumber(number, value).IsError() == false && value == 7 && stat(number.c_str(), &st) == 0 &&
+              (st.st_mode & 07777) == 0640 && stat((number + ".tmp").c_str(), &st) != 0);
+  EXPECT_EQ(std::to_string(kErrorWrite) + "/21/" + dir, outcome(ReplaceFile(dir, number + ".tmp", "x", 0644)));
+  EXPECT_TRUE(!ReadNumber(number, value) && value == 7 && stat((number + ".tmp").c_str(), &st) != 0);
+}
+
 }  // namespace

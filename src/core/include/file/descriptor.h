@@ -19,6 +19,7 @@ class Descriptor {
     return *this;
   }
   int get() const { return fd_; }
+  int release() { return std::exchange(fd_, -1); }
 
  private:
   int fd_;

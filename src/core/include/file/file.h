@@ -43,6 +43,28 @@ Common::Error MakeError(uint32_t code, const std::string& path, int err, const C
 // The errno at the bottom of `error`'s chain; 0 when there is none.
 int ErrnoOf(const Common::Error& error);
 
+// ---- Whole small files, in the manner of util-linux's path helpers ----------------------
+
+// Up to `limit` bytes of `path` from its start, read until its end or the limit (sysfs
+// attributes, a device's first sector, configuration). With `mode`, only a regular file
+// is read (anything else is kErrorOpen with EISDIR or EINVAL) and `mode` gets its
+// permission bits.
+Common::Error ReadFile(const std::string& path, size_t limit, std::string& out, unsigned* mode = nullptr);
+// The unsigned decimal that `path` starts with, up to a line feed or NUL: kErrorRead with
+// EINVAL when there is none.
+Common::Error ReadNumber(const std::string& path, uint64_t& out);
+// All of `data` into the existing file `path` in one write, neither created nor truncated
+// (sysfs commands); a short write is kErrorDiskFull.
+Common::Error WriteFile(const std::string& path, const std::string& data);
+// Creates `path` and its missing parents with `mode`; existing directories are fine.
+Common::Error CreateDirectories(const std::string& path, unsigned mode = 0755);
+// Replaces `path` by `data` whole, atomically and durably: written to `temporary` (a
+// name beside it, truncated first), given `mode`, synced, renamed over `path`, and the
+// directory synced. The error's path names the file of the step that failed; a failed
+// step leaves `path` as it was.
+Common::Error ReplaceFile(const std::string& path, const std::string& temporary, const std::string& data,
+                          unsigned mode);
+
 class File {
  public:
   enum Mode { kRead, kWrite };

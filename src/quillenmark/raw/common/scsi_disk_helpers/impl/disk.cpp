@@ -220,7 +220,6 @@ void DiskSubsystemImpl::EnumerateDisks(std::vector<Disk>& out) {
   std::unique_ptr<FileSystem::Directory> blocks = FileSystem::Directory::Open("/sys/block", &error);
   if (!blocks) throw error;
   FileSystem::Directory::Entry entry;
-  std::vector<uint8_t> buffer;
   while (blocks->Next(entry)) {
     if (entry.name.compare(0, 2, "sd") != 0 || entry.kind != FileSystem::kDirectoryLink) continue;
     std::unique_ptr<FileSystem::Directory> block = OpenIfPresent(blocks.get(), entry.name);
@@ -248,7 +247,7 @@ void DiskSubsystemImpl::EnumerateDisks(std::vector<Disk>& out) {
         throw InvalidWalk(AS_LOCATION("Enumerate", 401), *addresses);
       continue;
     }
-    disk.readable = !IsDiskOffline(entry.name) && Detail::ReadFile(kDevPrefix + entry.name, buffer, 512) == 512;
+    disk.readable = !IsDiskOffline(entry.name) && Detail::ReadFile(kDevPrefix + entry.name, 512).size() == 512;
     disks.push_back(std::move(disk));
   }
   if (blocks->Status() != FileSystem::kStatusEndOfDirectory) throw InvalidWalk(AS_LOCATION("Enumerate", 384), *blocks);
@@ -257,9 +256,7 @@ void DiskSubsystemImpl::EnumerateDisks(std::vector<Disk>& out) {
 }
 
 bool DiskSubsystemImpl::IsDiskOffline(const std::string& name) {
-  std::vector<uint8_t> buffer;
-  const size_t count = Detail::ReadFile(Core::FormatString("/sys/block/{0}/device/state", name), buffer, 32);
-  const std::string state(reinterpret_cast<const char*>(buffer.data()), count);
+  const std::string state = Detail::ReadFile(Core::FormatString("/sys/block/{0}/device/state", name), 32);
   bool offline = false;
   // An unknown state never fails the enumeration: the disk counts as online.
   if (Common::Error unknown = Detail::ParseDiskState(name, state, offline))

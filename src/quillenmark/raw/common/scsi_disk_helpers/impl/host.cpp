@@ -35,10 +35,10 @@ constexpr char kHostsDir[] = "/sys/class/scsi_host";
 // per enumeration.
 std::atomic<bool> gUnknownHostReported{false};
 
-const HostType* FindHostType(const char* text, size_t length) {
+const HostType* FindHostType(const std::string& text) {
   for (const auto& entry : kHostTypes)
-    if (entry.first.size() + 1 == length && std::memcmp(entry.first.data(), text, length - 1) == 0 &&
-        text[length - 1] == '\n')
+    if (text.size() == entry.first.size() + 1 && text.compare(0, entry.first.size(), entry.first) == 0 &&
+        text.back() == '\n')
       return &entry.second;
   return nullptr;
 }
@@ -61,17 +61,14 @@ void EnumerateHosts(HostTable& table) {
         continue;
       }
 
-      FileSystem::File procName;
-      if ((error = FileSystem::File::Open(host->FullPath() + "/proc_name", FileSystem::File::kRead, procName))) {
+      std::string procName;
+      if ((error = FileSystem::ReadFile(host->FullPath() + "/proc_name", 31, procName))) {
+        if (error.GetCode() != FileSystem::kErrorOpen) continue;
         if (FileSystem::ErrnoOf(error) != ENOENT) throw error;
         AS_ASSERT_AT(!"No hostN/proc_name entry", AS_SOURCE_NAME, 121);
         continue;
       }
-      char text[32] = {};
-      size_t count = 0;
-      if (procName.Read(text, sizeof text - 1, count)) continue;
-
-      const HostType* type = FindHostType(text, count);
+      const HostType* type = FindHostType(procName);
       if (type == nullptr) {
         if (!gUnknownHostReported.exchange(true)) AS_ASSERT_AT(!"Unknown scsi host type", AS_SOURCE_NAME, 115);
         continue;

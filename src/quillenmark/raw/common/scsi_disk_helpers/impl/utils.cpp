@@ -8,28 +8,25 @@
 namespace SCSI {
 namespace Detail {
 
-size_t ReadFile(const std::string& path, std::vector<uint8_t>& buffer, size_t limit) {
-  FileSystem::File file;
-  if (Common::Error e = FileSystem::File::Open(path, FileSystem::File::kRead, file))
+std::string ReadFile(const std::string& path, size_t limit) {
+  std::string text;
+  Common::Error e = FileSystem::ReadFile(path, limit, text);
+  if (e && e.GetCode() == FileSystem::kErrorOpen)
     throw Common::Error(kErrorSysfsOpen, Core::FormatMessage(Messages::FailedToOpenFile, path),
-                        AS_LOCATION("OpenFile", __LINE__))
+                        AS_LOCATION("OpenFile", 15))
         .WithCause(e);
-  if (buffer.size() < limit) buffer.resize(limit);
-  size_t count = 0;
-  if (Common::Error e = file.Read(buffer.data(), limit, count))
+  if (e)
     throw Common::Error(kErrorSysfsRead, Core::FormatMessage(Messages::FailedToReadFile, path),
-                        AS_LOCATION("ReadFile", __LINE__))
+                        AS_LOCATION("ReadFile", 21))
         .WithCause(e);
-  return count;
+  return text;
 }
 
 Common::Error WriteCommand(const std::string& path, const std::string& command) {
-  FileSystem::File file;
-  Common::Error e = FileSystem::File::Open(path, FileSystem::File::kWrite, file);
-  if (!e) e = file.Write(command.data(), command.size());
+  Common::Error e = FileSystem::WriteFile(path, command);
   if (!e) return e;
   return Common::Error(kErrorSysfsWrite, Core::FormatMessage(Messages::FailedToWriteCommand, command, path),
-                       AS_LOCATION("WriteCommand", __LINE__))
+                       AS_LOCATION("WriteCommand", 31))
       .WithCause(e);
 }
 

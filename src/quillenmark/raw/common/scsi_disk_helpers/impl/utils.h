@@ -12,10 +12,9 @@
 namespace SCSI {
 namespace Detail {
 
-// Reads at most `limit` bytes of `path` in one read into `buffer` (grown to at least
-// `limit`) and returns the count. Throws kErrorSysfsOpen when the file cannot be
-// opened and kErrorSysfsRead when the read fails.
-size_t ReadFile(const std::string& path, std::vector<uint8_t>& buffer, size_t limit);
+// Up to `limit` bytes of `path`. Throws kErrorSysfsOpen when the file cannot be opened
+// and kErrorSysfsRead when the read fails, with the file layer's error as cause.
+std::string ReadFile(const std::string& path, size_t limit);
 
 // Writes `command` into the sysfs file `path` in one write. Returns kErrorSysfsWrite
 // with the file layer's error as cause when that fails or writes short.
