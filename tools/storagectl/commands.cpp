@@ -163,9 +163,6 @@ Json Prepare(const std::string& device, bool yes, bool wipe, const std::function
 
 Json Label(const std::string& partition, const std::optional<std::string>& label) {
   const auto p = FindPartition(partition);
-  if (label && label->size() > Partition::kMaxLabelLength)
-    throw Refusal{"label '" + *label + "' is too long: a storage label keeps " +
-                  std::to_string(Partition::kMaxLabelLength) + " bytes"};
   if (label) Check(p->SetLabel(Common::FromUtf8(*label)));
   return {{"partition", U8(p->GetName())}, {"label", U8(p->GetLabel())}};
 }

@@ -30,6 +30,8 @@ constexpr uint32_t kErrorInvalidStorageName = 0x720049;
 constexpr uint32_t kErrorDiskHasPartitionTable = 0x72004A;
 // Reading or erasing a disk's signatures failed; the cause says why.
 constexpr uint32_t kErrorSignatures = 0x72004B;
+// Cause of a refused label: longer than a file system keeps after "ZLM".
+constexpr uint32_t kErrorLabelTooLong = 0x72004C;
 
 }  // namespace Appliance
 }  // namespace Virtualization

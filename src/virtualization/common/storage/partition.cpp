@@ -89,6 +89,12 @@ String Partition::GetLabel() const {
 
 Common::Error Partition::SetLabel(const String& label) {
   const String full = Detail::kLabelPrefix + label;
+  if (Common::ToUtf8(label).size() > kMaxLabelLength)  // tune2fs would cut it short
+    return Common::Error(kErrorSetLabel, Core::FormatMessage(Messages::FailedToAssignLabel, full, Name),
+                         AS_STORAGE_AT("SetLabel", 322))
+        .WithCause(Common::Error(kErrorLabelTooLong,
+                                 Core::FormatMessage(Messages::LabelTooLong, label, std::to_string(kMaxLabelLength)),
+                                 AS_STORAGE_AT("SetLabel", 321)));
   TraceTools::Trace(Common::EventLevelNotice, Detail::kTraceLabels, u"Assigning label '{0}' to storage '{1}'.", full,
                     Name);
   const std::string command =

@@ -141,7 +141,7 @@ class AS_EXPORT BlockDevice : public std::enable_shared_from_this<BlockDevice> {
 class AS_EXPORT Partition {
  public:
   // Bytes of a label that an ext2/3/4 file system keeps after the "ZLM" prefix (16 in
-  // all). SetLabel leaves longer labels to tune2fs, which cuts them.
+  // all). SetLabel refuses longer labels.
   static constexpr size_t kMaxLabelLength = 13;
 
   // Reads the file-system UUID from the partition itself (libblkid, the value
@@ -159,7 +159,8 @@ class AS_EXPORT Partition {
   // The label of an ext2/3/4 file system as e2label prints it, up to the first byte
   // that is not printable ASCII; empty when there is none. Read from the device.
   String GetLabelImpl() const;
-  // Writes "ZLM" + label with tune2fs. Returns 0x720026 with the tool's status.
+  // Writes "ZLM" + label with tune2fs. Returns 0x720026 with the tool's status, or with
+  // 0x72004C when the label has more than kMaxLabelLength bytes (UTF-8).
   Common::Error SetLabel(const String& label);
   // "<host>_<target>_<number>", the identifier that earlier versions stored.
   std::string GetDeprecatedVolumeId() const;
