@@ -22,6 +22,7 @@
 #include "core/linex/child_env_internal.h"
 #include "core/linex/create_process.h"
 #include "core/linex/linux_misc.h"
+#include "core/linex/run_tool.h"
 
 namespace {
 
@@ -343,6 +344,33 @@ TEST(SafeClose, PolicyDecidesWhatABadCloseDoes) {
   int fds[2];
   ASSERT_EQ(pipe(fds), 0);
   EXPECT_TRUE(ChildProcess::SafeClose(fds[0]) == 0 && ChildProcess::SafeFclose(fdopen(fds[1], "w")) == 0);
+}
+
+}  // namespace
+
+namespace {
+
+// A tool by argument vector: its input, output and status as three separate outcomes;
+// the command text quotes so that a shell gives back the very words.
+TEST(Launcher, RunToolAndItsCommandText) {
+  const std::string big(1 << 20, 'x');  // more than a pipe holds, for a tool that never reads
+  const struct { Strings argv; std::string input; int status; std::string output; } cases[] = {
+      {{"sh", "-c", "cat; exit 3"}, "n\n1\n", 3, "n\n1\n"},
+      {{"true"}, "", 0, ""},
+      {{"true"}, big, 0, ""},
+      {{"as-no-such-tool"}, "", 127, ""},
+      {{"sh", "-c", "echo half; kill -9 $$"}, "", -1, "half\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.argv.back());
+    const LinuxEx::ToolRun run = LinuxEx::RunTool(c.argv, c.input);
+    EXPECT_TRUE(run.started && run.status == c.status && run.output == c.output) << run.status << " " << run.output;
+  }
+  const Strings words = {"tune2fs", "-L", "ZLM$(id) 'x'`y`\\z\n%", "/dev/sdb1"};
+  EXPECT_EQ("tune2fs -L 'ZLM$(id) '\\''x'\\''`y`\\z\n%' /dev/sdb1", LinuxEx::CommandText(words));
+  EXPECT_EQ("printf 'n\\n1\\n%%\\\\' | gdisk /dev/sdb", LinuxEx::CommandText({"gdisk", "/dev/sdb"}, "n\n1\n%\\"));
+  const auto echoed = LinuxEx::RunTool({"sh", "-c", "printf '%s|' " + LinuxEx::CommandText(words)});
+  EXPECT_EQ("tune2fs|-L|ZLM$(id) 'x'`y`\\z\n%|/dev/sdb1|", echoed.output);
 }
 
 }  // namespace
