@@ -52,7 +52,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const size_t one = bytes.find(':'), two = bytes.find(':', one + 1), three = bytes.find(':', two + 1);
     if (three == std::string::npos || bytes.find(':', three + 1) != std::string::npos ||
         !IsDecimalOf(std::string_view(bytes).substr(0, one), host) ||
-        !IsDecimalOf(std::string_view(bytes).substr(two + 1, three - two - 1), target))
+        !IsDecimalOf(std::string_view(bytes).substr(two + 1, three - two - 1), target) ||
+        bytes.substr(one + 1, two - one - 1).find_first_not_of("0123456789") != std::string::npos ||
+        bytes.substr(three + 1).find_first_not_of("0123456789") != std::string::npos)
       __builtin_trap();
   }
 

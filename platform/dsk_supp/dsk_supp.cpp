@@ -35,9 +35,10 @@ bool ReadAttribute(const std::string& path, std::string& text) {
 // "MAJ:MIN" with an optional line feed, as the kernel writes `dev` files.
 bool ParseDevNumbers(std::string_view text, unsigned int& major, unsigned int& minor) {
   if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-  const size_t colon = text.find(':');
-  if (colon == std::string_view::npos) return false;
-  return Common::ParseDecimal(text.substr(0, colon), major) && Common::ParseDecimal(text.substr(colon + 1), minor);
+  unsigned int numbers[2];
+  if (!Common::ParseDecimals(text, numbers)) return false;
+  major = numbers[0], minor = numbers[1];
+  return true;
 }
 
 struct ScsiAddress {
@@ -45,14 +46,7 @@ struct ScsiAddress {
 };
 
 // "H:C:T:L", nothing else.
-bool ParseScsiAddress(std::string_view text, ScsiAddress& address) {
-  for (int i = 0; i < 4; ++i) {
-    const size_t stop = i < 3 ? text.find(':') : text.size();
-    if (stop == std::string_view::npos || !Common::ParseDecimal(text.substr(0, stop), address.parts[i])) return false;
-    text.remove_prefix(i < 3 ? stop + 1 : stop);
-  }
-  return true;
-}
+bool ParseScsiAddress(std::string_view text, ScsiAddress& address) { return Common::ParseDecimals(text, address.parts); }
 
 std::string BaseName(const std::string& path) {
   size_t slash = path.rfind('/');

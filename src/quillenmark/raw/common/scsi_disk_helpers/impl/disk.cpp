@@ -369,12 +369,10 @@ Common::Error ParseScsiSerial(const std::string& value, const String& devicePath
 }
 
 bool SplitAddress(std::string_view entry, uint32_t& host, uint32_t& target) {
-  std::vector<std::string_view> parts;
-  std::string_view rest(entry);
-  for (size_t colon; (colon = rest.find(':')) != std::string_view::npos; rest.remove_prefix(colon + 1))
-    parts.push_back(rest.substr(0, colon));
-  parts.push_back(rest);
-  return parts.size() == 4 && Common::ParseDecimal(parts[0], host) && Common::ParseDecimal(parts[2], target);
+  uint32_t parts[4];
+  if (!Common::ParseDecimals(entry, parts)) return false;
+  host = parts[0], target = parts[2];
+  return true;
 }
 
 Common::Error ParseDiskState(const std::string& name, const std::string& state, bool& offline) {
