@@ -342,7 +342,7 @@ TEST(Notifications, RegisteredWhileAnyCallIsAttached) {
 }
 
 using Common::Str;
-using SCSI::Detail::DiskAttributes;
+using SCSI::DiskAttributes;
 
 const String kTemporary = Str(u"Temporary");
 const GUID kDisk = [] {
@@ -393,8 +393,7 @@ TEST(DiskAttributes, HowRecordsRead) {
     EXPECT_EQ(c.expected, attributes);
     EXPECT_EQ(c.assertion ? 1u : 0u, reports.Count("assert"));
     EXPECT_EQ(reports.Count("assert"), reports.Count("assert", c.assertion ? c.assertion : ""));
-    const auto temporary = c.expected.count(kTemporary) ? std::optional<String>(Str(u"1")) : std::nullopt;
-    EXPECT_TRUE(temporary == SCSI::Detail::GetDiskAttributes(kDisk, kTemporary));
+    EXPECT_EQ(c.expected.count(kTemporary), SCSI::Detail::DisksWithAttribute(kTemporary).count(kDisk.ToWideString()));
   }
 }
 

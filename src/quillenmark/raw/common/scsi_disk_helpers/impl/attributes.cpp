@@ -74,14 +74,6 @@ Common::Error LoadDiskAttributes(const GUID& id, DiskAttributes& attributes) {
   }
 }
 
-std::optional<String> GetDiskAttributes(const GUID& id, const String& name) {
-  DiskAttributes attributes;
-  if (LoadDiskAttributes(id, attributes)) return std::nullopt;
-  const auto found = attributes.find(name);
-  if (found == attributes.end()) return std::nullopt;
-  return found->second;
-}
-
 std::set<String> DisksWithAttribute(const String& name) {
   std::set<String> disks;
   Registry::Key machine, root;

@@ -4,20 +4,17 @@
 // disk's serial identifier in its upper-case text form. The record's default value
 // is a multistring of (name, value) pairs. This library only reads them ("Temporary"
 // hides a disk) and drops the records of disks that are gone.
-#include <map>
-#include <optional>
 #include <set>
 #include <vector>
 
 #include "core/common/error.h"
 #include "core/common/guid.h"
+#include "quillenmark/raw/common/scsi_disk_helpers/attributes.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/disk.h"
 #include "registry/key.h"
 
 namespace SCSI {
 namespace Detail {
-
-using DiskAttributes = std::map<String, String>;
 
 // The root of the records, created when missing. Throws.
 Registry::Key OpenAttributesRoot();
@@ -25,10 +22,6 @@ Registry::Key OpenAttributesRoot();
 // Fills `attributes` from the disk's record; a disk without one has none. Returns
 // kErrorDisk with the cause when the record cannot be read.
 Common::Error LoadDiskAttributes(const GUID& id, DiskAttributes& attributes);
-
-// The attribute's value, absent when the disk has no such attribute or its record
-// cannot be read: an unreadable record hides nothing.
-std::optional<String> GetDiskAttributes(const GUID& id, const String& name);
 
 // The disks (their identifiers' text form) whose record holds the attribute `name`,
 // from one read of the registry; none when the records cannot be read, since an
