@@ -2,7 +2,7 @@
 # Installs with apt-get whatever the chosen job needs and the machine lacks.
 set -euo pipefail
 build=(cmake ninja-build g++ pkg-config ccache libicu-dev libpugixml-dev libudev-dev
-       libcli11-dev nlohmann-json3-dev libblkid-dev util-linux fdisk e2fsprogs gdisk udev coreutils)
+       libcli11-dev nlohmann-json3-dev libblkid-dev libmount-dev util-linux fdisk e2fsprogs gdisk udev coreutils)
 tests=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev
        qemu-system-x86 linux-image-amd64 busybox-static kmod cpio xz-utils lvm2)
 case "${1:-test}" in

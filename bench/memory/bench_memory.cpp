@@ -44,7 +44,7 @@ int main(int argc, char** argv) {
   }
   m.Build();
   if (std::system("/sbin/mke2fs -q -F -t ext4 -L ZLMdata /dev/sdb1") != 0) return 1;
-  m.WriteFile(FakeMachine::StateDir() + "/mounts", "/dev/sdb1 /mnt/local_storages/st1\n");
+  m.Mount("/dev/sdb1", "/mnt/local_storages/st1");
   if (!Round()) return std::fprintf(stderr, "bench_memory: the first round listed wrong\n"), 1;
   const size_t first = InUse();
   std::printf("round 1: %zu bytes in use\n", first);

@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <sstream>
 #include <stdexcept>
 
 namespace FakeMachineTesting {
@@ -34,8 +36,8 @@ std::vector<std::pair<std::string, int>> g_kept;  // path, O_PATH descriptor, bo
 std::string g_why = "the faked machine needs its own mount namespace; main() did not enter it";
 bool g_entered = false;
 
-void Mount(const std::string& source, const std::string& target, const char* type, unsigned long flags,
-           const char* data = nullptr) {
+void MountOrThrow(const std::string& source, const std::string& target, const char* type, unsigned long flags,
+                  const char* data = nullptr) {
   if (::mount(source.c_str(), target.c_str(), type, flags, data) != 0)
     throw std::runtime_error("mount " + target + ": " + std::strerror(errno));
 }
@@ -109,6 +111,31 @@ void ReplayTools(const std::string& file) {
   flush();
 }
 
+// The table's "\ooo" escapes undone.
+std::string Unoctal(const std::string& field) {
+  std::string out;
+  for (size_t i = 0; i < field.size(); ++i) {
+    const bool escape = field[i] == '\\' && field.size() - i >= 4 &&
+                        field.substr(i + 1, 3).find_first_not_of("01234567") == std::string::npos;
+    out += escape ? static_cast<char>(std::stoi(field.substr(i + 1, 3), nullptr, 8)) : field[i];
+    if (escape) i += 3;
+  }
+  return out;
+}
+
+// What the fake mount and Mount() mounted: tmpfs with a /dev path as source, last first.
+void UnmountDevices() {
+  std::vector<std::string> targets;
+  for (const std::string& line : ReadLines("/proc/self/mountinfo")) {
+    std::istringstream fields(line);
+    std::vector<std::string> f{std::istream_iterator<std::string>(fields), std::istream_iterator<std::string>()};
+    const auto dash = std::find(f.begin() + std::min<size_t>(f.size(), 6), f.end(), "-");
+    if (f.end() - dash >= 3 && dash[1] == "tmpfs" && dash[2].compare(0, 5, "/dev/") == 0)
+      targets.push_back(Unoctal(f[4]));
+  }
+  for (auto t = targets.rbegin(); t != targets.rend(); ++t) ::umount2(t->c_str(), MNT_DETACH);
+}
+
 void UncoverTrees(std::vector<std::string>& mounted) {
   for (; !mounted.empty(); mounted.pop_back()) ::umount2(mounted.back().c_str(), MNT_DETACH);
 }
@@ -117,7 +144,7 @@ std::vector<std::string> CoverTrees() {
   std::vector<std::string> mounted;
   try {
     for (const char* dir : {"/sys", "/dev", "/mnt", "/etc/Zemlora", "/tmp"}) {
-      Mount("none", dir, "tmpfs", MS_NOSUID, "mode=0755");
+      MountOrThrow("none", dir, "tmpfs", MS_NOSUID, "mode=0755");
       mounted.push_back(dir);
     }
     fs::create_directories("/dev/shm");
@@ -128,7 +155,7 @@ std::vector<std::string> CoverTrees() {
       });
       if (!covered || (!device && fs::exists(path + "/."))) continue;
       device ? WriteText(path, "") : void(fs::create_directories(path));
-      Mount("/proc/self/fd/" + std::to_string(fd), path, nullptr, MS_BIND | MS_REC);
+      MountOrThrow("/proc/self/fd/" + std::to_string(fd), path, nullptr, MS_BIND | MS_REC);
       mounted.push_back(path);
     }
   } catch (...) {
@@ -156,10 +183,11 @@ FakeMachine::FakeMachine() {
   g_live = true;
   for (const char* dir : {"/sys/block", "/sys/dev/block", "/sys/class/block", "/sys/class/scsi_host"})
     fs::create_directories(dir);
-  for (const char* file : {"/mounts", "/calls"}) WriteText(StateDir() + file, "");
+  WriteText(StateDir() + "/calls", "");
 }
 
 FakeMachine::~FakeMachine() {
+  UnmountDevices();
   UncoverTrees(mounts_);
   g_live = false;
 }
@@ -206,6 +234,11 @@ void FakeMachine::BuildDisk(const DiskSpec& disk) {
   if (disk.scsiId_) WriteText(StateDir() + "/scsi_id/" + name, *disk.scsiId_);
 }
 
+void FakeMachine::Mount(const std::string& device, const std::string& dir) const {
+  fs::create_directories(dir);
+  MountOrThrow(device, dir, "tmpfs", 0, "size=1m");
+}
+
 std::vector<std::string> FakeMachine::Calls(const std::string& tool) const {
   std::vector<std::string> calls;
   for (const std::string& line : ReadLines(StateDir() + "/calls"))
@@ -227,7 +260,7 @@ bool FakeMachine::EnterNamespace() {
   try {
     if (::geteuid() != 0) throw std::runtime_error("the faked machine needs root (mount namespaces, tmpfs)");
     if (::unshare(CLONE_NEWNS) != 0) throw std::runtime_error(std::string("unshare: ") + std::strerror(errno));
-    Mount("none", "/", nullptr, MS_REC | MS_PRIVATE);
+    MountOrThrow("none", "/", nullptr, MS_REC | MS_PRIVATE);
     // Devices from the real /dev, and the project's trees where a checkout lies below a
     // covered tree such as /tmp.
     for (const std::string& kept : {std::string("/dev/null"), std::string("/dev/zero"), std::string("/dev/urandom"),
@@ -236,11 +269,11 @@ bool FakeMachine::EnterNamespace() {
       g_kept.emplace_back(kept, ::open(kept.c_str(), O_PATH | O_CLOEXEC));
       if (g_kept.back().second < 0) throw std::runtime_error("open " + kept + ": " + std::strerror(errno));
     }
-    Mount("/bin/dash", "/bin/sh", nullptr, MS_BIND);  // stock Debian's shell, whatever the host's is
+    MountOrThrow("/bin/dash", "/bin/sh", nullptr, MS_BIND);  // stock Debian's shell, whatever the host's is
     if (!fs::exists("/etc/Zemlora")) {  // something to mount on: an overlay over /etc, in this namespace only
-      Mount("none", "/tmp", "tmpfs", 0, "mode=0755");
+      MountOrThrow("none", "/tmp", "tmpfs", 0, "mode=0755");
       for (const char* dir : {"/tmp/etc_upper", "/tmp/etc_work"}) fs::create_directories(dir);
-      Mount("overlay", "/etc", "overlay", 0, "lowerdir=/etc,upperdir=/tmp/etc_upper,workdir=/tmp/etc_work");
+      MountOrThrow("overlay", "/etc", "overlay", 0, "lowerdir=/etc,upperdir=/tmp/etc_upper,workdir=/tmp/etc_work");
       ::umount2("/tmp", MNT_DETACH);
       fs::create_directory("/etc/Zemlora");
     }

@@ -78,6 +78,10 @@ class FakeMachine {
   // A capture of the appliance VM (tests/vm/fixtures/NAME, relative to the checkout).
   void Replay(const std::string& fixture);
   void RemoveDisk(const std::string& disk) { RemoveBlockDevice(disk); }  // the kernel forgets it
+  // Mounts `device` on `dir` as the fake mount does (a small tmpfs with the device as
+  // source), whatever the device holds and however often. `dir` is created when missing:
+  // keep it inside the machine's trees (/mnt, /tmp); "/" covers the root mount.
+  void Mount(const std::string& device, const std::string& dir) const;
 
   // Command lines the fake tools were run with, in order; only `tool`'s when given.
   std::vector<std::string> Calls(const std::string& tool = "") const;

@@ -52,13 +52,16 @@ void CoverTmp(const std::string& options, bool readOnly) {
 
 TEST(Faults, ToolsMissingRegistryOrLockDirectoryUnusable) {
   const std::string file = "/etc/Zemlora/HKEY_LOCAL_MACHINE.xml", rofs = "0xFFF1(" + std::to_string(EROFS) + ")";
+  const std::string badTable = "0x72001F@577>0x40011>0xFFF1(" + std::to_string(EBADMSG) + ")";
+  const std::string ownTable = "/proc/" + std::to_string(::getpid()) + "/mountinfo";  // /proc/self/mountinfo to all threads
   const std::string lockRofs = "0x72001F@577>0x6>" + rofs, noInode = "0x72001F@577>0x6>0xFFF1(" + std::to_string(ENOSPC) + ")";
-  // A tool missing from PATH, sdb1's file system gone, the registry or /tmp unusable; what listing disks (sdc is
-  // temporary), storages, preparing sdc, mounting sdb1 at st, labelling it new, listing, unmounting, giving sdb an
-  // attribute gave; the directories left in the mount root.
+  // A tool missing from PATH, the mount table cut short, sdb1's file system gone, the registry or /tmp unusable; what
+  // listing disks (sdc is temporary), storages, preparing sdc, mounting sdb1 at st, labelling it new, listing,
+  // unmounting, giving sdb an attribute gave; the directories left in the mount root.
   const std::pair<std::string, std::string> cases[] = {
       {"", "sdb; ok[] ok ok ok ok[st=new;] ok ok 0"},
-      {"lsblk", "sdb; ok[] 0x720022@452>0x720004(127)@453 ok ok ok[] ok ok 0"},
+      {"mount table broken", badTable + " " + badTable + " 0x720022@452>" + badTable.substr(13) + " ok ok " + badTable +
+                                 " ok ok 0"},  // but the tools see their own
       {"tune2fs", "sdb; ok[] 0x720026@322>0x720004(127)@323 ok 0x720026@322>0x720004(127)@323 "
                    "ok[st=old;] ok ok 0"},
       {"mke2fs", "sdb; ok[] 0x720022@488>0x720004(127)@488 ok ok ok[st=new;] ok ok 0"},
@@ -89,6 +92,10 @@ TEST(Faults, ToolsMissingRegistryOrLockDirectoryUnusable) {
       for (const char* disk : {"sdb", "sdc"}) fs::remove(std::string("/sys/block/") + disk + "/device/vpd_pg80");
     if (fault == "no file system") fs::resize_file("/dev/sdb1", 0), fs::remove(kState + "/blkid.tab");
     if (fault == "registry read-only") ::mount(nullptr, "/etc/Zemlora", nullptr, MS_REMOUNT | MS_RDONLY, nullptr);
+    if (fault == "mount table broken") {  // a line cut short, for this process only
+      m.WriteFile("/tmp/mountinfo", "1 0 8:1 / / rw - ext4 /dev/sda1 rw\n2 1 8:17 /mnt/x\n");
+      ::mount("/tmp/mountinfo", ownTable.c_str(), nullptr, MS_BIND, nullptr);
+    }
     if (fault == "registry corrupt") m.WriteFile(file, "<registry><key name='x'>\x01\xff");
     if (fault == "registry truncated") m.WriteFile(file, text.substr(0, text.size() / 2));
     if (lockDirectory) CoverTmp(fault.find("inodes") != std::string::npos ? "size=64k,nr_inodes=2" : "size=64k", readOnly);
@@ -100,6 +107,7 @@ TEST(Faults, ToolsMissingRegistryOrLockDirectoryUnusable) {
         << Codes(SCSI::SetDiskAttribute(devices[0]->GetDiskId(), Str(u"Seen"), Str(u"1"))) << " " << ListDir(kRoot).size();
     ::setenv("PATH", path.c_str(), 1);
     if (lockDirectory) ::umount2("/tmp", MNT_DETACH);
+    if (fault == "mount table broken") ::umount2(ownTable.c_str(), MNT_DETACH);
     EXPECT_EQ(expected, got.str());
     ExpectNothingLeft(fds);
   }
@@ -117,17 +125,18 @@ bool WaitingForAFileLock() {
 TEST(Faults, AToolThatHangsHoldsUpOnlyWhatWaitsForTheSubsystemLock) {
   AS_FAKE_MACHINE(m);
   Disks(m, {"sdb", "sdc"});
+  fs::remove("/sys/block/sdb/device/vpd_pg80");  // so that listing runs scsi_id
   const auto p = StoragesManager().GetBlockDevices(false).at(0)->GetPartitions().at(0);
   const int fds = TestSupport::CountOwnFds();
-  const size_t calls = m.Calls("lsblk").size();
-  m.WriteFile(kState + "/hang/lsblk", "");
+  const size_t calls = m.Calls("scsi_id").size();
+  m.WriteFile(kState + "/hang/scsi_id", "");
   auto first = std::async(std::launch::async, Listed);
-  while (m.Calls("lsblk").size() == calls) ::usleep(10000);
+  while (m.Calls("scsi_id").size() == calls) ::usleep(10000);
   EXPECT_EQ("old", ToUtf8(p->GetLabel()));  // a partition's query takes no lock
   EXPECT_TRUE(TestSupport::FileLockHeld(kLock));
   auto second = std::async(std::launch::async, Listed);
   while (!WaitingForAFileLock()) ::usleep(10000);  // the one that the first holds
-  fs::remove(kState + "/hang/lsblk");
+  fs::remove(kState + "/hang/scsi_id");
   EXPECT_EQ("sdb;sdc; sdb;sdc;", first.get() + " " + second.get());
   // Mounting hangs in mount, outside the lock: listing goes on meanwhile.
   m.WriteFile(kState + "/hang/mount", "");

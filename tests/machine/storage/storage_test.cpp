@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <future>
+#include <optional>
 #include <set>
+#include <sstream>
 #include <tuple>
 
 #include "core/common/assert.h"
@@ -66,7 +68,8 @@ TEST(Storages, ABlankDiskIsPreparedMountedListedAndUnmounted) {
     ASSERT_FALSE(partition->SetLabel(Common::FromUtf8(text)));
     EXPECT_EQ(std::string("ZLM") + text + "\n", Output("e2label /dev/sdc1"));
     ASSERT_FALSE(partition->Mount(Common::FromUtf8(text)));
-    EXPECT_EQ("/dev/sdc1 " + kRoot + "/" + text + "\n", m.ReadFile(kState + "/mounts"));
+    // A listing finds it there, the mount table's escapes undone.
+    EXPECT_EQ(text, ToUtf8(StoragesManager().GetBlockDevices(false).at(0)->GetPartitions().at(0)->GetMountPoint()));
     ASSERT_FALSE(partition->Unmount());
     EXPECT_FALSE(m.Exists("/tmp/c"));
   }
@@ -84,8 +87,10 @@ TEST(Storages, PreparationRefusesDataAndStopsAtTheFirstFailure) {
   // What sdc holds (a storage on sdc1 by default), where it is mounted, or the tool that
   // fails; the error's codes; the writing tools that ran. A refused disk stays as it was.
   const std::tuple<std::string, std::string, std::string> cases[] = {
-      {"/mnt/local_storages/x", "0x720021@440", ""},
-      {"/srv/elsewhere", "0x720021@440", ""},
+      {"/dev/sdc1 /mnt/local_storages/x", "0x720021@440", ""},
+      {"/dev/sdc1 /tmp/elsewhere", "0x720021@440", ""},
+      {"/dev/sdc /tmp/whole", "0x720021@440", ""},
+      {"no descriptors", "0x720022@452>0x40010>0xFFF1(" + std::to_string(EMFILE) + ")", ""},  // no mount table
       {"storage", "0x720022@447>0x72004A@448", ""},  // unmounted, but data all the same
       {"mkswap -q /dev/sdc1", "0x720022@447>0x72004A@448", ""},
       {"mke2fs -q -F /dev/sdc", "0x720022@447>0x72004A@448", ""},  // no table, a file system on the disk
@@ -107,8 +112,8 @@ TEST(Storages, PreparationRefusesDataAndStopsAtTheFirstFailure) {
     m.Build();
     if (setup[0] == '/') {
       Format("sdc1", "ZLMx");
-      m.WriteFile(kState + "/mounts", "/dev/sdc1 " + setup + "\n");
-    } else if (setup == "storage") {
+      m.Mount(setup.substr(0, setup.find(' ')), setup.substr(setup.find(' ') + 1));
+    } else if (setup == "storage" || setup == "no descriptors") {
       Format("sdc1", "ZLMx");
     } else if (setup.find(' ') != std::string::npos) {
       ASSERT_EQ("", Output("PATH=/usr/sbin:/sbin:$PATH; (" + setup + ") 2>&1 >/dev/null"));
@@ -121,7 +126,10 @@ TEST(Storages, PreparationRefusesDataAndStopsAtTheFirstFailure) {
     const std::string before = Output(image);
     const int fds = TestSupport::CountOwnFds();
     const auto device = StoragesManager().GetBlockDevices(false).at(0);
+    std::optional<TestSupport::DescriptorBudget> budget;
+    if (setup == "no descriptors") budget.emplace(0);
     EXPECT_EQ(codes, Outcome([&] { return device->CreateBackupPartition(); }));
+    budget.reset();
     EXPECT_EQ(ran, Ran(m));
     if (ran.empty()) { EXPECT_EQ(before, Output(image)); }
     if (codes == "ok") { EXPECT_EQ("ZLM ext4\n", Output("blkid -p -o value -s TYPE -s LABEL /dev/sdc1 | xargs")); }
@@ -143,8 +151,8 @@ TEST(Storages, WhichDisksAreOfferedListedAndRescanned) {
   AddDisk(m, "sde").Partition(1, 2048, 12582912).Partition(2, 12584960, 2097152);
   m.Build();
   for (const char* p : {"sda1", "sdb1", "sde1", "sde2"}) Format(p, "ZLMsame");
-  m.WriteFile(kState + "/mounts", "/dev/sda1 /\n/dev/sdb1 " + kRoot + "/b\n/dev/sdc1 " + kRoot + "/c\n/dev/sde1 " +
-                                      kRoot + "/e\n");
+  m.Mount("/dev/sda1", "/");
+  for (const char* disk : {"b", "c", "e"}) m.Mount(std::string("/dev/sd") + disk + "1", kRoot + "/" + disk);
   EXPECT_EQ("sdb;sde;", Codes(StoragesManager().GetBlockDevices(false)));
   EXPECT_EQ("ok[b=same;e=same;]", List(config));
   // A rescan removes only the idle sdg, once the kernel announces it (8:96).
@@ -191,10 +199,14 @@ TEST(Storages, WhichDisksAreOfferedListedAndRescanned) {
 
 TEST(Storages, PartitionMountStateSizeAndLabel) {
   const uint64_t k5GiB = 10485760;  // sectors
-  // sectors, label, where mounted ("": not); mount root|point|supported|label shown
+  // sectors, label, where mounted in turn ("": not); mount root|point|supported|label shown
   const std::tuple<uint64_t, const char*, const char*, const char*> cases[] = {
-      {2 * k5GiB, "ZLMa", "/boot", "|/boot|0|a"},
+      {2 * k5GiB, "ZLMa", "/tmp/boot", "|/tmp/boot|0|a"},
       {2 * k5GiB, "ZLMa", "/mnt/local_storages//st1", "/mnt/local_storages|st1|1|a"},
+      {2 * k5GiB, "ZLMa", "/mnt/local_storages/st 1", "/mnt/local_storages|st 1|1|a"},
+      // Mounted twice: the later mount, as lsblk shows it.
+      {2 * k5GiB, "ZLMa", "/tmp/boot;/mnt/local_storages/st1", "/mnt/local_storages|st1|1|a"},
+      {2 * k5GiB, "ZLMa", "/mnt/local_storages/st1;/tmp/boot", "|/tmp/boot|0|a"},
       {2 * k5GiB, "ZLMa", "/mnt/local_storages2/x", "/mnt/local_storages|2/x|1|a"},
       {2 * k5GiB, "ZLMa", "/mnt/local_storages", "/mnt/local_storages||1|a"},
       {k5GiB - 1, "ZLMa", "", "/mnt/local_storages||0|a"},
@@ -213,7 +225,8 @@ TEST(Storages, PartitionMountStateSizeAndLabel) {
     m.Build();
     Format("sdb1", label);
     if (sectors == 0) m.WriteFile("/sys/block/sdb/sdb1/size", "5G\n");
-    if (*mounted) m.WriteFile(kState + "/mounts", std::string("/dev/sdb1 ") + mounted + "\n");
+    std::istringstream dirs(mounted);
+    for (std::string dir; std::getline(dirs, dir, ';');) m.Mount("/dev/sdb1", dir);
     const auto p = StoragesManager().GetBlockDevices(false).at(0)->GetPartitions().at(0);
     EXPECT_EQ(expected, ToUtf8(p->GetMountRoot()) + "|" + ToUtf8(p->GetMountPoint()) + "|" +
                             std::to_string(p->IsSupported()) + "|" + ToUtf8(p->GetLabel()));

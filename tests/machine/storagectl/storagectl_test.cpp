@@ -52,7 +52,8 @@ void Build(FakeMachine& m) {
                            "/usr/sbin/mke2fs -q -F -t ext4 -L ZLMdata /dev/sdb1 && "
                            "/usr/sbin/sgdisk -n 1:2048:133119 /dev/sde >/dev/null && "
                            "/usr/sbin/mke2fs -q -F -t ext4 -L backup /dev/sde1"));
-  m.WriteFile(FakeMachine::StateDir() + "/mounts", "/dev/sda1 /\n/dev/sdb1 /mnt/local_storages/st1\n");
+  m.Mount("/dev/sda1", "/");
+  m.Mount("/dev/sdb1", "/mnt/local_storages/st1");
 }
 
 // What the terminal shows next; "" at its end or after 30 s of silence.
@@ -157,7 +158,7 @@ TEST(Storagectl, RefusesBadInputAndReportsErrorsChangingNothing) {
       {"prepare sde --yes", 1, "0x720022"},
       {"mount sdz1 st2", 1, "'sdz1'"},
       {"mount sdb1 a/b", 1, "0x720023"},
-      {"label sdb1 fourteen-bytes", 1, "too long"},
+      {"label sdb1 fourteen-bytes", 1, "0x720026"},
       {"attributes set sdb Temporary", 2, "DISK NAME VALUE"},
       {"attributes get sdz", 1, "'sdz'"},
   };

@@ -1,17 +1,20 @@
-#include <cstdio>
+#include <algorithm>
+#include <cerrno>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "core/common/message_ids.h"
 #include "core/common/unicode.h"
+#include "core/include/file/file.h"
 #include "core/linex/linux_misc.h"
 #include "core/linex/shell_quote_internal.h"
 #include "core/trace/trace_tools.h"
 #include "processor/format/format_message.h"
 #include "virtualization/common/storage/errors.h"
+#include "virtualization/common/storage/impl/mount_table.h"
 #include "virtualization/common/storage/impl/signatures.h"
 #include "virtualization/common/storage/impl/storage_internal.h"
-#include "virtualization/common/storage/impl/tool_output.h"
 #include "virtualization/common/storage/storage_manager.h"
 
 namespace Virtualization {
@@ -44,17 +47,25 @@ auto Guarded(const std::string& devicePath, const Common::ErrorLocation& where, 
   }
 }
 
-// Whether the disk or any of its partitions is mounted anywhere, as lsblk sees it.
-bool HasMountedStorage(const std::string& devicePath) {
-  const std::string command = "lsblk -n -o mountpoint " + Shell::Word(devicePath);
-  std::unique_ptr<FILE, int (*)(FILE*)> stream(POpen(command, "rt"), PClose);
-  const bool mounted = stream && Detail::AnyMountpoint(stream.get());
-  const int status = stream ? PClose(stream.release()) : -1;
-  // Not knowing is no reason to write over a disk.
-  if (status != 0)
-    Fail(Messages::FailedToInitializeStorage, devicePath, AS_PREPARE_AT(452),
-         Detail::ExternalCallError(command, status, AS_PREPARE_AT(453)));
-  return mounted;
+// Whether the disk or any of its partitions is mounted anywhere. Not knowing is no
+// reason to write over a disk: an unreadable mount table or sysfs fails.
+bool HasMountedStorage(const String& name, const std::string& devicePath) {
+  return Guarded(devicePath, AS_PREPARE_AT(452), [&] {
+    const Detail::MountTable mounts = Detail::MountTable::Read();
+    const std::string disk = Common::ToUtf8(name), dir = "/sys/block/" + disk;
+    std::vector<Detail::BlockDeviceId> devices{Detail::BlockDeviceOf(dir, devicePath)};
+    Common::Error error;
+    if (auto entries = FileSystem::Directory::Open(dir, &error)) {
+      for (FileSystem::Directory::Entry entry; entries->Next(entry);)
+        if (entry.name.compare(0, disk.size(), disk) == 0)
+          devices.push_back(Detail::BlockDeviceOf(dir + "/" + entry.name, "/dev/" + entry.name));
+      if (entries->Status() != FileSystem::kStatusEndOfDirectory) throw entries->TakeLastError();
+    } else if (FileSystem::ErrnoOf(error) != ENOENT) {
+      throw error;
+    }
+    return std::any_of(devices.begin(), devices.end(),
+                       [&](const Detail::BlockDeviceId& device) { return !mounts.MountPointOf(device).empty(); });
+  });
 }
 
 }  // namespace
@@ -68,7 +79,7 @@ Common::Error BlockDevice::CreateBackupPartition() {
   const auto step = [&](const char16_t* pattern) { TraceTools::DbgTraceInfo(Detail::kTraceStorage, pattern, devicePath); };
 
   step(u"Check for mounted storages on {0}");
-  if (HasMountedStorage(devicePath))
+  if (HasMountedStorage(name, devicePath))
     throw Common::Error(kErrorStorageInUse, Core::FormatMessage(Messages::StorageIsInUse, devicePath),
                         AS_PREPARE_AT(440));
   const Detail::DiskContents contents = Guarded(devicePath, AS_PREPARE_AT(446), [&] { return Detail::ProbeDisk(name); });
@@ -118,7 +129,7 @@ Common::Error BlockDevice::WipeSignatures() {
   const std::string devicePath = "/dev/" + Common::ToUtf8(name);
   TraceTools::Trace(Common::EventLevelNotice, Detail::kTraceStorage, u"Erasing the signatures of {0}.", devicePath);
   try {
-    if (HasMountedStorage(devicePath))
+    if (HasMountedStorage(name, devicePath))
       return Common::Error(kErrorStorageInUse, Core::FormatMessage(Messages::StorageIsInUse, devicePath),
                            AS_STORAGE_AT("WipeSignatures", 625));
     Detail::WipeDisk(name);

@@ -8,6 +8,7 @@
 #include "core/trace/trace_tools.h"
 #include "processor/format/format_message.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/disk.h"
+#include "virtualization/common/storage/impl/mount_table.h"
 #include "virtualization/common/storage/impl/storage_internal.h"
 #include "virtualization/common/storage/storage_manager.h"
 
@@ -42,6 +43,7 @@ uint64_t BlockDevice::GetDeviceSize(const String& name) {
 
 void BlockDevice::ReloadPartitions() {
   std::lock_guard<std::mutex> reload(reloadMutex);
+  const Detail::SharedMountTable mounts;  // one read for all the partitions
   const std::string narrowName = Common::ToUtf8(name);
   std::vector<std::shared_ptr<Partition>> found;
   Common::Error error;

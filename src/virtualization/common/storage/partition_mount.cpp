@@ -12,6 +12,7 @@
 #include "core/trace/trace_tools.h"
 #include "processor/format/format_message.h"
 #include "virtualization/common/storage/errors.h"
+#include "virtualization/common/storage/impl/mount_table.h"
 #include "virtualization/common/storage/impl/storage_internal.h"
 #include "virtualization/common/storage/storage_config.h"
 #include "virtualization/common/storage/storage_manager.h"
@@ -45,7 +46,10 @@ std::unique_ptr<FileSystem::Directory> OpenMountDirectory(const std::string& roo
 }  // namespace
 
 void Partition::SetMountRoot(const String& root) {
-  const String current = Common::FromUtf8(Detail::GetDeviceMointpoint("/dev/" + Common::ToUtf8(Name)));
+  const std::string name = Common::ToUtf8(Name);
+  const Detail::SharedMountTable mounts;
+  const String current = Common::FromUtf8(mounts->MountPointOf(
+      Detail::BlockDeviceOf("/sys/block/" + Common::ToUtf8(DeviceName) + "/" + name, "/dev/" + name)));
   if (root.empty()) {
     MountPoint = current;
     MountRoot.clear();

@@ -16,6 +16,7 @@
 #include "quillenmark/raw/common/scsi_disk_helpers/disk.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/attributes.h"
 #include "virtualization/common/storage/errors.h"
+#include "virtualization/common/storage/impl/mount_table.h"
 #include "virtualization/common/storage/impl/storage_internal.h"
 
 namespace Virtualization {
@@ -64,6 +65,7 @@ bool Gone(const SCSI::Disk& disk) {
 std::vector<std::shared_ptr<BlockDevice>> MakeDevices(const std::vector<SCSI::Disk>& disks) {
   std::vector<std::shared_ptr<BlockDevice>> devices;
   const TemporaryDisks temporary;
+  const Detail::SharedMountTable mounts;  // one read for all the disks' partitions
   for (const SCSI::Disk& disk : disks) {
     if (temporary.Has(disk)) continue;
     auto device = std::make_shared<BlockDevice>(BlockDevice::Private{}, disk);

@@ -78,8 +78,8 @@ class AS_EXPORT BlockDevice : public std::enable_shared_from_this<BlockDevice> {
 
   // Re-reads the partitions from sysfs. A partition that is still there keeps its
   // object; new ones come after the old. A disk gone from sysfs has none. Throws what
-  // a new Partition throws, or the file layer's error when sysfs cannot be read,
-  // leaving the list as it was.
+  // a new Partition throws, or the file layer's error when sysfs or the mount table
+  // cannot be read, leaving the list as it was.
   void ReloadPartitions();
   // Each partition handed out keeps this device alive while the caller holds it.
   std::vector<std::shared_ptr<Partition>> GetPartitions();
@@ -149,7 +149,7 @@ class AS_EXPORT Partition {
   // A partition without exactly one identifiable file system (blank, foreign, or gone
   // meanwhile) gets a zero UUID, is never supported, and is traced as a warning.
   // Throws 0x720048 when the partition cannot be read for want of descriptors, memory
-  // or rights, and the file layer's error when sysfs cannot be read.
+  // or rights, and the file layer's error when sysfs or the mount table cannot be read.
   Partition(const std::shared_ptr<BlockDevice>& device, const String& name);
   Partition(const Partition&) = delete;
   Partition& operator=(const Partition&) = delete;
@@ -168,7 +168,9 @@ class AS_EXPORT Partition {
   // with an identified file system.
   bool IsSupported() const;
 
-  // Finds out whether and where the partition is mounted, relative to `root`.
+  // Finds out whether and where the partition is mounted, relative to `root`, from the
+  // mount table as lsblk reads it (once for a whole listing). Throws the file layer's
+  // error when the table cannot be read.
   void SetMountRoot(const String& root);
   // Mounts the partition on the directory `name` below the mount root, creating it,
   // and gives an unlabelled file system the label "ZLM". `name` is one path

@@ -1,5 +1,3 @@
-#include <cstdio>
-#include <memory>
 #include <string>
 
 #include "core/common/assert.h"
@@ -7,13 +5,10 @@
 #include "core/common/message_ids.h"
 #include "core/common/unicode.h"
 #include "core/include/file/file.h"
-#include "core/linex/linux_misc.h"
 #include "core/linex/shell_quote_internal.h"
-#include "ext/include/logging/log.h"
 #include "processor/format/format_message.h"
 #include "virtualization/common/storage/errors.h"
 #include "virtualization/common/storage/impl/storage_internal.h"
-#include "virtualization/common/storage/impl/tool_output.h"
 
 namespace Virtualization {
 namespace Appliance {
@@ -31,15 +26,6 @@ Common::Error ExternalCallError(const std::string& command, int status, const Co
 }
 
 std::string DevicePath(const String& name) { return Shell::Word("/dev/" + Common::ToUtf8(name)); }
-
-std::string GetDeviceMointpoint(const std::string& path) {
-  std::unique_ptr<FILE, int (*)(FILE*)> stream(POpen("lsblk -n -o mountpoint " + Shell::Word(path), "rt"), PClose);
-  if (!stream) {
-    AS_LOG(4, AS_LOG_PREFIX "Retrieving mount point of '%s' failed", path.c_str());
-    return {};
-  }
-  return ReadMountpoint(stream.get());
-}
 
 std::string ReadSysfsFile(const std::string& path) {
   FileSystem::File file;

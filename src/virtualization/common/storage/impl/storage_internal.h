@@ -29,9 +29,6 @@ Common::Error ExternalCallError(const std::string& command, int status, const Co
 // "/dev/" and the device name, as one shell word.
 std::string DevicePath(const String& name);
 
-// The mount point of a device path through lsblk; empty when none or lsblk fails.
-std::string GetDeviceMointpoint(const std::string& path);
-
 // The whole content of a sysfs file; throws the file layer's error.
 std::string ReadSysfsFile(const std::string& path);
 // The unsigned decimal before the first line feed; 0 (and an assertion) if none.
