@@ -1,14 +1,16 @@
 // GetStoragesList and GetBlockDevices(false) on the faked machine with 1 to 256 disks,
 // each holding one mounted ext4 storage, against the tool command lines that the library
-// runs for them, started one after another by posix_spawn.
+// ran for them before it read the facts itself, started one after another by posix_spawn.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -129,7 +131,7 @@ double CpuSeconds(int who) {
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
-// The library's lines for `disks` disks: scsi_id per disk, then blkid and lsblk per
+// The lines the library ran for `disks` disks: scsi_id per disk, then blkid and lsblk per
 // partition, then (for the storage list) e2label per partition. The disks' outputs
 // must say what the library needs: a serial, a UUID, the mount point and the label.
 // findmnt stands in for lsblk, which finds no block devices here: the same table read
@@ -173,13 +175,27 @@ bool BlockDevices(int disks) {
 
 struct Side {
   double wall = 0, self = 0, tools = 0;  // seconds summed over the iterations
+  uint64_t processes = UINT64_MAX;       // the fewest the machine made during one run
 };
+
+// Processes (and threads) the kernel made since boot, machine-wide: the fewest seen over
+// a side's runs is what the side itself made, whatever else ran meanwhile.
+uint64_t ProcessesMade() {
+  std::ifstream stat("/proc/stat");
+  std::string key;
+  uint64_t value = 0;
+  while (stat >> key && key != "processes") stat.ignore(1 << 16, '\n');
+  stat >> value;
+  return value;
+}
 
 bool Timed(bool (*run)(int), int disks, Side& side) {
   const double self = CpuSeconds(RUSAGE_SELF), tools = CpuSeconds(RUSAGE_CHILDREN);
+  const uint64_t made = ProcessesMade();
   const auto start = std::chrono::steady_clock::now();
   const bool ok = run(disks);
   side.wall += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  side.processes = std::min(side.processes, ProcessesMade() - made);
   side.self += CpuSeconds(RUSAGE_SELF) - self;
   side.tools += CpuSeconds(RUSAGE_CHILDREN) - tools;
   return ok;
@@ -217,6 +233,8 @@ void Paired(benchmark::State& state, bool (*library)(int), bool (*baseline)(int)
   state.counters["per_disk_ms"] = C(lib.wall * 1e3 / disks, C::kAvgIterations);
   state.counters["self_us"] = C(lib.self * 1e6 / disks, C::kAvgIterations);
   state.counters["base_self_us"] = C(base.self * 1e6 / disks, C::kAvgIterations);
+  state.counters["processes"] = static_cast<double>(lib.processes);
+  state.counters["base_processes"] = static_cast<double>(base.processes);
 }
 
 }  // namespace

@@ -1,13 +1,19 @@
 // Faults on the appliance VM's two 12 GiB disks (../CMakeLists.txt), in order: both become storages,
 // each leaves the kernel during a listing, the second's storage is unmounted while busy, the first's
 // partition is mounted write-protected, then holding swap. Checked against the kernel.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/fanotify.h>
 #include <unistd.h>
+
+#include <atomic>
 
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "../../support/child.h"
 #include "../../support/error_text.h"
@@ -48,30 +54,58 @@ void ExpectNothingLeft() {
   EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD);
 }
 
-// Both disks become storages. Then blkid, the first tool of a listing after the enumeration,
-// deletes the armed disk before it runs.
+// Deletes `victim` from the kernel the moment someone opens `node` (a sysfs file: device
+// nodes raise no permission events), holding the open back until the disk is gone, so that
+// a listing meets it mid-way.
+class DeleteOnOpen {
+ public:
+  DeleteOnOpen(const std::string& node, const std::string& victim)
+      : fd_(fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY)), thread_([this, victim] { Serve(victim); }) {
+    EXPECT_EQ(0, fanotify_mark(fd_, FAN_MARK_ADD, FAN_OPEN_PERM, AT_FDCWD, node.c_str()));
+  }
+  ~DeleteOnOpen() {
+    stop_ = true;
+    thread_.join();
+    close(fd_);
+  }
+  bool Done() const { return done_; }
+
+ private:
+  void Serve(const std::string& victim) {
+    for (pollfd ready{fd_, POLLIN, 0}; !stop_;) {
+      if (poll(&ready, 1, 50) != 1) continue;
+      fanotify_event_metadata event{};
+      if (read(fd_, &event, sizeof event) != sizeof event) continue;
+      if (!done_) std::ofstream("/sys/block/" + victim + "/device/delete") << "1\n", done_ = true;
+      const fanotify_response allow{event.fd, FAN_ALLOW};
+      EXPECT_EQ(sizeof allow, static_cast<size_t>(write(fd_, &allow, sizeof allow)));
+      close(event.fd);
+    }
+  }
+  const int fd_;
+  std::atomic<bool> stop_{false}, done_{false};
+  std::thread thread_;
+};
+
+// Both disks become storages. Then a listing, as it reads the first storage's size (after
+// probing its file system), finds a disk gone.
 TEST(Faults, ADiskLeavingTheKernelDuringAListing) {
   for (const auto& disk : Manager().GetBlockDevices(false)) ASSERT_EQ("ok", ChainCodes(disk->CreateBackupPartition()));
   ASSERT_EQ(kDisk1 + ":1," + kDisk2 + ":1,", Offered());
-  fs::create_directories("/tmp/zl_bin");
-  std::ofstream("/tmp/zl_bin/blkid") << "#!/bin/bash\nread -r d < /tmp/zl_arm && rm /tmp/zl_arm &&\n"
-                                        "echo 1 > /sys/block/$d/device/delete\nPATH=${PATH#*:}\nexec blkid \"$@\"\n";
-  fs::permissions("/tmp/zl_bin/blkid", fs::perms::owner_all);
-  const std::string path = std::getenv("PATH");
-  ASSERT_EQ(0, setenv("PATH", ("/tmp/zl_bin:" + path).c_str(), 1));
   const std::pair<std::string, std::string> cases[] = {
       {kDisk1, kDisk2 + ":1,"},  // the disk being probed: what was read of it may be half, left out
       {kDisk2, kDisk1 + ":1,"},  // the next one: no size, no partitions, left out
   };
   for (const auto& [victim, listed] : cases) {
     SCOPED_TRACE(victim);
-    std::ofstream("/tmp/zl_arm") << victim << "\n";
-    EXPECT_EQ(listed, Offered());
-    EXPECT_FALSE(fs::exists("/tmp/zl_arm") || fs::exists("/sys/block/" + victim));
+    {
+      const DeleteOnOpen trap("/sys/block/" + kDisk1 + "/" + kDisk1 + "1/size", victim);
+      EXPECT_EQ(listed, Offered());
+      EXPECT_TRUE(trap.Done() && !fs::exists("/sys/block/" + victim));
+    }
     EXPECT_EQ(kDisk1 + ":1," + kDisk2 + ":1,", Offered(true));
     ExpectNothingLeft();
   }
-  ASSERT_EQ(0, setenv("PATH", path.c_str(), 1));
 }
 
 // A user's working directory inside holds the storage mounted, as the library knows it.

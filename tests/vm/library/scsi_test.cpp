@@ -143,7 +143,7 @@ TEST(RealKernel, ListingSaysWhatTheToolsPrint) {
       "p ',64M,83\\n,64M,83\\n' dos && f ext4 -L plain ${D}1 && f ext4 -L \"$L6\" ${D}2 &&"
       " m ${D}2 /mnt/local_storages/st2",
       "p ',64M\\n,64M\\n' && f ext4 -L \"$L5\" ${D}1 && mkswap -q ${D}2",
-      "p ',64M\\n' && f ext4 ${D}1 && m ${D}1 /mnt/local_storages2"};  // beside the root, not below
+      "p ',64M\\n' && f ext4 ${D}1 && m ${D}1 /mnt/plain"};
   const auto devices = StoragesManager().GetBlockDevices(false);
   ASSERT_EQ(std::size(setups), devices.size());
   for (size_t i = 0; i < devices.size(); ++i)
