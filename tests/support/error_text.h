@@ -18,10 +18,9 @@ inline std::string ChainText(Common::Error e) {
 // call's exit status or an errno; "ok" for no error.
 inline std::string ChainCodes(const Common::Error& e) {
   if (!e) return "ok";
-  const std::string text = Common::ToUtf8(e.GetText());
   std::ostringstream out;
   out << "0x" << std::uppercase << std::hex << e.GetCode() << std::dec;
-  if (e.GetCode() == 0x720004) out << "(" << std::stoi(text.substr(text.rfind(' '))) << ")";
+  if (e.GetCode() == 0x720004) out << "(" << e.GetNumericField("status") << ")";
   if (e.GetCode() == Common::Error::kPosixCode) out << "(" << e.GetNumericField("code") << ")";
   if (e.GetCode() >> 16 == 0x72) out << "@" << e.GetLocation().line;
   return e.GetCause() ? out.str() + ">" + ChainCodes(e.GetCause()) : out.str();

@@ -269,7 +269,6 @@ bool FakeMachine::EnterNamespace() {
       g_kept.emplace_back(kept, ::open(kept.c_str(), O_PATH | O_CLOEXEC));
       if (g_kept.back().second < 0) throw std::runtime_error("open " + kept + ": " + std::strerror(errno));
     }
-    MountOrThrow("/bin/dash", "/bin/sh", nullptr, MS_BIND);  // stock Debian's shell, whatever the host's is
     if (!fs::exists("/etc/Zemlora")) {  // something to mount on: an overlay over /etc, in this namespace only
       MountOrThrow("none", "/tmp", "tmpfs", 0, "mode=0755");
       for (const char* dir : {"/tmp/etc_upper", "/tmp/etc_work"}) fs::create_directories(dir);

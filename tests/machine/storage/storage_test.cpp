@@ -1,6 +1,7 @@
 // Storages on the faked machine: a blank disk prepared, mounted, listed and unmounted,
 // names and labels that stay data; the disks and partitions that count as storages.
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +12,7 @@
 #include <tuple>
 
 #include "core/common/assert.h"
+#include "core/linex/run_tool.h"
 #include "lx_supp.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/notification.h"
 #include "storage_checks.h"
@@ -33,6 +35,19 @@ void Format(const std::string& partition, const std::string& label) {
   ASSERT_EQ("", Output("/sbin/mke2fs -q -F -t ext4 -L '" + label + "' /dev/" + partition + " 2>&1"));
 }
 
+// /bin/sh fails while this lives, so that whatever needs a shell fails too (the fake tools
+// are bash scripts). Where /bin/sh is bash itself nothing is changed.
+struct NoShell {
+  NoShell() : path(fs::canonical("/bin/sh")) {
+    bound = path.filename() != "bash" && ::mount("/bin/false", path.c_str(), nullptr, MS_BIND, nullptr) == 0;
+  }
+  ~NoShell() {
+    if (bound) ::umount2(path.c_str(), MNT_DETACH);
+  }
+  const fs::path path;
+  bool bound;
+};
+
 std::string Ran(const FakeMachine& m) {  // the tools that write to a disk that ran
   std::string ran;
   for (const std::string tool : {"dd", "gdisk", "mke2fs"})
@@ -40,10 +55,13 @@ std::string Ran(const FakeMachine& m) {  // the tools that write to a disk that 
   return ran;
 }
 
+// With no working /bin/sh: the tools get their arguments as vectors.
 TEST(Storages, ABlankDiskIsPreparedMountedListedAndUnmounted) {
   AS_FAKE_MACHINE(m);
   AddDisk(m, "sdc");
   m.Build();
+  const NoShell noShell;
+  ASSERT_TRUE(noShell.bound || noShell.path.filename() == "bash") << noShell.path;
   const Devices devices = StoragesManager().GetBlockDevices(false);
   ASSERT_EQ("sdc;", Codes(devices));
   ASSERT_EQ("ok", Outcome([&] { return devices[0]->CreateBackupPartition(); }));
@@ -56,6 +74,10 @@ TEST(Storages, ABlankDiskIsPreparedMountedListedAndUnmounted) {
   EXPECT_EQ("ok[st1=data;] ok[st1=data;]", List(before) + " " + List());  // the old one still works
   ASSERT_FALSE(partition->Unmount());
   EXPECT_EQ("ok[]", List());
+  EXPECT_EQ((std::vector<std::string>{"dd if=/dev/zero of=/dev/sdc bs=512 count=1", "gdisk /dev/sdc",
+                                      "mke2fs -t ext4 -L ZLM /dev/sdc1", "mount -t auto /dev/sdc1 /mnt/local_storages/st1",
+                                      "umount /dev/sdc1"}),
+            m.Calls());  // tune2fs is the real one, and a listing runs none
   // Labels and names are data, never shell code, and only single directory names. The
   // tools run in /tmp, where an injection would create the file c.
   WriteText(kRoot + "/file", "");
@@ -66,7 +88,7 @@ TEST(Storages, ABlankDiskIsPreparedMountedListedAndUnmounted) {
   for (const char* text : {"\"'\\", "$(>c)", "`>c`", "x;>c", "x|>c", "x&&>c", " * ?", "$HOME!", "x\n>c"}) {
     SCOPED_TRACE(text);
     ASSERT_FALSE(partition->SetLabel(Common::FromUtf8(text)));
-    EXPECT_EQ(std::string("ZLM") + text + "\n", Output("e2label /dev/sdc1"));
+    EXPECT_EQ(std::string("ZLM") + text + "\n", LinuxEx::RunTool({"e2label", "/dev/sdc1"}).output);
     ASSERT_FALSE(partition->Mount(Common::FromUtf8(text)));
     // A listing finds it there, the mount table's escapes undone.
     EXPECT_EQ(text, ToUtf8(StoragesManager().GetBlockDevices(false).at(0)->GetPartitions().at(0)->GetMountPoint()));

@@ -41,11 +41,9 @@ std::string Read(const std::string& path) {
 }
 
 // The identifier made from scsi_id's ID_SCSI_SERIAL; zero without one.
-GUID ScsiIdGuid(std::string out) {
-  FILE* stream = fmemopen(&out[0], out.size(), "r");
+GUID ScsiIdGuid(const std::string& out) {
   GUID id;
-  (void)SCSI::Detail::ReadScsiSerial(stream, String(), id);
-  std::fclose(stream);
+  (void)SCSI::Detail::ReadScsiSerial(out, String(), id);
   return id;
 }
 

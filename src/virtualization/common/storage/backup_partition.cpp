@@ -7,8 +7,6 @@
 #include "core/common/message_ids.h"
 #include "core/common/unicode.h"
 #include "core/include/file/file.h"
-#include "core/linex/linux_misc.h"
-#include "core/linex/shell_quote_internal.h"
 #include "core/trace/trace_tools.h"
 #include "processor/format/format_message.h"
 #include "virtualization/common/storage/errors.h"
@@ -31,10 +29,9 @@ namespace {
   throw error;
 }
 
-void Run(const std::string& command, TextFromMessageFile message, const std::string& devicePath,
-         const Common::ErrorLocation& where) {
-  const int status = RunCommand(command);
-  if (status != 0) Fail(message, devicePath, where, Detail::ExternalCallError(command, status, where));
+void Run(const std::vector<std::string>& argv, TextFromMessageFile message, const std::string& devicePath,
+         const Common::ErrorLocation& where, const std::string& input = std::string()) {
+  if (Common::Error failed = Detail::RunTool(argv, where, input)) Fail(message, devicePath, where, failed);
 }
 
 // `probe()`, its error wrapped as a failed preparation.
@@ -91,21 +88,19 @@ Common::Error BlockDevice::CreateBackupPartition() {
                        Core::FormatMessage(Messages::DiskMayHoldData, devicePath, Detail::Describe(contents)),
                        AS_PREPARE_AT(448)));
 
-  const std::string device = Shell::Word(devicePath);
   step(u"Cleanup {0}");
   // gdisk keeps an old GPT's backup header, and then answers other questions.
   if (!contents.tables.empty() || contents.partitions > 0)
     Guarded(devicePath, AS_PREPARE_AT(473), [&] { return Detail::WipeDisk(name), 0; });
-  Run("dd if=/dev/zero of=" + device + " bs=512 count=1 2>/dev/null", Messages::FailedToInitializeStorage, devicePath,
+  Run({"dd", "if=/dev/zero", "of=" + devicePath, "bs=512", "count=1"}, Messages::FailedToInitializeStorage, devicePath,
       AS_PREPARE_AT(474));
   step(u"Marking up {0}");
-  // printf, not echo -e: any POSIX shell interprets these escapes.
-  Run("printf 'n\\n1\\n\\n\\n\\nw\\ny\\n' | gdisk " + device, Messages::FailedToInitializeStorage, devicePath,
-      AS_PREPARE_AT(481));
+  // A new partition 1 over the whole disk, the default type, written without asking.
+  Run({"gdisk", devicePath}, Messages::FailedToInitializeStorage, devicePath, AS_PREPARE_AT(481), "n\n1\n\n\n\nw\ny\n");
   step(u"Formatting {0}");
   // Labelled from the start: a cut before the label step must not leave a file system
   // that looks foreign.
-  Run("mke2fs -t ext4 -L " + Common::ToUtf8(Detail::kLabelPrefix) + " " + Shell::Word(devicePath + "1"),
+  Run({"mke2fs", "-t", "ext4", "-L", Common::ToUtf8(Detail::kLabelPrefix), devicePath + "1"},
       Messages::FailedToInitializeStorageUnquoted, devicePath, AS_PREPARE_AT(488));
 
   ReloadPartitions();

@@ -7,8 +7,6 @@
 #include "core/common/message_ids.h"
 #include "core/common/unicode.h"
 #include "core/include/file/file.h"
-#include "core/linex/linux_misc.h"
-#include "core/linex/shell_quote_internal.h"
 #include "core/trace/trace_tools.h"
 #include "processor/format/format_message.h"
 #include "virtualization/common/storage/errors.h"
@@ -97,13 +95,12 @@ Common::Error Partition::SetLabel(const String& label) {
                                  AS_STORAGE_AT("SetLabel", 321)));
   TraceTools::Trace(Common::EventLevelNotice, Detail::kTraceLabels, u"Assigning label '{0}' to storage '{1}'.", full,
                     Name);
-  const std::string command =
-      "tune2fs " + Detail::DevicePath(Name) + " -L \"" + Shell::InDoubleQuotes(Common::ToUtf8(full)) + "\"";
-  const int status = RunCommand(command);
-  if (status == 0) return {};
+  const Common::Error failed =
+      Detail::RunTool({"tune2fs", Detail::DevicePath(Name), "-L", Common::ToUtf8(full)}, AS_STORAGE_AT("SetLabel", 323));
+  if (!failed) return {};
   return Common::Error(kErrorSetLabel, Core::FormatMessage(Messages::FailedToAssignLabel, full, Name),
                        AS_STORAGE_AT("SetLabel", 322))
-      .WithCause(Detail::ExternalCallError(command, status, AS_STORAGE_AT("SetLabel", 323)));
+      .WithCause(failed);
 }
 
 std::string Partition::GetDeprecatedVolumeId() const {

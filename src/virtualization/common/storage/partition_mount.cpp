@@ -7,8 +7,6 @@
 #include "core/common/message_ids.h"
 #include "core/common/unicode.h"
 #include "core/include/file/file.h"
-#include "core/linex/linux_misc.h"
-#include "core/linex/shell_quote_internal.h"
 #include "core/trace/trace_tools.h"
 #include "processor/format/format_message.h"
 #include "virtualization/common/storage/errors.h"
@@ -94,12 +92,11 @@ Common::Error Partition::Mount(const String& name) {
 Common::Error Partition::DoMount(const String& path) {
   TraceTools::Trace(Common::EventLevelNotice, Detail::kTraceStorage, u"Mounting local storage '{0}' to '{1}'.", Name,
                     path);
-  const std::string command = "mount -t auto " + Detail::DevicePath(Name) + " " + Shell::Word(Common::ToUtf8(path));
-  const int status = RunCommand(command);
-  if (status != 0)
+  if (Common::Error failed = Detail::RunTool({"mount", "-t", "auto", Detail::DevicePath(Name), Common::ToUtf8(path)},
+                                             AS_STORAGE_AT("DoMount", 371)))
     return Common::Error(kErrorMount, Core::FormatMessage(Messages::FailedToMountStorage, Name, path),
                          AS_STORAGE_AT("DoMount", 370))
-        .WithCause(Detail::ExternalCallError(command, status, AS_STORAGE_AT("DoMount", 371)));
+        .WithCause(failed);
   MigrationManagement::StorageConfig::ResetCurrentStorageConfig();
   const String label = GetLabelImpl();
   if (Detail::HasLabelPrefix(label)) return {};
@@ -137,12 +134,11 @@ Common::Error Partition::Unmount() {
 
 Common::Error Partition::DoUnmount() {
   TraceTools::Trace(Common::EventLevelNotice, Detail::kTraceLabels, u"Unmounting local storage '{0}'.", Name);
-  const std::string command = "umount " + Detail::DevicePath(Name);
-  const int status = RunCommand(command);
-  if (status == 0) return {};
+  const Common::Error failed = Detail::RunTool({"umount", Detail::DevicePath(Name)}, AS_STORAGE_AT("DoUnmount", 359));
+  if (!failed) return {};
   return Common::Error(kErrorUnmount, Core::FormatMessage(Messages::FailedToUnmountStorage, Name),
                        AS_STORAGE_AT("DoUnmount", 358))
-      .WithCause(Detail::ExternalCallError(command, status, AS_STORAGE_AT("DoUnmount", 359)));
+      .WithCause(failed);
 }
 
 }  // namespace Appliance

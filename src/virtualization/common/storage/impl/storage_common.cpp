@@ -5,7 +5,7 @@
 #include "core/common/message_ids.h"
 #include "core/common/unicode.h"
 #include "core/include/file/file.h"
-#include "core/linex/shell_quote_internal.h"
+#include "core/linex/run_tool.h"
 #include "processor/format/format_message.h"
 #include "virtualization/common/storage/errors.h"
 #include "virtualization/common/storage/impl/storage_internal.h"
@@ -18,14 +18,18 @@ const String kLabelPrefix = Common::Str(u"ZLM");
 
 bool HasLabelPrefix(const String& label) { return label.compare(0, kLabelPrefix.size(), kLabelPrefix) == 0; }
 
-Common::Error ExternalCallError(const std::string& command, int status, const Common::ErrorLocation& where) {
+Common::Error RunTool(const std::vector<std::string>& argv, const Common::ErrorLocation& where,
+                      const std::string& input) {
+  const LinuxEx::ToolRun run = LinuxEx::RunTool(argv, input);
+  if (run.status == 0) return {};
   // The status as text: a bare number would take the locale's digit grouping.
   return Common::Error(kErrorExternalCall,
-                       Core::FormatMessage(Messages::ExternalCallReturnsErrorCode, command, std::to_string(status)),
-                       where);
+                       Core::FormatMessage(Messages::ExternalCallReturnsErrorCode, LinuxEx::CommandText(argv, input),
+                                           std::to_string(run.status)),
+                       where, {{"status", int64_t{run.status}}});
 }
 
-std::string DevicePath(const String& name) { return Shell::Word("/dev/" + Common::ToUtf8(name)); }
+std::string DevicePath(const String& name) { return "/dev/" + Common::ToUtf8(name); }
 
 std::string ReadSysfsFile(const std::string& path) {
   FileSystem::File file;

@@ -3,6 +3,7 @@
 // label prefix, and the helpers for tools and sysfs.
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "core/common/error.h"
 #include "core/common/ustring.h"
@@ -23,10 +24,14 @@ constexpr int32_t kTraceLabels = 189;
 extern const String kLabelPrefix;
 bool HasLabelPrefix(const String& label);
 
-// kErrorExternalCall for `command` that exited with `status`.
-Common::Error ExternalCallError(const std::string& command, int status, const Common::ErrorLocation& where);
+// Runs the tool `argv` with `input` on its standard input, no shell between. Returns
+// kErrorExternalCall when it did not end with status 0: the command as an administrator
+// would type it in the text, the exit status (-1 not started or killed, 127 not found)
+// as the field "status".
+Common::Error RunTool(const std::vector<std::string>& argv, const Common::ErrorLocation& where,
+                      const std::string& input = std::string());
 
-// "/dev/" and the device name, as one shell word.
+// "/dev/" and the device name.
 std::string DevicePath(const String& name);
 
 // The whole content of a sysfs file; throws the file layer's error.

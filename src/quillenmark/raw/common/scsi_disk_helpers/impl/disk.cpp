@@ -19,8 +19,7 @@
 #include "core/common/unicode.h"
 #include "core/include/file/descriptor.h"
 #include "core/include/file/file.h"
-#include "core/linex/linux_misc.h"
-#include "core/linex/shell_quote_internal.h"
+#include "core/linex/run_tool.h"
 #include "core/trace/trace_tools.h"
 #include "dsk_supp.h"
 #include "processor/format/format_message.h"
@@ -45,7 +44,6 @@ DiskSubsystem::~DiskSubsystem() = default;
 namespace {
 
 constexpr uint32_t kChangeTimeoutMs = 600000;  // ten minutes
-constexpr char kSerialCommand[] = "scsi_id --page=0x83 --export --whitelisted --device=";
 constexpr char kSerialKey[] = "ID_SCSI_SERIAL=";
 constexpr size_t kInquiryBytes = 254;  // scsi_id's buffer: what it sees of a page
 
@@ -271,12 +269,17 @@ Common::Error DiskSubsystemImpl::GetScsiSerialID(const String& devicePath, GUID&
   if (ReadUnitSerialPage(device, page)) {
     empty = Detail::ParseScsiSerial(Detail::UnitSerialText(page.data(), page.size()) + "\n", devicePath, id);
   } else {
-    FILE* stream = POpen(kSerialCommand + Shell::Word(device), "rt");
-    if (stream == nullptr)
+    const LinuxEx::ToolRun run =
+        LinuxEx::RunTool({"scsi_id", "--page=0x83", "--export", "--whitelisted", "--device=" + device});
+    if (!run.started)
       return Common::Error(kErrorScsiIdFailed, Core::FormatMessage(Messages::FailedToGetScsiId, devicePath),
                            AS_LOCATION("GetScsiSerialID", 499));
-    empty = Detail::ReadScsiSerial(stream, devicePath, id);
-    PClose(stream);
+    // A failed scsi_id leaves the disk without identity, as one that printed none.
+    if (run.status != 0)
+      id = GUID(), empty = Common::Error(kErrorScsiIdFailed, Core::FormatMessage(Messages::FailedToGetScsiId, devicePath),
+                            AS_LOCATION("GetScsiSerialID", 500), {{"status", int64_t{run.status}}});
+    else
+      empty = Detail::ReadScsiSerial(run.output, devicePath, id);
   }
   if (empty) TraceErrorObject(Common::EventLevelNotice, empty);
   return Common::Error();
@@ -334,17 +337,10 @@ std::shared_ptr<DiskSubsystem> CreateDiskSubsystem() { return std::make_shared<D
 
 namespace Detail {
 
-Common::Error ReadScsiSerial(FILE* scsiId, const String& devicePath, GUID& id) {
-  std::string value;
-  bool seen = false;
-  char line[1024];
-  while (!seen && std::fgets(line, sizeof line, scsiId) != nullptr) {
-    if (std::strncmp(line, kSerialKey, sizeof kSerialKey - 1) == 0) {
-      value = line + sizeof kSerialKey - 1;  // line feed included
-      seen = true;
-    }
-  }
-  return ParseScsiSerial(value, devicePath, id);
+Common::Error ReadScsiSerial(const std::string& output, const String& devicePath, GUID& id) {
+  const std::string key = std::string("\n") + kSerialKey;
+  const size_t at = ("\n" + output).find(key);
+  return ParseScsiSerial(at == std::string::npos ? std::string() : output.substr(at + key.size() - 1), devicePath, id);
 }
 
 Common::Error ParseScsiSerial(const std::string& value, const String& devicePath, GUID& id) {

@@ -2,7 +2,6 @@
 // Readers of the text the disk subsystem takes from outside (scsi_id's output and
 // sysfs), apart from reading it: each stands any bytes.
 #include <cstdint>
-#include <cstdio>
 #include <string>
 #include <string_view>
 
@@ -13,10 +12,10 @@
 namespace SCSI {
 namespace Detail {
 
-// `scsi_id --export`: the identifier of its first line that begins "ID_SCSI_SERIAL=",
-// dashed or 32 hex digits. When there is none that parses, `id` is all zero and the
-// returned kErrorScsiIdEmpty names `devicePath`; the caller only traces it.
-Common::Error ReadScsiSerial(FILE* scsiId, const String& devicePath, GUID& id);
+// The output of `scsi_id --export`: the identifier of its first line that begins
+// "ID_SCSI_SERIAL=", dashed or 32 hex digits. When there is none that parses, `id` is all
+// zero and the returned kErrorScsiIdEmpty names `devicePath`; the caller only traces it.
+Common::Error ReadScsiSerial(const std::string& output, const String& devicePath, GUID& id);
 
 // The same for a value that follows "ID_SCSI_SERIAL=", read as far as its first line feed
 // (kept), as a line reader does; "" stands for no such line.
