@@ -10,6 +10,7 @@
 #include "core/common/message_ids.h"
 #include "core/common/message_text.h"
 #include "core/common/module_internal.h"
+#include "core/common/trace_codes.h"
 #include "core/trace/trace_tools.h"
 #include "resource_api.h"
 
@@ -38,7 +39,7 @@ namespace {
 
 constexpr uint32_t kMessageTableMagic = 1636;
 constexpr size_t kHeaderWords = 3;  // size, magic, message count
-constexpr int32_t kTraceMessages = 215;  // the library's own area
+constexpr int32_t kTraceMessages = TraceCodes::kStorage;  // the library's own area
 
 uint32_t Word(const void* table, size_t index) {
   uint32_t w;

@@ -30,21 +30,6 @@ const String kTemporaryAttribute = Common::Str(u"Temporary");
 // Smaller disks, and those whose size could not be read, never hold storages.
 constexpr uint64_t kMinimumDiskSize = 10737418240;  // 10 GiB
 
-// Creates `path` and any missing parent. An existing directory is fine.
-void CreateDirectories(const std::string& path) {
-  if (FileSystem::Directory::Open(path)) return;
-  const size_t slash = path.find_last_of('/');
-  const std::string parent = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-  if (slash != std::string::npos && slash != 0) CreateDirectories(parent);
-  Common::Error error;
-  auto dir = FileSystem::Directory::Open(parent, &error);
-  if (!dir) throw error;
-  if (dir->CreateDir(path.substr(slash + 1))) return;
-  error = dir->TakeLastError();
-  // Made by someone else meanwhile: as good.
-  if (!FileSystem::Directory::Open(path)) throw error;
-}
-
 // Read once per listing: a lookup per disk would read the whole registry each time.
 class TemporaryDisks {
  public:
@@ -93,7 +78,9 @@ void Check(const Common::Error& error) {
 
 }  // namespace
 
-StoragesManager::StoragesManager() { CreateDirectories(Common::ToUtf8(PartitionsMountRoot)); }
+StoragesManager::StoragesManager() {
+  if (Common::Error error = FileSystem::CreateDirectories(Common::ToUtf8(PartitionsMountRoot))) throw error;
+}
 
 std::vector<std::shared_ptr<BlockDevice>> StoragesManager::GetBlockDevices(bool rescan) const {
   try {

@@ -8,10 +8,12 @@
 // layer's error as cause.
 #include <cstdint>
 
+#include "core/common/trace_codes.h"
+
 namespace SCSI {
 
 // Event code of every trace of the subsystem.
-constexpr int32_t kTraceCode = 83;
+constexpr int32_t kTraceCode = TraceCodes::kDisks;
 
 // An operation of the disk subsystem failed; also the subsystem's internal failures
 // (a host scan that could not be started, no device notifications).

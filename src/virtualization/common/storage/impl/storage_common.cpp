@@ -32,14 +32,10 @@ Common::Error RunTool(const std::vector<std::string>& argv, const Common::ErrorL
 std::string DevicePath(const String& name) { return "/dev/" + Common::ToUtf8(name); }
 
 std::string ReadSysfsFile(const std::string& path) {
-  FileSystem::File file;
-  if (Common::Error e = FileSystem::File::Open(path, FileSystem::File::kRead, file)) throw e;
   std::string content;
-  char chunk[256];
-  for (size_t count = 0;; content.append(chunk, count)) {
-    if (Common::Error e = file.Read(chunk, sizeof chunk, count)) throw e;
-    if (count == 0) return content;
-  }
+  // A sysfs attribute is at most a page.
+  if (Common::Error e = FileSystem::ReadFile(path, 4096, content)) throw e;
+  return content;
 }
 
 uint64_t ReadSysfsNumber(const std::string& content) {

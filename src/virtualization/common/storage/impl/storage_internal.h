@@ -7,6 +7,7 @@
 
 #include "core/common/error.h"
 #include "core/common/ustring.h"
+#include "core/common/trace_codes.h"
 
 // Every error of the storage classes names this file, whichever source raised it.
 #define AS_STORAGE_AT(function, line) \
@@ -17,8 +18,8 @@ namespace Appliance {
 namespace Detail {
 
 // Trace event codes: the manager, devices and partitions; unmount and labels.
-constexpr int32_t kTraceStorage = 215;
-constexpr int32_t kTraceLabels = 189;
+constexpr int32_t kTraceStorage = TraceCodes::kStorage;
+constexpr int32_t kTraceLabels = TraceCodes::kLabels;
 
 // Every label the library writes starts with it.
 extern const String kLabelPrefix;
