@@ -2,10 +2,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 
 #include "core/common/module.h"
 #include "core/common/unicode.h"
+#include "core/linex/create_process.h"
 #include "storagectl.h"
 #include "virtualization/common/storage/storage_config.h"
 
@@ -26,18 +26,6 @@ const char* const kTools[][2] = {
      "install udev; it lives in /lib/udev, which is rarely in PATH: add it, or link scsi_id into /usr/local/sbin"},
 };
 
-std::string FindInPath(const std::string& tool) {
-  const char* path = std::getenv("PATH");
-  const std::string dirs = path ? path : "";
-  for (size_t start = 0, end = 0; end != std::string::npos; start = end + 1) {
-    end = dirs.find(':', start);
-    const std::string dir = dirs.substr(start, end == std::string::npos ? end : end - start);
-    const std::string file = (dir.empty() ? "." : dir) + "/" + tool;
-    if (access(file.c_str(), X_OK) == 0) return file;
-  }
-  return "";
-}
-
 bool IsDirectory(const std::string& path, int access_mode) {
   struct stat st;
   return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && access(path.c_str(), access_mode) == 0;
@@ -53,7 +41,7 @@ Json Doctor() {
     all = all && ok;
   };
   check("root", geteuid() == 0, "run as root: the library partitions, mounts and writes to sysfs");
-  for (const auto& tool : kTools) check(tool[0], !FindInPath(tool[0]).empty(), std::string("not in PATH: ") + tool[1]);
+  for (const auto& tool : kTools) check(tool[0], !ChildProcess::FindProgram(tool[0]).empty(), std::string("not in PATH: ") + tool[1]);
   const std::string root = Common::ToUtf8(MigrationManagement::StorageConfig::GetStoragesRoot());
   // The library makes the root on first use: a missing one under a writable parent is fine.
   const bool rootUsable = IsDirectory(root, W_OK) || (access(root.c_str(), F_OK) != 0 &&

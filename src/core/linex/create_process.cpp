@@ -4,6 +4,7 @@
 #include "core/linex/create_process.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -229,6 +230,20 @@ int32_t ChildProcess::WaitProcess(int32_t pid) {
   const pid_t result = TEMP_FAILURE_RETRY(waitpid(pid, &status, 0));
   if (result != pid || !WIFEXITED(status)) return -1;
   return WEXITSTATUS(status);
+}
+
+std::string ChildProcess::FindProgram(const std::string& file) {
+  char fallback[kPathMax + 2];
+  std::string found;
+  const auto executable = [](const char* path, void* out) {
+    struct stat st;
+    if (::stat(path, &st) != 0 || access(path, X_OK) != 0) return errno;
+    if (!S_ISREG(st.st_mode)) return EACCES;  // as execve finds a directory
+    *static_cast<std::string*>(out) = path;
+    return 0;
+  };
+  LinuxEx::Detail::SearchPath(file.c_str(), SearchPath(fallback), executable, &found);
+  return found;
 }
 
 int ChildProcess::ExecSearchPath(const char* file, char* const argv[], char* const envp[]) {

@@ -81,6 +81,8 @@ class AS_EXPORT ChildProcess {
   // execve() with a PATH search (PATH unset: the current directory, then the system
   // path). Returns -1 with errno set, and only on failure.
   static int ExecSearchPath(const char* file, char* const argv[], char* const envp[]);
+  // The path that Args = {file} would run: found as ExecSearchPath looks; empty when none.
+  static std::string FindProgram(const std::string& file);
 
  private:
   void CleanupRedirections();

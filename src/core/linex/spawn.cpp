@@ -159,15 +159,12 @@ AS_CHILD_CODE bool TryNext(int err, bool& denied) {
 
 }  // namespace
 
-AS_CHILD_CODE int ExecSearch(const char* file, const char* searchPath, char* const argv[], char* const envp[]) {
+AS_CHILD_CODE int SearchPath(const char* file, const char* searchPath, int (*attempt)(const char* path, void* context),
+                             void* context) {
   if (file == nullptr || *file == '\0') return ENOENT;
   const size_t nameLength = Length(file);
-  for (const char* c = file; *c != '\0'; ++c) {
-    if (*c == '/') {
-      syscall(SYS_execve, file, argv, envp);
-      return errno;
-    }
-  }
+  for (const char* c = file; *c != '\0'; ++c)
+    if (*c == '/') return attempt(file, context);
   bool denied = false;
   int err = ENOENT;
   for (const char* element = searchPath;; ++element) {
@@ -185,13 +182,33 @@ AS_CHILD_CODE int ExecSearch(const char* file, const char* searchPath, char* con
       candidate[at] = '\0';
       target = candidate;
     }
-    syscall(SYS_execve, target, argv, envp);
-    err = errno;
+    err = attempt(target, context);
+    if (err == 0) return 0;
     if (!TryNext(err, denied)) return err;
     if (*end == '\0') break;
     element = end;
   }
   return denied ? EACCES : err;
+}
+
+namespace {
+
+struct ExecArguments {
+  char* const* argv;
+  char* const* envp;
+};
+
+AS_CHILD_CODE int Exec(const char* path, void* context) {
+  const ExecArguments* exec = static_cast<const ExecArguments*>(context);
+  syscall(SYS_execve, path, exec->argv, exec->envp);
+  return errno;
+}
+
+}  // namespace
+
+AS_CHILD_CODE int ExecSearch(const char* file, const char* searchPath, char* const argv[], char* const envp[]) {
+  ExecArguments exec{argv, envp};
+  return SearchPath(file, searchPath, Exec, &exec);
 }
 
 pid_t SpawnChild(const SpawnPlan& plan) {

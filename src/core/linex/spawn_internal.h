@@ -33,8 +33,12 @@ struct SpawnPlan {
 // program runs ends it with status 127.
 pid_t SpawnChild(const SpawnPlan& plan);
 
-// execve() of `file` in each element of `searchPath`; returns the errno of the failure.
-// Safe in the vfork-style child: no allocation, no locks, no library state.
+// `attempt` on `file` in each element of `searchPath` (on `file` itself when it holds a
+// "/"), as execvp looks: 0 at the first attempt that returns 0, else the errno that ends
+// the search. Safe in the vfork-style child: no allocation, no locks, no library state.
+int SearchPath(const char* file, const char* searchPath, int (*attempt)(const char* path, void* context),
+               void* context);
+// execve() of `file` as SearchPath finds it; returns the errno of the failure.
 int ExecSearch(const char* file, const char* searchPath, char* const argv[], char* const envp[]);
 
 }  // namespace LinuxEx::Detail

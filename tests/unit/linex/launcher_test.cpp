@@ -371,6 +371,11 @@ TEST(Launcher, RunToolAndItsCommandText) {
   EXPECT_EQ("printf 'n\\n1\\n%%\\\\' | gdisk /dev/sdb", LinuxEx::CommandText({"gdisk", "/dev/sdb"}, "n\n1\n%\\"));
   const auto echoed = LinuxEx::RunTool({"sh", "-c", "printf '%s|' " + LinuxEx::CommandText(words)});
   EXPECT_EQ("tune2fs|-L|ZLM$(id) 'x'`y`\\z\n%|/dev/sdb1|", echoed.output);
+  // Where a run would find a program: a directory of that name is none.
+  EXPECT_EQ("/bin/true", ChildProcess::FindProgram("/bin/true"));
+  EXPECT_EQ(LinuxEx::RunTool({"sh", "-c", "command -v ls"}).output, ChildProcess::FindProgram("ls") + "\n");
+  EXPECT_EQ("", ChildProcess::FindProgram("as-no-such-tool"));
+  EXPECT_EQ("", ChildProcess::FindProgram("/"));
 }
 
 }  // namespace
