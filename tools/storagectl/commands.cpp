@@ -91,28 +91,6 @@ std::string Describe(const BlockDevice::Signature& s) {
   return U8(s.partition) + ": " + s.type + (s.label.empty() ? "" : " '" + s.label + "'");
 }
 
-// The steps of a disk's preparation, from the library's trace events: the storage
-// manager's own lines and the label notice.
-class Steps : public TraceTools::TraceSubscriber {
- public:
-  explicit Steps(const std::function<void(const std::string&)>& step) : step_(step) { TraceTools::Subscribe(this); }
-  ~Steps() override { TraceTools::Unsubscribe(this); }
-  bool WantsEveryEvent() const override { return true; }
-  void OnTraceEvent(const TraceTools::TraceEvent& e) override {
-    const std::string text = Common::ToUtf8(e.text, e.length);
-    const bool scope = !text.empty() && (text[0] == '+' || text[0] == '-' || text[0] == '!');
-    if ((e.code == 215 && e.level == Common::EventLevelDebug && !scope) ||
-        (e.code == 189 && e.level == Common::EventLevelNotice)) {
-      lines.push_back(text);
-      step_(text);
-    }
-  }
-  std::vector<std::string> lines;
-
- private:
-  std::function<void(const std::string&)> step_;
-};
-
 }  // namespace
 
 Json List() {
@@ -147,7 +125,7 @@ Json Prepare(const std::string& device, bool yes, bool wipe, const std::function
     if (!answered) std::cerr << '\n';  // Ctrl-D leaves the cursor after the question
     if (!answered || answer != "yes") throw Refusal{path + " left as it was"};
   }
-  Steps steps(step);
+  std::vector<std::string> steps;
   Json wiped = Json::array();
   for (const auto& s : found) {
     step("Wiping " + Describe(s));
@@ -155,9 +133,9 @@ Json Prepare(const std::string& device, bool yes, bool wipe, const std::function
   }
   // Also with nothing found: the wipe makes the kernel drop empty partitions too.
   if (wipe) Check(disk->WipeSignatures());
-  Check(disk->CreateBackupPartition());
+  Check(disk->CreateBackupPartition([&](const std::string& line) { steps.push_back(line), step(line); }));
   return {{"device", DeviceJson(*disk, ScsiDisks(*SCSI::CreateDiskSubsystem()))},
-          {"steps", steps.lines},
+          {"steps", steps},
           {"wiped", wiped}};
 }
 

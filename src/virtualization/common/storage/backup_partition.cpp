@@ -9,6 +9,7 @@
 #include "core/include/file/file.h"
 #include "core/trace/trace_tools.h"
 #include "processor/format/format_message.h"
+#include "processor/format/format_string.h"
 #include "virtualization/common/storage/errors.h"
 #include "virtualization/common/storage/impl/mount_table.h"
 #include "virtualization/common/storage/impl/signatures.h"
@@ -67,15 +68,20 @@ bool HasMountedStorage(const String& name, const std::string& devicePath) {
 
 }  // namespace
 
-Common::Error BlockDevice::CreateBackupPartition() {
+Common::Error BlockDevice::CreateBackupPartition() { return CreateBackupPartition(nullptr); }
+
+Common::Error BlockDevice::CreateBackupPartition(const std::function<void(const std::string&)>& progress) {
   const std::string devicePath = "/dev/" + Common::ToUtf8(name);
   const String text = Core::FormatMessage(Messages::InitializeDiskAsLocalStorage, devicePath);
   TraceTools::EventPair<Common::EventLevelDebug> pair(Detail::kTraceStorage,
                                                        Common::Str(u"+CreateBackupPartition: ") + text,
                                                        Common::Str(u"-CreateBackupPartition"));
-  const auto step = [&](const char16_t* pattern) { TraceTools::DbgTraceInfo(Detail::kTraceStorage, pattern, devicePath); };
+  const auto step = [&](const char16_t* pattern, const std::string& path) {
+    TraceTools::DbgTraceInfo(Detail::kTraceStorage, pattern, path);
+    if (progress) progress(Common::ToUtf8(Core::FormatString(pattern, path)));
+  };
 
-  step(u"Check for mounted storages on {0}");
+  step(u"Check for mounted storages on {0}", devicePath);
   if (HasMountedStorage(name, devicePath))
     throw Common::Error(kErrorStorageInUse, Core::FormatMessage(Messages::StorageIsInUse, devicePath),
                         AS_PREPARE_AT(440));
@@ -88,16 +94,16 @@ Common::Error BlockDevice::CreateBackupPartition() {
                        Core::FormatMessage(Messages::DiskMayHoldData, devicePath, Detail::Describe(contents)),
                        AS_PREPARE_AT(448)));
 
-  step(u"Cleanup {0}");
+  step(u"Cleanup {0}", devicePath);
   // gdisk keeps an old GPT's backup header, and then answers other questions.
   if (!contents.tables.empty() || contents.partitions > 0)
     Guarded(devicePath, AS_PREPARE_AT(473), [&] { return Detail::WipeDisk(name), 0; });
   Run({"dd", "if=/dev/zero", "of=" + devicePath, "bs=512", "count=1"}, Messages::FailedToInitializeStorage, devicePath,
       AS_PREPARE_AT(474));
-  step(u"Marking up {0}");
+  step(u"Marking up {0}", devicePath);
   // A new partition 1 over the whole disk, the default type, written without asking.
   Run({"gdisk", devicePath}, Messages::FailedToInitializeStorage, devicePath, AS_PREPARE_AT(481), "n\n1\n\n\n\nw\ny\n");
-  step(u"Formatting {0}");
+  step(u"Formatting {0}", devicePath);
   // Labelled from the start: a cut before the label step must not leave a file system
   // that looks foreign.
   Run({"mke2fs", "-t", "ext4", "-L", Common::ToUtf8(Detail::kLabelPrefix), devicePath + "1"},
@@ -106,6 +112,7 @@ Common::Error BlockDevice::CreateBackupPartition() {
   ReloadPartitions();
   const auto list = OwnPartitions();
   if (list.size() != 1) Fail(Messages::FailedToInitializeStorage, devicePath, AS_PREPARE_AT(495));
+  step(u"Labelling {0}", devicePath + "1");
   if (Common::Error error = list.front()->SetLabel(String())) throw error;
   // Success means a storage after a power cut too.
   for (const std::string& path : {devicePath + "1", devicePath})

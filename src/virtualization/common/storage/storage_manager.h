@@ -24,6 +24,7 @@
 // it. A Partition has no lock: do not change one object from two threads at once.
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -100,6 +101,10 @@ class AS_EXPORT BlockDevice : public std::enable_shared_from_this<BlockDevice> {
   // an interrupted preparation (at most one partition, nothing on it) is prepared
   // again. Throws every failure.
   Common::Error CreateBackupPartition();
+  // The same, telling `progress` each step as it begins: "Check for mounted storages
+  // on /dev/sdb", "Cleanup /dev/sdb", "Marking up /dev/sdb", "Formatting /dev/sdb",
+  // "Labelling /dev/sdb1".
+  Common::Error CreateBackupPartition(const std::function<void(const std::string& step)>& progress);
 
   // One thing libblkid recognises on the disk: a partition table ("gpt", "dos") or a
   // signature on the whole disk (`partition` is the disk's name) or on a partition
