@@ -278,40 +278,47 @@ std::string gPlaces;
     gPlaces += std::string(place ? place + 18 : text) + "\n";
   });
   bool refused = true;
+  // Each check that fails says which, in the output the death test matches.
+  const auto refuse = [&](bool ok, const char* check) {
+    if (!ok) std::fprintf(stderr, "not refused: %s\n", check);
+    refused = refused && ok;
+  };
+#define AS_REFUSED(check) refuse(check, #check)
   {
     ChildProcess c;
     int fd = 9;
     c.AddRedirection(1, nullptr, true);
     c.AddRedirection(-1, &fd, true);
-    refused &= c.Redirections.empty();
+    AS_REFUSED(c.Redirections.empty());
     c.AddRedirection(1, &fd, true);
-    refused &= c.ForkExec() == -1 && fd == 9 && c.Wait() == -1 && ChildProcess::WaitProcess(0) == -1;
+    AS_REFUSED(c.ForkExec() == -1 && fd == 9 && c.Wait() == -1 && ChildProcess::WaitProcess(0) == -1);
     c.CmdLine = "exit 3", c.Args = {"true"};
-    refused &= c.ForkExec() == -1;
+    AS_REFUSED(c.ForkExec() == -1);
     c.Args.clear();
     const int pid = c.ForkExec();
     close(fd);
-    refused &= pid != -1 && c.ForkExec() == pid && c.Wait() == 3 && c.Wait() == -1;
+    AS_REFUSED(pid != -1 && c.ForkExec() == pid && c.Wait() == 3 && c.Wait() == -1);
   }
   for (const auto& [status, end] : {std::pair{FORK_STATUS_PARENT, -1}, std::pair{FORK_STATUS_BEFORE, 99}}) {
     ChildProcess c;
     c.CmdLine = "true";
     int fd = -1;
     c.Redirections[1] = FdRedirection{1, &fd, false, {-1, end}, status};  // as if it had served an earlier start
-    refused &= c.ForkExec() != -1 && c.Wait() == 0;
+    AS_REFUSED(c.ForkExec() != -1 && c.Wait() == 0);
   }
   {
     ChildProcess c;
     c.CmdLine = "true";
     c.ForkExec();
   }
-  refused &= NoChildren();  // reaped all the same
+  AS_REFUSED(NoChildren());  // reaped all the same
   int in = 0, out = 0;
-  refused &= StartProcess("true", false, &in, &out, nullptr) == -1;
+  AS_REFUSED(StartProcess("true", false, &in, &out, nullptr) == -1);
   FILE* foreign = std::fopen("/dev/null", "r");  // refused and left open
-  refused &= PClose(foreign) == -1 && std::fgetc(foreign) == EOF && !std::ferror(foreign) && PClose(nullptr) == -1;
+  AS_REFUSED(PClose(foreign) == -1 && std::fgetc(foreign) == EOF && !std::ferror(foreign) && PClose(nullptr) == -1);
   std::fprintf(stderr, "%s", gPlaces.c_str());
   std::exit(refused ? 0 : 1);
+#undef AS_REFUSED
 }
 
 TEST(Launcher, MisuseIsRefusedAndReportsItsPlace) {
