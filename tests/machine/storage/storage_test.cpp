@@ -13,6 +13,7 @@
 
 #include "core/common/assert.h"
 #include "core/linex/run_tool.h"
+#include "../../support/shell.h"
 #include "lx_supp.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/notification.h"
 #include "storage_checks.h"
@@ -22,14 +23,7 @@ namespace {
 using namespace StorageChecks;
 using MigrationManagement::StorageConfig;
 
-std::string Output(const std::string& command) {
-  std::string out;
-  if (FILE* f = ::popen(command.c_str(), "r")) {
-    for (char buf[256]; std::fgets(buf, sizeof buf, f);) out += buf;
-    ::pclose(f);
-  }
-  return out;
-}
+using TestSupport::Output;
 
 void Format(const std::string& partition, const std::string& label) {
   ASSERT_EQ("", Output("/sbin/mke2fs -q -F -t ext4 -L '" + label + "' /dev/" + partition + " 2>&1"));

@@ -6,19 +6,12 @@
 #include <string>
 
 #include "core/common/unicode.h"
-#include "core/linex/linux_misc.h"
+#include "../../support/shell.h"
 #include "virtualization/common/storage/storage_manager.h"
 
 namespace VmTest {
 
-// A shell command's standard output, through the library's launcher.
-inline std::string Output(const std::string& command) {
-  std::string out;
-  FILE* stream = POpen(command, "rt");
-  for (int c; stream && (c = std::fgetc(stream)) != EOF;) out += static_cast<char>(c);
-  if (stream) PClose(stream);
-  return out;
-}
+using TestSupport::Output;
 
 inline std::string Words(std::string lines) {
   while (!lines.empty() && lines.back() == '\n') lines.pop_back();

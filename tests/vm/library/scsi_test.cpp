@@ -19,6 +19,7 @@
 
 #include "../../support/error_text.h"
 #include "core/common/unicode.h"
+#include "core/linex/linux_misc.h"
 #include "disk_view.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/disk.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/disk_text.h"
