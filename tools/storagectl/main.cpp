@@ -66,23 +66,29 @@ int main(int argc, char** argv) {
   app.add_flag("--json", json, "Print the result as one JSON object");
   app.add_flag("--trace", trace, "Print the library's trace events to standard error");
 
-  std::map<const CLI::App*, std::function<Json()>> run;
-  const auto command = [&](const char* name, const char* does, const char* changes, std::function<Json()> body) {
+  // The commands: what each does and changes (its help), how it runs, how it prints.
+  struct Command {
+    std::function<Json()> run;
+    Printer print;
+  };
+  std::map<const CLI::App*, Command> commands;
+  const auto command = [&](const char* name, const char* does, const char* changes, std::function<Json()> run,
+                           Printer print) {
     CLI::App* sub = app.add_subcommand(name, does);
     sub->footer(std::string("Changes on disk: ") + changes);
-    run[sub] = std::move(body);
+    commands[sub] = {std::move(run), print};
     return sub;
   };
 
   command("list", "Lists the storages: mount point and label of every mounted storage partition.", "nothing.",
-          [] { return List(); });
+          [] { return List(); }, Print::List);
   bool rescan = false;
   command("devices",
           "Lists the disks that the library offers for storages (size, controller, host:channel:target:lun, "
           "serial) and their partitions (UUID, label, mount point, supported).",
           "nothing; with --rescan, disks without a mounted partition are removed from the kernel and the SCSI "
           "hosts rescanned, which brings them back.",
-          [&] { return Devices(rescan); })
+          [&] { return Devices(rescan); }, Print::Devices)
       ->add_flag("--rescan", rescan, "Rescan the SCSI hosts first");
   std::string device;
   bool yes = false, wipe = false;
@@ -101,7 +107,8 @@ int main(int argc, char** argv) {
         return Prepare(device, yes, wipe, [&](const std::string& step) {
           if (!json) std::cout << step << std::endl;
         });
-      });
+      },
+      Print::Prepare);
   prepare->add_option("DEVICE", device, "The disk, as 'storagectl devices' names it")->required();
   prepare->add_flag("--yes", yes, "Do not ask for confirmation");
   prepare->add_flag("--wipe", wipe, "Erase what the disk holds, naming it, before preparing it");
@@ -109,29 +116,33 @@ int main(int argc, char** argv) {
   std::optional<std::string> label;
   CLI::App* labelCmd =
       command("label", "Prints the label of PARTITION without its ZLM prefix, or sets it to ZLM+LABEL.",
-              "with LABEL, the file-system label of PARTITION (tune2fs).", [&] { return Label(partition, label); });
+              "with LABEL, the file-system label of PARTITION (tune2fs).", [&] { return Label(partition, label); },
+              Print::Label);
   labelCmd->add_option("PARTITION", partition, "The partition (sdb1)")->required();
   labelCmd->add_option("LABEL", label, "The new label, without the ZLM prefix");
   CLI::App* mount =
       command("mount", "Mounts PARTITION on the directory NAME below the mount root, creating it.",
-              "the mount table; an unlabelled file system gets the label ZLM.", [&] { return Mount(partition, name); });
+              "the mount table; an unlabelled file system gets the label ZLM.", [&] { return Mount(partition, name); },
+              Print::Mount);
   mount->add_option("PARTITION", partition, "The partition (sdb1)")->required();
   mount->add_option("NAME", name, "The mount directory's name, one path component")->required();
   command("unmount", "Unmounts PARTITION and removes its mount directory.", "the mount table.",
-          [&] { return Unmount(partition); })
+          [&] { return Unmount(partition); }, Print::Unmount)
       ->add_option("PARTITION", partition, "The partition (sdb1)")
       ->required();
   command("temporary",
           "Lists the disks marked with the attribute Temporary and drops the attribute records of disks that "
           "are gone.",
-          "nothing on the disks; the registry's records of absent disks.", [] { return Temporary(); });
+          "nothing on the disks; the registry's records of absent disks.", [] { return Temporary(); },
+          Print::Temporary);
   std::string action, disk;
   std::optional<std::string> attribute, value;
   CLI::App* attributes = command(
       "attributes",
       "Shows (get DISK [NAME]), sets (set DISK NAME VALUE) or removes (remove DISK NAME) the attributes that the "
       "appliance keeps for a SCSI disk. A disk with the attribute Temporary is hidden from storages.",
-      "nothing on the disk; its record in the registry.", [&] { return Attributes(action, disk, attribute, value); });
+      "nothing on the disk; its record in the registry.", [&] { return Attributes(action, disk, attribute, value); },
+      Print::Attributes);
   attributes->add_option("ACTION", action, "get, set or remove")
       ->required()
       ->check(CLI::IsMember({"get", "set", "remove"}));
@@ -139,12 +150,13 @@ int main(int argc, char** argv) {
   attributes->add_option("NAME", attribute, "The attribute's name");
   attributes->add_option("VALUE", value, "The attribute's value (set)");
   command("rescan", "Rescans the SCSI hosts and disks and lists the disks that came or went.",
-          "nothing on the disks; the kernel's list of disks.", [] { return Rescan(); });
+          "nothing on the disks; the kernel's list of disks.", [] { return Rescan(); }, Print::Rescan);
   command("doctor",
           "Checks what the library needs, one line each, ok or what to do: root, the tools in PATH, the mount "
           "root, the registry and lock directories. Exits 1 when something is missing.",
-          "nothing.", [] { return Doctor(); });
-  command("version", "Prints the library's version and module identity.", "nothing.", [] { return Version(); });
+          "nothing.", [] { return Doctor(); }, Print::Doctor);
+  command("version", "Prints the library's version and module identity.", "nothing.", [] { return Version(); },
+          Print::Version);
   CLI::App* man = app.add_subcommand("man", "Prints the manual page in roff")->group("");
 
   try {
@@ -161,7 +173,7 @@ int main(int argc, char** argv) {
   if (trace) printer.emplace();
   Json result;
   try {
-    result = run.at(chosen)();
+    result = commands.at(chosen).run();
   } catch (const Refusal& r) {
     if (r.exitCode == 2) return Usage(chosen, r.message);
     std::cerr << "storagectl: " << r.message << '\n';
@@ -177,6 +189,6 @@ int main(int argc, char** argv) {
   if (json)
     std::cout << result.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
   else
-    PrintText(chosen->get_name(), result);
+    commands.at(chosen).print(result);
   return result.value("ok", true) ? 0 : 1;
 }

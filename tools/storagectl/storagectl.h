@@ -38,8 +38,21 @@ Json Rescan();
 Json Doctor();
 Json Version();
 
-// The human-readable view of a command's result, on stdout.
-void PrintText(const std::string& command, const Json& result);
+// The human-readable views of the commands' results, on stdout.
+using Printer = void (*)(const Json& result);
+namespace Print {
+void List(const Json&);
+void Devices(const Json&);
+void Prepare(const Json&);
+void Label(const Json&);
+void Mount(const Json&);
+void Unmount(const Json&);
+void Temporary(const Json&);
+void Attributes(const Json&);
+void Rescan(const Json&);
+void Doctor(const Json&);
+void Version(const Json&);
+}  // namespace Print
 
 // The manual page, in roff, from the help texts of `app` and its commands.
 std::string ManPage(const CLI::App& app);
