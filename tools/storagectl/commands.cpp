@@ -2,6 +2,7 @@
 // result. Which disks are offered, what is refused and why is the library's business.
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <map>
@@ -102,7 +103,11 @@ Json List() {
 }
 
 Json Devices(bool rescan) {
-  const auto devices = StoragesManager().GetBlockDevices(rescan);
+  auto devices = StoragesManager().GetBlockDevices(rescan);
+  // In the kernel's name order: sdz before sdaa.
+  std::sort(devices.begin(), devices.end(), [](const auto& a, const auto& b) {
+    return std::make_pair(a->GetName().size(), a->GetName()) < std::make_pair(b->GetName().size(), b->GetName());
+  });
   const auto disks = ScsiDisks(*SCSI::CreateDiskSubsystem());
   Json list = Json::array();
   for (const auto& d : devices) list.push_back(DeviceJson(*d, disks));

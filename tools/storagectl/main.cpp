@@ -3,11 +3,16 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <map>
 
+#include "core/common/message_ids.h"
+#include "core/common/message_text.h"
 #include "core/common/unicode.h"
 #include "core/trace/trace_tools.h"
+#include "resource_api.h"
 #include "storagectl.h"
 #include "virtualization/common/storage/errors.h"
 
@@ -43,6 +48,25 @@ int Usage(const CLI::App* app, const std::string& message) {
   return 2;
 }
 
+// A storagectl run from its build tree speaks the languages built beside it: the tree's
+// root (which holds CMakeCache.txt) is two levels above the program's folder.
+void UseCataloguesBuiltBeside() {
+  if (std::getenv("ZEMLORA_RESOURCE_DIR")) return;
+  std::error_code error;
+  const std::filesystem::path root = std::filesystem::read_symlink("/proc/self/exe", error).parent_path() / "../..";
+  if (!error && std::filesystem::exists(root / "CMakeCache.txt", error) &&
+      std::filesystem::is_directory(root / "resources", error))
+  {
+    setenv("ZEMLORA_RESOURCE_DIR", (root / "resources").lexically_normal().c_str(), 1);
+    // The library loaded its texts at start, from elsewhere: a first lookup subscribes it
+    // to language changes, and the same language set again loads them from here.
+    (void)GetTextFromMessageFile(Messages::InternalError);
+    char language[64];
+    ResourceApi::GetLanguage(language, sizeof language);
+    ResourceApi::SetLanguage(language);
+  }
+}
+
 bool Holds(const Common::Error& error, uint32_t code) {
   for (Common::Error e = error; e; e = e.GetCause())
     if (e.GetCode() == code) return true;
@@ -52,6 +76,7 @@ bool Holds(const Common::Error& error, uint32_t code) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  UseCataloguesBuiltBeside();
   CLI::App app(
       "Administers the appliance's local storages through libappliance_storage: lists the disks and the "
       "storages (mounted ext4 partitions labelled ZLM...), prepares blank disks, labels, mounts and unmounts "

@@ -38,7 +38,7 @@ Result Ctl(const std::string& args, const std::string& env = "") {
   return r;
 }
 
-// sda holds "/", sdb a mounted storage, sdc is blank, sdd too small to be offered, sde
+// sda holds "/", sdb a mounted storage, sdc is blank, sdd too small to be offered, sdaa
 // holds data: a GPT and an ext4 file system labelled "backup".
 void Build(FakeMachine& m) {
   m.Host(0, "ata_piix\n").Host(2, "virtio_scsi\n");
@@ -46,12 +46,12 @@ void Build(FakeMachine& m) {
   m.Disk("sdb").At(2, 0, 1, 0).Size(12_GiB).Serial("6000c2900000000000000000000000b0").Partition(1, 2048, 10485760);
   m.Disk("sdc").At(2, 0, 2, 0).Size(16_GiB).Serial("6000c2900000000000000000000000c0");
   m.Disk("sdd").At(2, 0, 3, 0).Size(1_GiB).Serial("6000c2900000000000000000000000d0");
-  m.Disk("sde").At(2, 0, 4, 0).Size(12_GiB).Serial("6000c2900000000000000000000000e0").Partition(1, 2048, 131072);
+  m.Disk("sdaa").At(2, 0, 0, 0).Size(12_GiB).Serial("6000c2900000000000000000000000e0").Partition(1, 2048, 131072);
   m.Build();
   ASSERT_EQ(0, std::system("/usr/sbin/mke2fs -q -F -t ext4 -L ZLMdata /dev/sda1 && "
                            "/usr/sbin/mke2fs -q -F -t ext4 -L ZLMdata /dev/sdb1 && "
-                           "/usr/sbin/sgdisk -n 1:2048:133119 /dev/sde >/dev/null && "
-                           "/usr/sbin/mke2fs -q -F -t ext4 -L backup /dev/sde1"));
+                           "/usr/sbin/sgdisk -n 1:2048:133119 /dev/sdaa >/dev/null && "
+                           "/usr/sbin/mke2fs -q -F -t ext4 -L backup /dev/sdaa1"));
   m.Mount("/dev/sda1", "/");
   m.Mount("/dev/sdb1", "/mnt/local_storages/st1");
 }
@@ -130,7 +130,7 @@ TEST(Storagectl, ShowsTheDisksAndStoragesTheLibraryOffers) {
   const Result devices = Ctl("--json devices");
   ASSERT_EQ(devices.code, 0) << devices.err;
   const Json list = devices.json()["devices"];
-  ASSERT_EQ(Column(list), (Names{"sdb", "sdc", "sde"}));
+  ASSERT_EQ(Column(list), (Names{"sdb", "sdc", "sdaa"}));
   EXPECT_EQ(list[0]["controller"], "virtio_scsi");
   EXPECT_EQ(list[0]["address"], "2:0:1:0");
   EXPECT_EQ(list[0]["serial"], "6000C290-0000-0000-0000-0000000000B0");
@@ -141,7 +141,7 @@ TEST(Storagectl, ShowsTheDisksAndStoragesTheLibraryOffers) {
             (Json{{"root", "/mnt/local_storages"}, {"storages", {{{"mountpoint", "st1"}, {"label", "data"}}}}}));
   const Result table = Ctl("devices");
   for (const char* row : {"\nsdb ", "\n  sdb1 ", "\nsdc "}) EXPECT_NE(table.out.find(row), std::string::npos) << row;
-  EXPECT_EQ(table.out.find("sda"), std::string::npos);
+  EXPECT_EQ(table.out.find("sda "), std::string::npos);  // the system disk
 }
 
 TEST(Storagectl, RefusesBadInputAndReportsErrorsChangingNothing) {
@@ -155,7 +155,7 @@ TEST(Storagectl, RefusesBadInputAndReportsErrorsChangingNothing) {
       {"prepare sdc", 2, "--yes"},
       {"prepare sdz --yes", 1, "'sdz'"},
       {"prepare sdb --yes", 1, "0x720021"},
-      {"prepare sde --yes", 1, "0x720022"},
+      {"prepare sdaa --yes", 1, "0x720022"},
       {"mount sdz1 st2", 1, "'sdz1'"},
       {"mount sdb1 a/b", 1, "0x720023"},
       {"label sdb1 fourteen-bytes", 1, "0x720026"},
@@ -169,8 +169,8 @@ TEST(Storagectl, RefusesBadInputAndReportsErrorsChangingNothing) {
     EXPECT_NE(r.err.substr(0, r.err.find('\n')).find(firstLine), std::string::npos) << r.err;
     EXPECT_EQ(r.err.find("Usage: storagectl") != std::string::npos, code == 2) << r.err;
     // Only a disk that may hold data earns the hint, after the library's chain.
-    const size_t hint = r.err.find("'storagectl prepare --wipe sde'");
-    EXPECT_EQ(hint != std::string::npos && r.err.find(" 0x72004A: ") < hint, std::string(args) == "prepare sde --yes")
+    const size_t hint = r.err.find("'storagectl prepare --wipe sdaa'");
+    EXPECT_EQ(hint != std::string::npos && r.err.find(" 0x72004A: ") < hint, std::string(args) == "prepare sdaa --yes")
         << r.err;
   }
   EXPECT_EQ(Ctl("--json devices").out, before);
@@ -191,8 +191,8 @@ TEST(Storagectl, PreparesOnATerminalOnlyAfterYes) {
       {"prepare sdc", "\n", "/dev/sdc"},
       {"prepare sdc", "\x04", "/dev/sdc"},  // Ctrl-D: end of input
       {"prepare sdc", nullptr, "/dev/sdc"},
-      {"prepare --wipe sde", "no\n", "\n  sde: gpt\r\n  sde1: ext4 'backup'\r\n"},
-      {"prepare --wipe sde", "yes\n", "\n  sde: gpt\r\n  sde1: ext4 'backup'\r\n"},
+      {"prepare --wipe sdaa", "no\n", "\n  sdaa: gpt\r\n  sdaa1: ext4 'backup'\r\n"},
+      {"prepare --wipe sdaa", "yes\n", "\n  sdaa: gpt\r\n  sdaa1: ext4 'backup'\r\n"},
       {"prepare sdc", "yes\n", "/dev/sdc"},
   };
   std::vector<Terminal> terminals(std::size(cases));
@@ -221,10 +221,10 @@ TEST(Storagectl, PreparesMountsLabelsAndMarksADisk) {
   EXPECT_EQ(prepared.json()["steps"].size(), 5u) << prepared.out;  // the trace lines that are steps
   EXPECT_NE(prepared.err.find("+CreateBackupPartition"), std::string::npos);
   EXPECT_EQ(Column(prepared.json()["device"]["partitions"]), Names{"sdc1"});
-  const Result wiped = Ctl("prepare /dev/sde --wipe --yes --json");
+  const Result wiped = Ctl("prepare /dev/sdaa --wipe --yes --json");
   ASSERT_EQ(wiped.code, 0) << wiped.err;
-  EXPECT_EQ(wiped.json()["wiped"], (Json{{{"partition", "sde"}, {"type", "gpt"}, {"label", ""}},
-                                         {{"partition", "sde1"}, {"type", "ext4"}, {"label", "backup"}}}));
+  EXPECT_EQ(wiped.json()["wiped"], (Json{{{"partition", "sdaa"}, {"type", "gpt"}, {"label", ""}},
+                                         {{"partition", "sdaa1"}, {"type", "ext4"}, {"label", "backup"}}}));
   EXPECT_EQ(Ctl("--json mount sdc1 st2").json()["mountpoint"], "st2");
   EXPECT_EQ(Ctl("label sdc1 backup").code, 0);
   EXPECT_EQ(Ctl("--json label sdc1").json()["label"], "backup");
@@ -235,11 +235,11 @@ TEST(Storagectl, PreparesMountsLabelsAndMarksADisk) {
   ASSERT_EQ(Ctl("attributes set sdc Temporary 1").code, 0);
   ASSERT_EQ(Ctl("attributes set sdc Bay 4").code, 0);
   EXPECT_EQ(Ctl("--json attributes get sdc").json()["attributes"], Json({{"Bay", "4"}, {"Temporary", "1"}}));
-  EXPECT_EQ(Column(Ctl("--json devices").json()["devices"]), (Names{"sdb", "sde"}));
+  EXPECT_EQ(Column(Ctl("--json devices").json()["devices"]), (Names{"sdb", "sdaa"}));
   EXPECT_EQ(Ctl("--json temporary").json()["temporary"], Json{"sdc"});
   EXPECT_EQ(Ctl("--json attributes remove sdc Temporary").json()["attributes"], (Json{{"Bay", "4"}}));
   EXPECT_EQ(Ctl("attributes get sdc Temporary").code, 1);
-  EXPECT_EQ(Column(Ctl("--json devices").json()["devices"]), (Names{"sdb", "sdc", "sde"}));
+  EXPECT_EQ(Column(Ctl("--json devices").json()["devices"]), (Names{"sdb", "sdc", "sdaa"}));
 }
 
 TEST(Storagectl, DoctorNamesWhatIsMissing) {

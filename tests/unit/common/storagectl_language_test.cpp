@@ -11,10 +11,11 @@ namespace {
 using FakeMachineTesting::operator""_GiB;
 
 // storagectl's standard error for `prepare sdb`, refused for its two partitions, with only
-// the given locale variables (VAR=value words) set.
+// the given locale variables (VAR=value words) set. The build tree's storagectl finds the
+// catalogues built beside it.
 std::string PrepareUnreadable(const std::string& locale) {
-  const std::string command = "env -u LC_ALL -u LC_MESSAGES -u LANG -u LANGUAGE " + locale +
-                              " ZEMLORA_RESOURCE_DIR=" AS_TEST_RESOURCES " " STORAGECTL " prepare sdb --yes 2>/tmp/e";
+  const std::string command = "env -u LC_ALL -u LC_MESSAGES -u LANG -u LANGUAGE -u ZEMLORA_RESOURCE_DIR " + locale +
+                              " " STORAGECTL " prepare sdb --yes 2>/tmp/e";
   EXPECT_NE(-1, std::system(command.c_str()));
   std::string err;
   FakeMachineTesting::ReadText("/tmp/e", err);
