@@ -102,7 +102,10 @@ Json List() {
   return {{"root", U8(MigrationManagement::StorageConfig::GetStoragesRoot())}, {"storages", list}};
 }
 
-Json Devices(bool rescan) {
+Json Devices(bool rescan, const Progress& progress) {
+  if (rescan)
+    progress("Removing the disks not in use, rescanning the SCSI hosts, waiting 1 s for the kernel to bring the "
+             "disks back");
   auto devices = StoragesManager().GetBlockDevices(rescan);
   // In the kernel's name order: sdz before sdaa.
   std::sort(devices.begin(), devices.end(), [](const auto& a, const auto& b) {
@@ -193,12 +196,14 @@ Json Attributes(const std::string& action, const std::string& disk, const std::o
   throw Refusal{"no SCSI disk '" + disk + "' (see 'storagectl devices')"};
 }
 
-Json Rescan() {
+Json Rescan(const Progress& progress) {
   const auto subsystem = SCSI::CreateDiskSubsystem();
   const auto lock = subsystem->Lock();
   std::map<std::string, int> seen;  // 1: before the rescan, 2: after it, 3: both
   for (const SCSI::Disk& d : ScsiDisks(*subsystem)) seen[U8(d.name)] = 1;
+  progress("Rescanning the SCSI hosts and their disks");
   Check(subsystem->Refresh());
+  progress("Waiting 1 s for the kernel to report new disks");
   std::this_thread::sleep_for(std::chrono::seconds(1));  // the kernel brings new disks up meanwhile
   for (const SCSI::Disk& d : ScsiDisks(*subsystem)) seen[U8(d.name)] |= 2;
   Json added = Json::array(), removed = Json::array(), disks = Json::array();

@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -29,6 +31,25 @@ class TracePrinter : public TraceTools::TraceSubscriber {
   void OnTraceEvent(const TraceTools::TraceEvent& e) override {
     std::cerr << "trace " << e.level << " " << e.code << ": " << Common::ToUtf8(e.text, e.length) << std::endl;
   }
+};
+
+// Long work on a terminal: each line with the seconds since the command began. Nothing
+// when the output goes elsewhere or is JSON.
+class Watch {
+ public:
+  void Show(bool shown) { shown_ = shown && isatty(STDOUT_FILENO); }
+  bool Shown() const { return shown_; }
+  void operator()(const std::string& line) const {
+    if (!shown_) return;
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+    char time[32];
+    std::snprintf(time, sizeof time, "%6.1f s  ", seconds);
+    std::cout << time << line << std::endl;
+  }
+
+ private:
+  bool shown_ = false;
+  const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
 // The innermost command that the arguments reached.
@@ -88,6 +109,7 @@ int main(int argc, char** argv) {
       "error as {\"error\": {...}}).");
   app.fallthrough();
   bool json = false, trace = false;
+  Watch watch;
   app.add_flag("--json", json, "Print the result as one JSON object");
   app.add_flag("--trace", trace, "Print the library's trace events to standard error");
 
@@ -113,7 +135,7 @@ int main(int argc, char** argv) {
           "serial) and their partitions (UUID, label, mount point, supported).",
           "nothing; with --rescan, disks without a mounted partition are removed from the kernel and the SCSI "
           "hosts rescanned, which brings them back.",
-          [&] { return Devices(rescan); }, Print::Devices)
+          [&] { return Devices(rescan, watch); }, Print::Devices)
       ->add_flag("--rescan", rescan, "Rescan the SCSI hosts first");
   std::string device;
   bool yes = false, wipe = false;
@@ -130,7 +152,10 @@ int main(int argc, char** argv) {
       "than one partition.",
       [&] {
         return Prepare(device, yes, wipe, [&](const std::string& step) {
-          if (!json) std::cout << step << std::endl;
+          if (watch.Shown())
+            watch(step);
+          else if (!json)
+            std::cout << step << std::endl;
         });
       },
       Print::Prepare);
@@ -175,7 +200,7 @@ int main(int argc, char** argv) {
   attributes->add_option("NAME", attribute, "The attribute's name");
   attributes->add_option("VALUE", value, "The attribute's value (set)");
   command("rescan", "Rescans the SCSI hosts and disks and lists the disks that came or went.",
-          "nothing on the disks; the kernel's list of disks.", [] { return Rescan(); }, Print::Rescan);
+          "nothing on the disks; the kernel's list of disks.", [&] { return Rescan(watch); }, Print::Rescan);
   command("doctor",
           "Checks what the library needs, one line each, ok or what to do: root, the tools in PATH, the mount "
           "root, the registry and lock directories. Exits 1 when something is missing.",
@@ -194,6 +219,7 @@ int main(int argc, char** argv) {
   const CLI::App* chosen = Reached(&app);
   if (chosen == &app) return Usage(&app, "a command is required");
   if (chosen == man) return std::cout << ManPage(app), 0;
+  watch.Show(!json);
   std::optional<TracePrinter> printer;
   if (trace) printer.emplace();
   Json result;

@@ -24,7 +24,10 @@ struct Refusal {
 };
 
 Json List();
-Json Devices(bool rescan);
+// What long work is at, for a person to watch: a line each.
+using Progress = std::function<void(const std::string&)>;
+
+Json Devices(bool rescan, const Progress& progress);
 // Asks on a terminal unless `yes`; `step` gets each step as the library traces it. With
 // `wipe`, what libblkid finds on the disk is named in the question and erased first.
 Json Prepare(const std::string& device, bool yes, bool wipe, const std::function<void(const std::string&)>& step);
@@ -34,7 +37,7 @@ Json Unmount(const std::string& partition);
 Json Temporary();
 Json Attributes(const std::string& action, const std::string& disk, const std::optional<std::string>& name,
                 const std::optional<std::string>& value);
-Json Rescan();
+Json Rescan(const Progress& progress);
 Json Doctor();
 Json Version();
 

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <regex>
 #include <utility>
 #include <nlohmann/json.hpp>
 
@@ -208,6 +209,8 @@ TEST(Storagectl, PreparesOnATerminalOnlyAfterYes) {
     EXPECT_NE(question.find(named), std::string::npos) << r.out;
     const bool yes = answer && std::string(answer) == "yes\n";
     EXPECT_EQ(r.code == 0, yes) << r.out;
+    // On a terminal each step shows the seconds since the start.
+    EXPECT_EQ(yes, std::regex_search(r.out, std::regex("\n +[0-9]+\\.[0-9] s  Formatting /dev/"))) << r.out;
     EXPECT_EQ(Images() == images, !yes);
     EXPECT_EQ(Writes(m) == writes, !yes);
   }
