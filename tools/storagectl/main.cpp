@@ -209,6 +209,12 @@ int main(int argc, char** argv) {
           Print::Version);
   CLI::App* man = app.add_subcommand("man", "Prints the manual page in roff")->group("");
 
+
+  // "storagectl complete WORD...", for the shell: what may follow WORD..., never parsed.
+  if (argc > 1 && std::string(argv[1]) == "complete") {
+    for (const std::string& word : Completions(app, {argv + 2, argv + argc})) std::cout << word << '\n';
+    return 0;
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
@@ -219,6 +225,7 @@ int main(int argc, char** argv) {
   const CLI::App* chosen = Reached(&app);
   if (chosen == &app) return Usage(&app, "a command is required");
   if (chosen == man) return std::cout << ManPage(app), 0;
+
   watch.Show(!json);
   std::optional<TracePrinter> printer;
   if (trace) printer.emplace();

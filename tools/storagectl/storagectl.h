@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "core/common/error.h"
 
@@ -56,6 +57,9 @@ void Rescan(const Json&);
 void Doctor(const Json&);
 void Version(const Json&);
 }  // namespace Print
+
+// The words that may follow `words` (the command line so far, without the program).
+std::vector<std::string> Completions(const CLI::App& app, const std::vector<std::string>& words);
 
 // The manual page, in roff, from the help texts of `app` and its commands.
 std::string ManPage(const CLI::App& app);

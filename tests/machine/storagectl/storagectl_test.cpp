@@ -258,4 +258,45 @@ TEST(Storagectl, DoctorNamesWhatIsMissing) {
   EXPECT_EQ(failed.find("registry"), std::string::npos) << failed;
 }
 
+// A new user's bash with the installed completion: commands, options, and the names of the
+// disks and partitions the library lists now.
+TEST(Storagectl, BashCompletesCommandsOptionsAndNames) {
+  Terminal t;
+  AS_FAKE_MACHINE(m);
+  Build(m);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    login_tty(t.slave);
+    const std::string dir = std::string(STORAGECTL).substr(0, std::string(STORAGECTL).rfind('/'));
+    setenv("PATH", (dir + ":" + getenv("PATH")).c_str(), 1);
+    setenv("PS1", "$ ", 1);
+    execl("/bin/bash", "bash", "--norc", "--noprofile", "-i", nullptr);
+    _exit(127);
+  }
+  close(std::exchange(t.slave, -1));
+  const auto type = [&](const std::string& keys, const std::string& awaited) {
+    std::string shown;
+    if (write(t.master, keys.data(), keys.size()) < 0) return shown;
+    for (std::string s; shown.find(awaited) == std::string::npos && !(s = Next(t.master)).empty();) shown += s;
+    return shown;
+  };
+  type("source " STORAGECTL_COMPLETION "; echo ready\n", "ready\r\n");
+  // keys typed, what the terminal must then show
+  const std::pair<const char*, const char*> cases[] = {
+      {"storagectl pre\t", "storagectl prepare "},
+      {"\t\t", "--wipe"},
+      {"sda\t", "sdaa "},
+      {"\x15storagectl --json mount \t\t", "sdb1"},
+      {"\x15storagectl attributes r\t", "attributes remove "},
+  };
+  for (const auto& [keys, awaited] : cases) {
+    SCOPED_TRACE(keys);
+    const std::string shown = type(keys, awaited);
+    EXPECT_NE(shown.find(awaited), std::string::npos) << shown;
+  }
+  type("\x15" "exit\n", "(the end)");  // shown never: read to the end of the terminal
+  close(std::exchange(t.master, -1));
+  EXPECT_EQ(0, TestSupport::ExitCode(TestSupport::WaitChild(pid)));
+}
+
 }  // namespace
