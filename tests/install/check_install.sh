@@ -32,4 +32,8 @@ LD_LIBRARY_PATH="$stage/lib" "$build/consumer/consumer_pc" >/dev/null
 # The administrators' tool runs from where it is installed and brings its manual page.
 "$stage/sbin/storagectl" version | grep -q "18.0.38811" || { echo "installed storagectl does not run"; exit 1; }
 grep -q "^\.TH STORAGECTL 8" "$stage/share/man/man8/storagectl.8" || { echo "storagectl.8 not installed"; exit 1; }
+[ -f "$stage/share/bash-completion/completions/storagectl" ] || { echo "storagectl's completion not installed"; exit 1; }
+# The Python module imports from where it is installed, in Debian's own Python.
+PYTHONPATH="$stage/lib/python3/dist-packages" /usr/bin/python3 -c "import appliance_storage" ||
+  { echo "installed Python module does not import"; exit 1; }
 echo "installed package works through find_package and pkg-config"
