@@ -141,7 +141,11 @@ Json Prepare(const std::string& device, bool yes, bool wipe, const std::function
   }
   // Also with nothing found: the wipe makes the kernel drop empty partitions too.
   if (wipe) Check(disk->WipeSignatures());
-  Check(disk->CreateBackupPartition([&](const std::string& line) { steps.push_back(line), step(line); }));
+  // mke2fs's own lines (indented) are shown, not counted as steps.
+  Check(disk->CreateBackupPartition([&](const std::string& line) {
+    if (line.compare(0, 2, "  ") != 0) steps.push_back(line);
+    step(line);
+  }));
   return {{"device", DeviceJson(*disk, ScsiDisks(*SCSI::CreateDiskSubsystem()))},
           {"steps", steps},
           {"wiped", wiped}};

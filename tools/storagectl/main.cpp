@@ -154,7 +154,7 @@ int main(int argc, char** argv) {
         return Prepare(device, yes, wipe, [&](const std::string& step) {
           if (watch.Shown())
             watch(step);
-          else if (!json)
+          else if (!json && step.compare(0, 2, "  ") != 0)  // mke2fs's own lines only on a terminal
             std::cout << step << std::endl;
         });
       },

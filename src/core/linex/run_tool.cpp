@@ -48,7 +48,8 @@ std::string Word(const std::string& text) {
 
 }  // namespace
 
-ToolRun RunTool(const std::vector<std::string>& argv, const std::string& input) {
+ToolRun RunTool(const std::vector<std::string>& argv, const std::string& input,
+                const std::function<void(const std::string&)>& onOutput) {
   ToolRun run;
   ChildProcess child;
   child.Args = argv;
@@ -65,8 +66,12 @@ ToolRun RunTool(const std::vector<std::string>& argv, const std::string& input) 
   }
   char buffer[4096];
   for (ssize_t n; (n = ::read(out, buffer, sizeof buffer)) != 0;) {
-    if (n > 0) run.output.append(buffer, static_cast<size_t>(n));
-    else if (errno != EINTR) break;
+    if (n > 0) {
+      run.output.append(buffer, static_cast<size_t>(n));
+      if (onOutput) onOutput(std::string(buffer, static_cast<size_t>(n)));
+    } else if (errno != EINTR) {
+      break;
+    }
   }
   ChildProcess::SafeClose(out);
   run.status = child.Wait();

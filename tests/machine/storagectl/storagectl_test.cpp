@@ -210,7 +210,8 @@ TEST(Storagectl, PreparesOnATerminalOnlyAfterYes) {
     const bool yes = answer && std::string(answer) == "yes\n";
     EXPECT_EQ(r.code == 0, yes) << r.out;
     // On a terminal each step shows the seconds since the start.
-    EXPECT_EQ(yes, std::regex_search(r.out, std::regex("\n +[0-9]+\\.[0-9] s  Formatting /dev/"))) << r.out;
+    EXPECT_EQ(yes, std::regex_search(r.out, std::regex("\n +[0-9]+\\.[0-9] s  Formatting /dev/sd[a-z]+\r\n[\\s\\S]* s    "
+                                                       "Writing inode tables: done\r\n"))) << r.out;
     EXPECT_EQ(Images() == images, !yes);
     EXPECT_EQ(Writes(m) == writes, !yes);
   }

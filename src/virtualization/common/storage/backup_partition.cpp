@@ -31,9 +31,34 @@ namespace {
 }
 
 void Run(const std::vector<std::string>& argv, TextFromMessageFile message, const std::string& devicePath,
-         const Common::ErrorLocation& where, const std::string& input = std::string()) {
-  if (Common::Error failed = Detail::RunTool(argv, where, input)) Fail(message, devicePath, where, failed);
+         const Common::ErrorLocation& where, const std::string& input = std::string(),
+         const std::function<void(const std::string&)>& onOutput = nullptr) {
+  if (Common::Error failed = Detail::RunTool(argv, where, input, onOutput)) Fail(message, devicePath, where, failed);
 }
+
+// A tool's output cut into lines as it comes, each as a terminal would show it: a
+// counter that the tool rewrites in place with backspaces ends at its last state.
+class Lines {
+ public:
+  explicit Lines(std::function<void(const std::string&)> line) : line_(std::move(line)) {}
+  void operator()(const std::string& chunk) {
+    for (const char c : chunk) {
+      if (c == '\n') {
+        text_.erase(text_.find_last_not_of(' ') + 1);  // what wiped the counter
+        if (!text_.empty()) line_(text_);
+        text_.clear();
+      } else if (c == '\b') {
+        if (!text_.empty()) text_.pop_back();
+      } else if (c != '\r') {
+        text_ += c;
+      }
+    }
+  }
+
+ private:
+  std::function<void(const std::string&)> line_;
+  std::string text_;
+};
 
 // `probe()`, its error wrapped as a failed preparation.
 template <class Probe>
@@ -106,8 +131,11 @@ Common::Error BlockDevice::CreateBackupPartition(const std::function<void(const 
   step(u"Formatting {0}", devicePath);
   // Labelled from the start: a cut before the label step must not leave a file system
   // that looks foreign.
+  Lines mke2fs([&](const std::string& line) {
+    if (progress) progress("  " + line);
+  });
   Run({"mke2fs", "-t", "ext4", "-L", Common::ToUtf8(Detail::kLabelPrefix), devicePath + "1"},
-      Messages::FailedToInitializeStorageUnquoted, devicePath, AS_PREPARE_AT(488));
+      Messages::FailedToInitializeStorageUnquoted, devicePath, AS_PREPARE_AT(488), "", std::ref(mke2fs));
 
   ReloadPartitions();
   const auto list = OwnPartitions();

@@ -103,7 +103,8 @@ class AS_EXPORT BlockDevice : public std::enable_shared_from_this<BlockDevice> {
   Common::Error CreateBackupPartition();
   // The same, telling `progress` each step as it begins: "Check for mounted storages
   // on /dev/sdb", "Cleanup /dev/sdb", "Marking up /dev/sdb", "Formatting /dev/sdb",
-  // "Labelling /dev/sdb1".
+  // "Labelling /dev/sdb1"; and, each indented by two spaces, the lines mke2fs prints of
+  // its work while it formats ("Writing inode tables: done").
   Common::Error CreateBackupPartition(const std::function<void(const std::string& step)>& progress);
 
   // One thing libblkid recognises on the disk: a partition table ("gpt", "dos") or a

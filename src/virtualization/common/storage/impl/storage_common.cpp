@@ -19,8 +19,8 @@ const String kLabelPrefix = Common::Str(u"ZLM");
 bool HasLabelPrefix(const String& label) { return label.compare(0, kLabelPrefix.size(), kLabelPrefix) == 0; }
 
 Common::Error RunTool(const std::vector<std::string>& argv, const Common::ErrorLocation& where,
-                      const std::string& input) {
-  const LinuxEx::ToolRun run = LinuxEx::RunTool(argv, input);
+                      const std::string& input, const std::function<void(const std::string&)>& onOutput) {
+  const LinuxEx::ToolRun run = LinuxEx::RunTool(argv, input, onOutput);
   if (run.status == 0) return {};
   // The status as text: a bare number would take the locale's digit grouping.
   return Common::Error(kErrorExternalCall,

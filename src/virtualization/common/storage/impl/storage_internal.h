@@ -2,6 +2,7 @@
 // What the storage classes share: the place their errors name, trace codes, the
 // label prefix, and the helpers for tools and sysfs.
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -30,7 +31,8 @@ bool HasLabelPrefix(const String& label);
 // would type it in the text, the exit status (-1 not started or killed, 127 not found)
 // as the field "status".
 Common::Error RunTool(const std::vector<std::string>& argv, const Common::ErrorLocation& where,
-                      const std::string& input = std::string());
+                      const std::string& input = std::string(),
+                      const std::function<void(const std::string&)>& onOutput = nullptr);
 
 // "/dev/" and the device name.
 std::string DevicePath(const String& name);
