@@ -21,6 +21,7 @@
 #include "core/common/guid.h"
 #include "core/common/unicode.h"
 #include "core/linex/linux_misc.h"
+#include "../counters.h"
 #include "fake_machine.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/attributes.h"
 #include "virtualization/common/storage/storage_config.h"
@@ -31,6 +32,8 @@ extern char** environ;
 namespace {
 
 using namespace FakeMachineTesting;
+using BenchCounters::CpuSeconds;
+using BenchCounters::ProcessesMade;
 using MigrationManagement::StorageConfig;
 using Virtualization::Appliance::StoragesManager;
 
@@ -124,13 +127,6 @@ bool Spawn(const std::string& line, std::string& out) {
   return started == 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-double CpuSeconds(int who) {
-  rusage usage{};
-  getrusage(who, &usage);
-  const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
-  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
-}
-
 // The lines the library ran for `disks` disks: scsi_id per disk, then blkid and lsblk per
 // partition, then (for the storage list) e2label per partition. The disks' outputs
 // must say what the library needs: a serial, a UUID, the mount point and the label.
@@ -177,17 +173,6 @@ struct Side {
   double wall = 0, self = 0, tools = 0;  // seconds summed over the iterations
   uint64_t processes = UINT64_MAX;       // the fewest the machine made during one run
 };
-
-// Processes (and threads) the kernel made since boot, machine-wide: the fewest seen over
-// a side's runs is what the side itself made, whatever else ran meanwhile.
-uint64_t ProcessesMade() {
-  std::ifstream stat("/proc/stat");
-  std::string key;
-  uint64_t value = 0;
-  while (stat >> key && key != "processes") stat.ignore(1 << 16, '\n');
-  stat >> value;
-  return value;
-}
 
 bool Timed(bool (*run)(int), int disks, Side& side) {
   const double self = CpuSeconds(RUSAGE_SELF), tools = CpuSeconds(RUSAGE_CHILDREN);

@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "../counters.h"
 #include "core/common/unicode.h"
 #include "core/linex/linux_misc.h"
 #include "virtualization/common/storage/storage_config.h"
@@ -35,23 +36,6 @@ struct Sample {
   double wall = 0, self = 0, children = 0;  // seconds
   long processes = 0;                       // forks and clones, the guest's own included
 };
-
-// The kernel's count of processes (and threads) made since boot.
-long Processes() {
-  std::ifstream in("/proc/stat");
-  std::string key;
-  long value = 0;
-  while (in >> key && key != "processes") in.ignore(1 << 20, '\n');
-  in >> value;
-  return value;
-}
-
-double Cpu(int who) {
-  rusage use{};
-  getrusage(who, &use);
-  return static_cast<double>(use.ru_utime.tv_sec + use.ru_stime.tv_sec) +
-         static_cast<double>(use.ru_utime.tv_usec + use.ru_stime.tv_usec) / 1e6;
-}
 
 bool Storages() {
   std::vector<MigrationManagement::StorageConfig::Storage> list;
@@ -86,15 +70,15 @@ struct Contender {
 };
 
 Sample Measure(Contender& c) {
-  const long processes = Processes();
-  const double self = Cpu(RUSAGE_SELF), children = Cpu(RUSAGE_CHILDREN);
+  const long processes = static_cast<long>(BenchCounters::ProcessesMade());
+  const double self = BenchCounters::CpuSeconds(RUSAGE_SELF), children = BenchCounters::CpuSeconds(RUSAGE_CHILDREN);
   const auto start = std::chrono::steady_clock::now();
   if (!c.run()) {
     std::fprintf(stderr, "bench_vm_listing: %s listed wrong\n", c.name);
     std::exit(1);
   }
   const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - start;
-  return {wall.count(), Cpu(RUSAGE_SELF) - self, Cpu(RUSAGE_CHILDREN) - children, Processes() - processes};
+  return {wall.count(), BenchCounters::CpuSeconds(RUSAGE_SELF) - self, BenchCounters::CpuSeconds(RUSAGE_CHILDREN) - children, static_cast<long>(BenchCounters::ProcessesMade()) - processes};
 }
 
 double Median(std::vector<double> v) {

@@ -67,12 +67,9 @@ BlockDeviceId BlockDeviceOf(const std::string& sysfsDir, const std::string& path
     if (FileSystem::ErrnoOf(error) != ENOENT) throw;
     return id;
   }
-  const std::string_view line = std::string_view(text).substr(0, text.find('\n'));
-  const size_t colon = line.find(':');
-  unsigned int major = 0, minor = 0;
-  if (colon != std::string_view::npos && Common::ParseDecimal(line.substr(0, colon), major) &&
-      Common::ParseDecimal(line.substr(colon + 1), minor))
-    id.devno = makedev(major, minor);
+  unsigned int numbers[2];  // "MAJ:MIN"
+  if (Common::ParseDecimals(std::string_view(text).substr(0, text.find('\n')), numbers))
+    id.devno = makedev(numbers[0], numbers[1]);
   return id;
 }
 
