@@ -10,8 +10,7 @@
 #include "core/common/message_ids.h"
 #include "core/common/message_text.h"
 #include "core/common/module_internal.h"
-#include "core/common/trace_codes.h"
-#include "core/trace/trace_tools.h"
+#include "ext/include/logging/log.h"
 #include "resource_api.h"
 
 namespace Common::Detail {
@@ -39,7 +38,6 @@ namespace {
 
 constexpr uint32_t kMessageTableMagic = 1636;
 constexpr size_t kHeaderWords = 3;  // size, magic, message count
-constexpr int32_t kTraceMessages = TraceCodes::kStorage;  // the library's own area
 
 uint32_t Word(const void* table, size_t index) {
   uint32_t w;
@@ -146,16 +144,12 @@ void ReloadMessageTable() noexcept {
     }
     SetCurrentTable(table);
   }
-  // Outside the lock: a trace subscriber may change the language itself.
+  // Outside the lock: logging may take locks of its own.
   if (fault == nullptr) return;
-  try {
-    char language[64];
-    ResourceApi::GetLanguage(language, sizeof language);
-    TraceTools::Trace(EventLevelWarning, kTraceMessages,
-                      "Message file '{0}' of language '{1}' ({2} bytes) is refused: {3}; the built-in texts are used.",
-                      MsgFileName, language, size, fault);
-  } catch (...) {
-  }
+  char language[64];
+  ResourceApi::GetLanguage(language, sizeof language);
+  AS_LOG(3, AS_LOG_PREFIX "Message file '%s' of language '%s' (%zu bytes) is refused: %s; the built-in texts are used.",
+         MsgFileName, language, size, fault);
 }
 
 }  // namespace Common::Detail

@@ -4,13 +4,13 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <sstream>
 
 #include "../../support/temp_dir.h"
 #include "core/common/error.h"
 #include "core/common/message_ids.h"
 #include "core/common/message_text.h"
 #include "core/common/unicode.h"
-#include "core/trace/trace_tools.h"
 #include "resource_api.h"
 
 namespace {
@@ -18,9 +18,13 @@ namespace {
 String Text(TextFromMessageFile id) { return GetTextFromMessageFile(id); }  // never null here
 std::string Words(std::vector<uint32_t> w) { return {reinterpret_cast<char*>(w.data()), 4 * w.size()}; }
 
+// A refused file is logged; the log copies its lines to standard error only when
+// asked before its first line.
+const bool kLogToStandardError = setenv("ZEMLORA_LOG_STDERR", "1", 1) == 0;
+
 // Message files of a made-up language "xx", in a resource directory of the test's own;
-// the library's trace events are kept.
-class MessageFiles : public ::testing::Test, TraceTools::TraceSubscriber {
+// the library's log lines about them are kept.
+class MessageFiles : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(0, mkdir((dir_ / "xx").c_str(), 0755));
@@ -29,19 +33,18 @@ class MessageFiles : public ::testing::Test, TraceTools::TraceSubscriber {
     std::ifstream ru(std::string(AS_TEST_RESOURCES) + "/ru/appliance_storage.msg", std::ios::binary);
     russian_.assign(std::istreambuf_iterator<char>(ru), {});
     ASSERT_GT(russian_.size(), 12u);
-    TraceTools::Subscribe(this);
+    ASSERT_TRUE(kLogToStandardError);
   }
-  void TearDown() override {
-    TraceTools::Unsubscribe(this), ResourceApi::SetLanguage("en"), unsetenv("ZEMLORA_RESOURCE_DIR");
-  }
-  bool WantsEveryEvent() const override { return true; }
-  void OnTraceEvent(const TraceTools::TraceEvent& e) override {
-    traced_.push_back(Common::ToUtf8(e.text, e.length));
-  }
+  void TearDown() override { ResourceApi::SetLanguage("en"), unsetenv("ZEMLORA_RESOURCE_DIR"); }
   void Install(const std::string& bytes) {
     std::ofstream(dir_ / "xx/appliance_storage.msg", std::ios::binary | std::ios::trunc) << bytes;
-    traced_.clear();
+    ::testing::internal::CaptureStderr();
     ResourceApi::SetLanguage("xx");
+    std::istringstream lines(::testing::internal::GetCapturedStderr());
+    logged_.clear();
+    for (std::string line; std::getline(lines, line);)
+      if (line.find("Message file 'appliance_storage.msg' of language 'xx'") != std::string::npos)
+        logged_.push_back(line);
   }
   std::string With(size_t at, uint32_t w) const { return std::string(russian_).replace(at, 4, Words({w})); }
   // Whether every message's text lies in the table in use.
@@ -56,7 +59,7 @@ class MessageFiles : public ::testing::Test, TraceTools::TraceSubscriber {
   TestSupport::TempDir dir_;
   String builtIn_;
   std::string russian_;
-  std::vector<std::string> traced_;
+  std::vector<std::string> logged_;
 };
 
 TEST_F(MessageFiles, ASwitchChangesTheTextOfTheNextErrorOnly) {
@@ -71,14 +74,14 @@ TEST_F(MessageFiles, ASwitchChangesTheTextOfTheNextErrorOnly) {
   EXPECT_EQ(russian, before.GetText());  // shared with a table that is kept
   Install(russian_);
   EXPECT_EQ(russianTable, TextsFromMessageFileBase);  // the same file again costs no memory
-  EXPECT_TRUE(traced_.empty());
+  EXPECT_TRUE(logged_.empty());
 }
 
 // Damaged files fall back to the built-in texts; a valid file with fewer messages than
 // the library knows (even none) keeps the missing ones built in.
 TEST_F(MessageFiles, BrokenFilesFallBackAndShortOnesKeepTheRestBuiltIn) {
   const uint32_t n = static_cast<uint32_t>(russian_.size());
-  // why: a part of the one trace line of a refused file; null for a file accepted.
+  // why: a part of the one log line of a refused file; null for a file accepted.
   const struct { const char* what; std::string bytes; const char* why; String first = {}; } cases[] = {
       {"shorter than two words", Words({6, 1636}).substr(0, 6), "shorter than"},
       {"only two words", Words({8, 1636}), "no message count"},
@@ -97,8 +100,8 @@ TEST_F(MessageFiles, BrokenFilesFallBackAndShortOnesKeepTheRestBuiltIn) {
     SCOPED_TRACE(c.what);
     Install(c.bytes);
     EXPECT_EQ(c.why == nullptr, DefaultTextsBase != TextsFromMessageFileBase);
-    ASSERT_EQ(c.why == nullptr ? 0u : 1u, traced_.size());
-    if (c.why) { EXPECT_NE(std::string::npos, traced_[0].find(c.why)) << traced_[0]; }
+    ASSERT_EQ(c.why == nullptr ? 0u : 1u, logged_.size());
+    if (c.why) { EXPECT_NE(std::string::npos, logged_[0].find(c.why)) << logged_[0]; }
     EXPECT_EQ(builtIn_, Text(Messages::InternalError));
     EXPECT_EQ(c.first.empty() ? builtIn0 : c.first, Text({0}));
   }
