@@ -26,6 +26,8 @@
 #include <string>
 #include <vector>
 
+#include "processor/format/pattern_grammar.h"
+
 namespace {
 
 struct Message {
@@ -143,47 +145,46 @@ std::u16string ToUtf16(const std::string& s) {
 
 // The placeholders of a pattern, each as "argument,type,style" with blanks trimmed. A
 // choice or concord style holds texts of the language: only the placeholders nested
-// in it count. Text between quotation marks (U+F800) is literal.
-std::multiset<std::string> Placeholders(const std::string& pattern) {
-  static const std::string kQuote = "\xEF\xA0\x80";
-  std::multiset<std::string> found;
-  std::vector<std::string> segments;
-  int depth = 0;
-  bool quoted = false;
-  size_t start = 0;
-  for (size_t i = 0; i < pattern.size(); ++i) {
-    if (pattern.compare(i, kQuote.size(), kQuote) == 0) {
-      quoted = !quoted;
-      i += kQuote.size() - 1;
-      continue;
+// in it count.
+std::multiset<std::u16string> Placeholders(std::u16string_view pattern) {
+  struct Collector {
+    std::u16string_view pattern;
+    std::multiset<std::u16string> found;
+    std::vector<size_t> cuts;  // where the outermost placeholder's segments begin
+    size_t depth = 0;
+
+    void Text(size_t, size_t, size_t) {}
+    void Quote(size_t) {}
+    void Open(size_t at) {
+      if (depth++ == 0) cuts.assign(1, at + 1);
     }
-    if (quoted) continue;
-    if (pattern[i] == '{' && depth++ == 0) {
-      segments.clear();
-      start = i + 1;
-    } else if (depth == 1 && (pattern[i] == ',' || pattern[i] == '}')) {
-      std::string s = pattern.substr(start, i - start);
-      s.erase(0, s.find_first_not_of(' '));
-      s.erase(s.find_last_not_of(' ') + 1);
-      segments.push_back(s);
-      start = i + 1;
-      if (pattern[i] == ',') continue;
-      --depth;
-      std::string signature = segments[0] + "," + (segments.size() > 1 ? segments[1] : "");
-      std::string style;
-      for (size_t k = 2; k < segments.size(); ++k) style += (k > 2 ? "," : "") + segments[k];
-      if (segments.size() > 1 && (segments[1] == "choice" || segments[1] == "concord")) {
-        for (const std::string& nested : Placeholders(style)) signature += ",{" + nested + "}";
+    void Comma(size_t at) {
+      if (depth == 1) cuts.push_back(at + 1);
+    }
+    void Close(size_t at) {
+      if (--depth > 0) return;
+      cuts.push_back(at + 1);
+      std::vector<std::u16string> segments;
+      for (size_t k = 0; k + 1 < cuts.size(); ++k) {
+        std::u16string s(pattern.substr(cuts[k], cuts[k + 1] - 1 - cuts[k]));
+        s.erase(0, s.find_first_not_of(u' '));
+        s.erase(s.find_last_not_of(u' ') + 1);
+        segments.push_back(s);
+      }
+      std::u16string signature = segments[0] + u"," + (segments.size() > 1 ? segments[1] : u"");
+      std::u16string style;
+      for (size_t k = 2; k < segments.size(); ++k) style += (k > 2 ? u"," : u"") + segments[k];
+      if (segments.size() > 1 && (segments[1] == u"choice" || segments[1] == u"concord")) {
+        for (const std::u16string& nested : Placeholders(style)) signature += u",{" + nested + u"}";
       } else {
-        signature += "," + style;
+        signature += u"," + style;
       }
       found.insert(signature);
-    } else if (pattern[i] == '}' && depth > 0) {
-      --depth;
     }
-  }
-  if (depth != 0 || quoted) found.insert("(unbalanced)");
-  return found;
+  } collector{pattern, {}, {}};
+  const Processor::PatternEnd end = Processor::ScanPattern(pattern.data(), pattern.size(), collector);
+  if (end.depth != 0 || end.quoted) collector.found.insert(u"(unbalanced)");
+  return collector.found;
 }
 
 struct Problem {
@@ -207,7 +208,7 @@ std::vector<std::string> Translate(const std::vector<Message>& reference, const 
                       : m->fuzzy                  ? "fuzzy"
                       : m->text != r.text         ? "stale: its msgid is not the template's"
                                                   : nullptr;
-    const bool wrong = why == nullptr && Placeholders(m->translation) != Placeholders(r.text);
+    const bool wrong = why == nullptr && Placeholders(ToUtf16(m->translation)) != Placeholders(ToUtf16(r.text));
     if (wrong) why = "the placeholders differ from the English ones";
     if (why != nullptr) problems.push_back({(m ? m->where + ": " : "") + r.name + ": " + why, wrong});
     texts.push_back(why == nullptr ? m->translation : r.text);

@@ -56,13 +56,6 @@ class FrameStack {
   size_t size_ = 0;
 };
 
-// Units that change the parser's state where they stand.
-bool IsSpecial(unsigned short c, bool inside, bool quoted) {
-  if (c == kQuotationMark) return true;
-  if (quoted) return false;
-  return c == '{' || (inside && (c == '}' || c == ','));
-}
-
 Segments SegmentsOf(const Frame& f, const TextBuffer& arena) {
   Segments s;
   s.count = f.segment + 1;
@@ -158,66 +151,49 @@ int32_t MessageFormatImpl::Format(unsigned short* buffer, int32_t size, const un
 // Nested placeholders are kept on an explicit stack rather than the call stack, so
 // that nesting of any depth costs heap, not stack.
 void MessageFormatImpl::FormatTo(TextBuffer& out, TextView pattern, const Variant* args, size_t count) const {
-  TextBuffer arena;    // segments 1..4 of every open placeholder
-  TextBuffer scratch;  // the rendering of a nested placeholder
-  FrameStack frames;
-  size_t textStart = out.size();  // where segment 0 of the current placeholder begins
-  bool quoted = false;
+  struct Renderer {
+    const MessageFormatImpl& engine;
+    TextBuffer& out;
+    TextView pattern;
+    const Variant* args;
+    size_t count;
+    TextBuffer arena;    // segments 1..4 of every open placeholder
+    TextBuffer scratch;  // the rendering of a nested placeholder
+    FrameStack frames;
+    size_t textStart;  // where segment 0 of the current placeholder begins
 
-  for (size_t i = 0; i < pattern.size; ++i) {
-    const unsigned short c = pattern[i];
-    const bool inside = !frames.empty();
-    if (!IsSpecial(c, inside, quoted)) {
-      // A run of ordinary units goes over in one piece.
-      size_t end = i + 1;
-      while (end < pattern.size && !IsSpecial(pattern[end], inside, quoted)) ++end;
-      (inside ? arena : out).append(pattern.data + i, end - i);
-      i = end - 1;
-      continue;
+    void Text(size_t begin, size_t end, size_t depth) {
+      (depth > 0 ? arena : out).append(pattern.data + begin, end - begin);
     }
-    if (c == kQuotationMark) {
-      quoted = !quoted;
-      if (inside) arena.push_back(c);
-      continue;
+    // Outside placeholders the mark is dropped; inside, the subformat sees it.
+    void Quote(size_t depth) {
+      if (depth > 0) arena.push_back(kQuotationMark);
     }
-    if (!inside) {
-      if (c == '{' && !quoted)
-        frames.push(arena.size());
-      else
-        out.push_back(c);
-      continue;
+    void Open(size_t) { frames.push(arena.size()); }
+    void Comma(size_t) {
+      Frame& f = frames.back();
+      if (f.segment < SEGMENT_EXTRA) f.start[++f.segment] = arena.size();
     }
-    if (quoted) {
-      arena.push_back(c);
-      continue;
+    void Close(size_t) {
+      const Frame& f = frames.back();
+      if (frames.size() == 1) {
+        engine.Render(SegmentsOf(f, arena), args, count, out);
+        arena.clear();
+        frames.pop();
+        textStart = out.size();
+        return;
+      }
+      scratch.clear();
+      engine.Render(SegmentsOf(f, arena), args, count, scratch);
+      arena.resize(f.start[SEGMENT_ARGUMENT]);
+      frames.pop();
+      arena.append(scratch.view());  // onto the enclosing placeholder's segment
     }
-    Frame& f = frames.back();
-    switch (c) {
-      case '{':
-        frames.push(arena.size());
-        break;
-      case ',':
-        if (f.segment < SEGMENT_EXTRA) f.start[++f.segment] = arena.size();
-        break;
-      case '}':
-        if (frames.size() == 1) {
-          Render(SegmentsOf(f, arena), args, count, out);
-          arena.clear();
-          frames.pop();
-          textStart = out.size();
-        } else {
-          scratch.clear();
-          Render(SegmentsOf(f, arena), args, count, scratch);
-          arena.resize(f.start[SEGMENT_ARGUMENT]);
-          frames.pop();
-          arena.append(scratch.view());  // onto the enclosing placeholder's segment
-        }
-        break;
-      default:
-        arena.push_back(c);
-    }
-  }
+  } r{*this, out, pattern, args, count, {}, {}, {}, out.size()};
+  ScanPattern(pattern.data, pattern.size, r);
 
+  FrameStack& frames = r.frames;
+  TextBuffer& arena = r.arena;
   if (frames.empty()) return;
   // The pattern ended inside placeholders: each unfinished one gives its current
   // segment to the one around it, and the outermost its current segment to the
@@ -231,7 +207,7 @@ void MessageFormatImpl::FormatTo(TextBuffer& out, TextView pattern, const Varian
     arena.resize(to + arena.size() - from);
   }
   const Frame& outer = frames[0];
-  out.resize(textStart);
+  out.resize(r.textStart);
   out.append(arena.view(outer.start[outer.segment], arena.size()));
 }
 

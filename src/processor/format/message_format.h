@@ -11,12 +11,10 @@
 #include <cstdint>
 
 #include "core/common/export.h"
+#include "processor/format/pattern_grammar.h"
 #include "processor/utils/variant.h"
 
 namespace Processor {
-
-// The quotation mark of patterns.
-constexpr unsigned short kQuotationMark = 0xF800;
 
 class AS_EXPORT MessageFormat {
  public:
