@@ -3,12 +3,11 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
-#include <cinttypes>
-#include <cstdio>
 #include <string>
 #include <vector>
 
 #include "core/common/error.h"
+#include "core/common/error_chain.h"
 #include "core/common/guid.h"
 #include "core/common/message_ids.h"
 #include "core/common/message_text.h"
@@ -43,23 +42,10 @@ void Check(const Common::Error& e) {
 }
 
 // The chain as storagectl prints it, one line per node, causes indented.
-std::string ChainText(const Common::Error& error) {
-  std::string text, indent;
-  for (Common::Error e = error; e; e = e.GetCause(), indent += "  ") {
-    const Common::ErrorLocation where = e.GetLocation();
-    char line[64];
-    std::snprintf(line, sizeof line, " 0x%06" PRIX32 ": ", e.GetCode());
-    text += (text.empty() ? "" : "\n") + indent + (indent.empty() ? "error" : "cause") + line + U8(e.GetText()) + " (" +
-            (where.file ? where.file : "?") + ", " + (where.function ? where.function : "?") + ", line " +
-            std::to_string(where.line) + ")";
-  }
-  return text;
-}
-
 py::object OrNone(const char* text) { return text ? py::object(py::str(text)) : py::object(py::none()); }
 
 py::object ToPython(const Common::Error& e) {
-  py::object error = py::reinterpret_borrow<py::object>(g_storageError)(ChainText(e));
+  py::object error = py::reinterpret_borrow<py::object>(g_storageError)(Common::ErrorChainText(e));
   const Common::ErrorLocation where = e.GetLocation();
   error.attr("code") = e.GetCode();
   error.attr("text") = U8(e.GetText());

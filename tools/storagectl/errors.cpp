@@ -2,6 +2,7 @@
 #include <cinttypes>
 #include <string>
 
+#include "core/common/error_chain.h"
 #include "core/common/unicode.h"
 #include "storagectl.h"
 
@@ -13,13 +14,7 @@ const char* Or(const char* text) { return text ? text : "?"; }
 }  // namespace
 
 void PrintError(const Common::Error& error, std::FILE* out) {
-  std::string indent;
-  for (Common::Error e = error; e; e = e.GetCause(), indent += "  ") {
-    const Common::ErrorLocation where = e.GetLocation();
-    std::fprintf(out, "%s%s 0x%06" PRIX32 ": %s (%s, %s, line %" PRId32 ")\n", indent.c_str(),
-                 indent.empty() ? "storagectl: error" : "cause", e.GetCode(), Common::ToUtf8(e.GetText()).c_str(),
-                 Or(where.file), Or(where.function), where.line);
-  }
+  std::fprintf(out, "%s\n", Common::ErrorChainText(error, "storagectl: error").c_str());
 }
 
 Json ErrorJson(const Common::Error& e) {
