@@ -79,16 +79,22 @@ struct Terminal {
   }
 };
 
-// storagectl with `args` on terminal `t` that types `answer` at its question, or hangs
-// up there when `answer` is null; `out` is all the terminal showed.
-Result OnTerminal(Terminal& t, const std::string& args, const char* answer) {
+// `command` run by sh on terminal `t`, as its controlling terminal.
+pid_t OnTerminal(Terminal& t, const std::string& command) {
   const pid_t pid = fork();
   if (pid == 0) {
     login_tty(t.slave);
-    execl("/bin/sh", "sh", "-c", ("exec " STORAGECTL " " + args).c_str(), nullptr);
+    execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
     _exit(127);
   }
   close(std::exchange(t.slave, -1));  // else the terminal never ends
+  return pid;
+}
+
+// storagectl with `args` on terminal `t` that types `answer` at its question, or hangs
+// up there when `answer` is null; `out` is all the terminal showed.
+Result OnTerminal(Terminal& t, const std::string& args, const char* answer) {
+  const pid_t pid = OnTerminal(t, "exec " STORAGECTL " " + args);
   Result r{-1, "", ""};
   for (std::string s; r.out.find("to go on: ") == std::string::npos && !(s = Next(t.master)).empty();) r.out += s;
   if (answer && write(t.master, answer, std::strlen(answer)) >= 0)
@@ -272,16 +278,8 @@ TEST(Storagectl, BashCompletesCommandsOptionsAndNames) {
   Terminal t;
   AS_FAKE_MACHINE(m);
   Build(m);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    login_tty(t.slave);
-    const std::string dir = std::string(STORAGECTL).substr(0, std::string(STORAGECTL).rfind('/'));
-    setenv("PATH", (dir + ":" + getenv("PATH")).c_str(), 1);
-    setenv("PS1", "$ ", 1);
-    execl("/bin/bash", "bash", "--norc", "--noprofile", "-i", nullptr);
-    _exit(127);
-  }
-  close(std::exchange(t.slave, -1));
+  const std::string dir = std::string(STORAGECTL).substr(0, std::string(STORAGECTL).rfind('/'));
+  const pid_t pid = OnTerminal(t, "PATH=" + dir + ":$PATH PS1='$ ' exec bash --norc --noprofile -i");
   const auto type = [&](const std::string& keys, const std::string& awaited) {
     std::string shown;
     if (write(t.master, keys.data(), keys.size()) < 0) return shown;
