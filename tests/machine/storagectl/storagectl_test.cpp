@@ -203,6 +203,7 @@ TEST(Storagectl, PreparesOnATerminalOnlyAfterYes) {
       {"prepare sdc", "no\n", "/dev/sdc"},
       {"prepare sdc", "y\n", "/dev/sdc"},
       {"prepare sdc", "YES\n", "/dev/sdc"},
+      {"prepare sdc", "yes please\n", "/dev/sdc"},
       {"prepare sdc", "\x04", "/dev/sdc"},  // Ctrl-D: end of input
       {"prepare sdc", nullptr, "/dev/sdc"},
       {"prepare --wipe sdaa", "no\n", "\n  sdaa: gpt\r\n  sdaa1: ext4 'backup'\r\n"},
