@@ -173,9 +173,12 @@ TEST(Storagectl, RefusesBadInputAndReportsErrorsChangingNothing) {
       {"prepare", 2, "DEVICE"},
       {"prepare sdc", 2, "--yes"},
       {"prepare sdz --yes", 1, "'sdz'"},
+      {"prepare sdb --yes", 1, "0x720021"},
       {"prepare sdaa --yes", 1, "0x720022"},
+      {"mount sdz1 st2", 1, "'sdz1'"},
       {"mount sdb1 a/b", 1, "0x720023"},
       {"attributes set sdb Temporary", 2, "DISK NAME VALUE"},
+      {"attributes get sdz", 1, "'sdz'"},
   };
   for (const auto& [args, code, firstLine] : cases) {
     SCOPED_TRACE(args);
@@ -260,8 +263,12 @@ TEST(Storagectl, PreparesMountsLabelsAndMarksADisk) {
   EXPECT_EQ(Column(Ctl("--json devices").json()["devices"]), (Names{"sdb", "sdc", "sdaa"}));
 }
 
-TEST(Storagectl, DoctorNamesWhatIsMissing) {
+// The manual page escapes what roff would take for requests and hyphens; completion with
+// no word yet offers the commands.
+TEST(Storagectl, DoctorManualAndFirstWord) {
   AS_FAKE_MACHINE(m);
+  EXPECT_NE(Ctl("man").out.find("\n.TP\n\\fB\\-\\-yes\\fR\n"), std::string::npos);
+  EXPECT_NE(Ctl("complete").out.find("\nprepare\n"), std::string::npos);
   EXPECT_EQ(Ctl("doctor").code, 0);
   const Result bad = Ctl("--json doctor", "PATH=/none");
   EXPECT_EQ(bad.code, 1);
@@ -292,7 +299,7 @@ TEST(Storagectl, BashCompletesCommandsOptionsAndNames) {
   const std::pair<const char*, const char*> cases[] = {
       {"storagectl pre\t", "storagectl prepare "},
       {"\t\t", "--wipe"},
-      {"sda\t", "sdaa "},
+      {"--wipe sda\t", "--wipe sdaa "},  // an option is no operand
       {"\x15storagectl --json mount \t\t", "sdb1"},
   };
   for (const auto& [keys, awaited] : cases) {
