@@ -186,10 +186,11 @@ TEST(Storagectl, RefusesBadInputAndReportsErrorsChangingNothing) {
     EXPECT_EQ(r.code, code);
     EXPECT_NE(r.err.substr(0, r.err.find('\n')).find(firstLine), std::string::npos) << r.err;
     EXPECT_EQ(r.err.find("Usage: storagectl") != std::string::npos, code == 2) << r.err;
-    // Only a disk that may hold data earns the hint, after the library's chain.
-    const size_t hint = r.err.find("'storagectl prepare --wipe sdaa'");
-    EXPECT_EQ(hint != std::string::npos && r.err.find(" 0x72004A: ") < hint, std::string(args) == "prepare sdaa --yes")
-        << r.err;
+    // Only a disk that may hold data earns the hint, after the library's chain, with the command to run.
+    const size_t hint = r.err.find("hint: ");
+    EXPECT_EQ(hint != std::string::npos, std::string(args) == "prepare sdaa --yes") << r.err;
+    if (hint != std::string::npos)
+      EXPECT_LT(r.err.find(" 0x72004A: "), r.err.find("'storagectl prepare --wipe sdaa'", hint)) << r.err;
   }
   EXPECT_EQ(Ctl("--json devices").out, before);
   EXPECT_TRUE(m.Calls("gdisk").empty() && m.Calls("mount").empty());
