@@ -189,8 +189,9 @@ TEST(Storagectl, RefusesBadInputAndReportsErrorsChangingNothing) {
     // Only a disk that may hold data earns the hint, after the library's chain, with the command to run.
     const size_t hint = r.err.find("hint: ");
     EXPECT_EQ(hint != std::string::npos, std::string(args) == "prepare sdaa --yes") << r.err;
-    if (hint != std::string::npos)
+    if (hint != std::string::npos) {
       EXPECT_LT(r.err.find(" 0x72004A: "), r.err.find("'storagectl prepare --wipe sdaa'", hint)) << r.err;
+    }
   }
   EXPECT_EQ(Ctl("--json devices").out, before);
   EXPECT_TRUE(m.Calls("gdisk").empty() && m.Calls("mount").empty());
