@@ -80,7 +80,9 @@ TEST(ScsiHosts, UnknownDriversAreLeftOutAndReportedOnce) {
   SCSI::Detail::EnumerateHosts(hosts);
   SCSI::Detail::EnumerateHosts(hosts);
   EXPECT_EQ((HostTable{{0, SCSI::HostTypeAtaPiix}, {10, SCSI::HostTypeAtaPiix}}), hosts);
-  // Unknown drivers once per process (no other test here has one), no proc_name every time: 1 + 2.
+  // Unknown drivers once per process (no other test here has one); no proc_name every time.
+  EXPECT_EQ(1u, reports.Count("assert", "impl/host, line 115"));
+  EXPECT_EQ(2u, reports.Count("assert", "impl/host, line 121"));
   EXPECT_EQ(3u, reports.Count("assert"));
 }
 
@@ -208,8 +210,8 @@ TEST(Subsystem, TheLockIsHeldWhileItsHolderLives) {
   EXPECT_FALSE(held());
 }
 
-// Each failure leaves the list alone and has its cause chain; only an operation left by an
-// exception traces its time.
+// Each failure leaves the list alone; each level of its cause chain has its code and the
+// place support tooling knows (0: any); only an operation left by an exception traces its time.
 TEST(Subsystem, Failures) {
   SCSI::Disk unknown{0, 9, 0, Common::Str(u"sdz"), {}, false};
   std::vector<SCSI::Disk> disks;
@@ -229,17 +231,21 @@ TEST(Subsystem, Failures) {
   const struct {
     const char* removed;  // a file taken away first
     std::function<Common::Error()> call;
-    std::vector<uint32_t> chain;
+    std::vector<std::pair<uint32_t, int>> chain;  // code, place's line
     bool timed;             // traces how long it took
     bool directory = false;  // put where the file was
   } cases[] = {
-      {"/sys/class/scsi_host/host1/scan", [&] { return subsystem()->Refresh(); }, {0x530040, 0x530040, 0x5300C6}, false},
-      {"/sys/block/sda/device/state", [&] { return subsystem()->Enumerate(disks); }, {0x530040, 0x530123}, false},
-      {"/sys/block/sda/device/state", [&] { return subsystem()->Enumerate(disks); }, {0x530040, 0x530124}, false, true},
-      {nullptr, starved, {0x530040, 0x530113}, false},
-      {nullptr, [&] { return subsystem()->AddDisk(unknown, unknown.name); }, {0x530040, 0x530040, 0x5300C6}, true},
-      {nullptr, [&] { return subsystem()->RemoveDisk(unknown); }, {0x530040, 0x530040}, false},
-      {"/sys/dev/block", [] { return Thrown([] { SCSI::CreateDiskSubsystem(); }); }, {0x530040}, false},
+      {"/sys/class/scsi_host/host1/scan", [&] { return subsystem()->Refresh(); },
+       {{0x530040, 366}, {0x530040, 137}, {0x5300C6, 0}}, false},
+      {"/sys/block/sda/device/state", [&] { return subsystem()->Enumerate(disks); }, {{0x530040, 430}, {0x530123, 0}},
+       false},
+      {"/sys/block/sda/device/state", [&] { return subsystem()->Enumerate(disks); }, {{0x530040, 430}, {0x530124, 0}},
+       false, true},
+      {nullptr, starved, {{0x530040, 430}, {0x530113, 499}}, false},
+      {nullptr, [&] { return subsystem()->AddDisk(unknown, unknown.name); },
+       {{0x530040, 456}, {0x530040, 137}, {0x5300C6, 0}}, true},
+      {nullptr, [&] { return subsystem()->RemoveDisk(unknown); }, {{0x530040, 490}, {0x530040, 474}}, false},
+      {"/sys/dev/block", [] { return Thrown([] { SCSI::CreateDiskSubsystem(); }); }, {{0x530040, 333}}, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(&c - cases);
@@ -251,10 +257,13 @@ TEST(Subsystem, Failures) {
     if (c.removed) FakeMachineTesting::fs::remove_all(c.removed);
     if (c.directory) FakeMachineTesting::fs::create_directory(c.removed);
     disks.assign(3, SCSI::Disk());
-    std::vector<uint32_t> chain;
-    for (Common::Error e = c.call(); e; e = e.GetCause()) chain.push_back(e.GetCode());
-    EXPECT_EQ(c.chain, std::vector<uint32_t>(chain.begin(), chain.begin() + std::min(chain.size(), c.chain.size())));
+    Common::Error e = c.call();
     EXPECT_EQ(3u, disks.size());
+    for (const auto& [code, line] : c.chain) {
+      EXPECT_EQ(code, e.GetCode());
+      EXPECT_EQ(line ? line : e.GetLocation().line, e.GetLocation().line);
+      e = e.GetCause();
+    }
     EXPECT_EQ(c.timed ? 1u : 0u, reports.Count("trace", "DiskSubsystemImpl::"));
   }
 }
@@ -353,17 +362,17 @@ Registry::MultiString Strings(std::initializer_list<const char16_t*> texts) {
 TEST(DiskAttributes, HowRecordsRead) {
   const DiskAttributes stale{{Str(u"stale"), Str(u"x")}};
   const DiskAttributes pairs{{kTemporary, Str(u"1")}, {Str(u"Owner"), Str(u"me")}};
-  // `assertion`: one assertion expected.
+  // `assertion`: the end of the one assertion expected, or none.
   const struct { const char* what; bool record; std::optional<Registry::Value> value; DiskAttributes expected;
-                 bool assertion; } cases[] = {
-      {"no record", false, std::nullopt, {}, false},
+                 const char* assertion; } cases[] = {
+      {"no record", false, std::nullopt, {}, nullptr},
       {"the first pair of a name wins", true, Strings({u"Temporary", u"1", u"Temporary", u"0", u"Owner", u"me"}),
-       pairs, false},
+       pairs, nullptr},
       {"odd count: the last string is ignored", true, Strings({u"Owner", u"me", u"Temporary"}),
-       {{Str(u"Owner"), Str(u"me")}}, true},
-      {"empty multistring", true, Registry::MultiString{}, {}, false},
-      {"a number instead", true, uint32_t{1}, {}, true},
-      {"no default value: unreadable, the attributes left alone", true, std::nullopt, stale, false},
+       {{Str(u"Owner"), Str(u"me")}}, "attributes, line 119"},
+      {"empty multistring", true, Registry::MultiString{}, {}, nullptr},
+      {"a number instead", true, uint32_t{1}, {}, "attributes, line 124"},
+      {"no default value: unreadable, the attributes left alone", true, std::nullopt, stale, nullptr},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -374,8 +383,10 @@ TEST(DiskAttributes, HowRecordsRead) {
     const Common::Error e = SCSI::Detail::LoadDiskAttributes(kDisk, attributes);
     const bool fails = c.record && !c.value;
     EXPECT_EQ(fails ? 0x530040u : 0u, e.GetCode());
+    EXPECT_EQ(fails ? 131 : 0, e.GetLocation().line);
     EXPECT_EQ(c.expected, attributes);
     EXPECT_EQ(c.assertion ? 1u : 0u, reports.Count("assert"));
+    EXPECT_EQ(reports.Count("assert"), reports.Count("assert", c.assertion ? c.assertion : ""));
     EXPECT_EQ(c.expected.count(kTemporary), SCSI::Detail::DisksWithAttribute(kTemporary).count(kDisk.ToWideString()));
   }
 }
@@ -397,7 +408,8 @@ TEST(DiskAttributes, SyncDropsOrphans) {
   std::string text = m.ReadFile(file);
   text.resize(text.size() / 2);
   m.WriteFile(file, text);
-  EXPECT_EQ(0x530040u, Thrown([] { SCSI::Detail::SyncDisksAttributes({}); }).GetCode());
+  const Common::Error e = Thrown([] { SCSI::Detail::SyncDisksAttributes({}); });
+  EXPECT_EQ(std::make_pair(0x530040u, 162), std::make_pair(e.GetCode(), e.GetLocation().line));
   EXPECT_EQ(text, m.ReadFile(file));
 }
 
