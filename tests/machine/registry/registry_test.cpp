@@ -95,6 +95,7 @@ TEST(Registry, BadHandlesAndPathsNameTheKey) {
   const struct { Common::Error error; uint32_t code; const char* field; } cases[] = {
       {machine.Open(Str(u"Soft\\Missing"), key), Registry::kErrorKeyNotFound, "HKEY_LOCAL_MACHINE\\Soft\\Missing"},
       {machine.Open(Str(u"\\a"), key), kErrorInvalidKeyPath, "HKEY_LOCAL_MACHINE\\\\a"},
+      {machine.CreateKeyRecursive(Str(u"a\\"), key), kErrorInvalidKeyPath, "HKEY_LOCAL_MACHINE\\a\\"},
       {machine.CreateKeyRecursive(Str(u"a\\\\b"), key), kErrorInvalidKeyPath, "HKEY_LOCAL_MACHINE\\a\\\\b"},
       {machine.OpenChild(Str(u"a\\b"), key), kErrorInvalidKeyPath, "HKEY_LOCAL_MACHINE\\a\\b"},
       {machine.DeleteChild(String()), kErrorInvalidKeyPath, "HKEY_LOCAL_MACHINE\\"},

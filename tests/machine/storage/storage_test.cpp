@@ -118,6 +118,7 @@ TEST(Storages, PreparationRefusesDataAndStopsAtTheFirstFailure) {
       {"sgdisk -Z -n 1:2048:0 /dev/sdc", "ok", "dd gdisk mke2fs "},
       {"sgdisk -Z -o /dev/sdc", "ok", "dd gdisk mke2fs "},
       {"dd", "0x720022@474>0x720004(3)@474", "dd "},
+      {"gdisk", "0x720022@481>0x720004(3)@481", "dd gdisk "},
       {"mke2fs", "0x720022@488>0x720004(3)@488", "dd gdisk mke2fs "},
   };
   for (const auto& [setup, codes, ran] : cases) {

@@ -209,6 +209,7 @@ TEST(Storagectl, PreparesOnATerminalOnlyAfterYes) {
       {"prepare sdc", "y\n", "/dev/sdc"},
       {"prepare sdc", "YES\n", "/dev/sdc"},
       {"prepare sdc", "yes please\n", "/dev/sdc"},
+      {"prepare sdc", "\n", "/dev/sdc"},  // no default answer
       {"prepare sdc", "\x04", "/dev/sdc"},  // Ctrl-D: end of input
       {"prepare sdc", nullptr, "/dev/sdc"},
       {"prepare --wipe sdaa", "no\n", "\n  sdaa: gpt\r\n  sdaa1: ext4 'backup'\r\n"},
@@ -303,6 +304,7 @@ TEST(Storagectl, BashCompletesCommandsOptionsAndNames) {
       {"\t\t", "--wipe"},
       {"--wipe sda\t", "--wipe sdaa "},  // an option is no operand
       {"\x15storagectl --json mount \t\t", "sdb1"},
+      {"\x15storagectl attributes r\t", "attributes remove "},
   };
   for (const auto& [keys, awaited] : cases) {
     SCOPED_TRACE(keys);

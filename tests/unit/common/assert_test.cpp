@@ -27,10 +27,11 @@ TEST(FirstLookup, KeepsErrno) {
 TEST(AssertMode, ParsedFromHexAndWords) {
   const std::string pad124(124, ' ');  // only the first 127 characters are read
   const struct { std::string value; /* "unset": no variable */ uint32_t mode; } cases[] = {
-      {"unset", 0}, {"", 0}, {"0X24", kAssertLog | kAssertAbort}, {"064", 0x64}, {"0x0", kAssertOff},
-      {"0x24z", kAssertOff}, {"0x1FFFFFFFF", kAssertOff}, {"LOG", kAssertOff}, {"log loud", kAssertOff},
+      {"unset", 0}, {"", 0}, {"0x24", kAssertLog | kAssertAbort}, {"0X24", kAssertLog | kAssertAbort},
+      {"064", 0x64}, {"0x0", kAssertOff}, {"0x24z", kAssertOff}, {"+24", kAssertOff}, {" 24", kAssertOff},
+      {"0x1FFFFFFFF", kAssertOff}, {"log stack", kAssertLog | kAssertStack}, {"LOG", kAssertOff},
       {"\tlog\tdebug  ", kAssertLog | kAssertDebug}, {"break debug log event msgbox abort stack", 127},
-      {pad124 + "log", kAssertLog}, {pad124 + " log", kAssertOff} /* "lo" */,
+      {"log loud", kAssertOff}, {pad124 + "log", kAssertLog}, {pad124 + " log", kAssertOff} /* "lo" */,
   };
   for (const auto& c : cases)
     EXPECT_EQ(c.mode, ParseAssertMode(c.value == "unset" ? nullptr : c.value.c_str())) << "[" + c.value + "]";

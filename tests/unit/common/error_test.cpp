@@ -118,10 +118,13 @@ TEST(Guid, TextBytesOrderAndSpellings) {
   big.ToBytes(bytes);
   EXPECT_TRUE(bytes[0] == 0x01 && bytes[4] == 0x45 && big == decltype(big)::FromBytes(bytes));
   const struct { const char* text; bool accepted; } cases[] = {
-      {"{0123abcd-4567-89EF-fedc-BA9876543210}\n", true}, {"0123ABCD-4567-89EF-FEDC-BA987654321", false},
+      {"0123abcd-4567-89ef-fedc-ba9876543210", true},   {"{0123ABCD-4567-89EF-FEDC-BA9876543210}", true},
+      {"0123ABCD-4567-89EF-FEDC-BA9876543210\n", true}, {"{0123abcd-4567-89EF-fedc-BA9876543210}\n", true},
+      {"", false},                                       {"0123ABCD-4567-89EF-FEDC-BA987654321", false},
       {"0123ABCD-4567-89EF-FEDC-BA98765432100", false},  {"0123ABCD-4567-89EF-FEDC-BA987654321G", false},
-      {"0123ABCD-4567-89EF-FEDCBA98-76543210", false},   {"{0123ABCD-4567-89EF-FEDC-BA9876543210)", false},
-      {"+123ABCD-4567-89EF-FEDC-BA9876543210", false},   {"0123ABCD-4567-89EF-FEDC-BA9876543210\r\n", false},
+      {"0123ABCD 4567-89EF-FEDC-BA9876543210", false},   {"0123ABCD-4567-89EF-FEDCBA98-76543210", false},
+      {"{0123ABCD-4567-89EF-FEDC-BA9876543210)", false}, {"+123ABCD-4567-89EF-FEDC-BA9876543210", false},
+      {"0123ABCD-4567-89EF-FEDC-BA9876543210\n\n", false}, {"0123ABCD-4567-89EF-FEDC-BA9876543210\r\n", false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);

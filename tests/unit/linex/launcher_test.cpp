@@ -193,10 +193,12 @@ TEST(Launcher, ChildRunsAsAskedOrExits127) {
 
 TEST(Launcher, ChildEnvironmentRules) {
   struct { Strings parent; bool inherit; Strings overrides, expected; } cases[] = {
-      {{"A=1", "BROKEN", "C=3"}, true, {"C=x", "Z=9", "NOPE"}, {"A=1", "C=x", "Z=9"}},
+      {{"A=1", "B=2", "C=3"}, true, {"B=x"}, {"A=1", "B=x", "C=3"}},
+      {{"A=1"}, true, {"Z=9", "NOPE"}, {"A=1", "Z=9"}},  {{"A=1", "BROKEN", "C=3"}, true, {}, {"A=1", "C=3"}},
       {{"A=1"}, true, {"A=2", "A"}, {}},                 {{"A=1"}, true, {"A", "A=3"}, {"A=3"}},
       {{"A=1", "A=2"}, true, {"A=x"}, {"A=x", "A=2"}},   {{"AB=1"}, true, {"A=2"}, {"AB=1", "A=2"}},
-      {{"A=1"}, true, {"", "=x", "=", "A="}, {"A="}},    {{"=odd", "A=1"}, true, {"=x", "A=5"}, {"=x", "A=5"}},
+      {{"A=1"}, true, {"", "=x", "=", "A="}, {"A="}},
+      {{"=odd", "A=1"}, true, {"=x", "A=5"}, {"=x", "A=5"}}, {{"=odd", "A=1"}, true, {"=x", ""}, {"A=1"}},
       {{"A=1", "B=2"}, false, {"B=3", "C", "D=4"}, {"B=3", "D=4"}},
   };
   for (auto& c : cases) {
@@ -216,9 +218,9 @@ TEST(Launcher, ExecSearchPathFailuresReturnWithErrno) {
   const std::string savedPath = getenv("PATH") ? getenv("PATH") : "";
   char* argv[] = {const_cast<char*>("x"), nullptr};
   const struct { std::string path, file; int err; } cases[] = {
-      {"/no/such:/also/missing", "zl-missing", ENOENT}, {"/bin", "/no/such/prog", ENOENT},
+      {"/bin", "", ENOENT}, {"/no/such:/also/missing", "zl-missing", ENOENT}, {"/bin", "/no/such/prog", ENOENT},
       {dir.path() + ":/no/such", "plain", EACCES}, {dir.path() + ":/no/such", "loop", ELOOP},  // the search stops
-      {std::string(4095, 'd') + ":/bin", "true", ENAMETOOLONG},
+      {"/bin", std::string(5000, 'y'), ENAMETOOLONG}, {std::string(4095, 'd') + ":/bin", "true", ENAMETOOLONG},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.path.substr(0, 20) + " " + c.file.substr(0, 20));
@@ -332,7 +334,8 @@ TEST(SafeClose, PolicyDecidesWhatABadCloseDoes) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // the policy is read once at load
   // Policy (nullptr: unset), SafeFclose(nullptr) or else SafeClose(-1), the signal (0: only reported).
   const struct { const char* policy; bool file; int signal; } cases[] = {
-      {nullptr, false, SIGABRT}, {"abort,break", true, SIGTRAP}, {"0", false, 0}};
+      {nullptr, false, SIGABRT}, {"please-abort", false, SIGABRT}, {"abort,break", true, SIGTRAP},
+      {"0", false, 0}, {"0", true, 0}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.policy ? c.policy : "unset");
     c.policy ? setenv("ZEMLORA_SAFE_CLOSE", c.policy, 1) : unsetenv("ZEMLORA_SAFE_CLOSE");
@@ -371,8 +374,10 @@ TEST(Launcher, RunToolAndItsCommandText) {
   const auto echoed = LinuxEx::RunTool({"sh", "-c", "printf '%s|' " + LinuxEx::CommandText(words)});
   EXPECT_EQ("tune2fs|-L|ZLM$(id) 'x'`y`\\z\n%|/dev/sdb1|", echoed.output);
   // Where a run would find a program: a directory of that name is none.
+  EXPECT_EQ("/bin/true", ChildProcess::FindProgram("/bin/true"));
   EXPECT_EQ(LinuxEx::RunTool({"sh", "-c", "command -v ls"}).output, ChildProcess::FindProgram("ls") + "\n");
-  EXPECT_EQ("", ChildProcess::FindProgram("as-no-such-tool") + ChildProcess::FindProgram("/"));
+  EXPECT_EQ("", ChildProcess::FindProgram("as-no-such-tool"));
+  EXPECT_EQ("", ChildProcess::FindProgram("/"));
 }
 
 }  // namespace

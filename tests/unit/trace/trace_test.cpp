@@ -62,10 +62,12 @@ TEST(Trace, EveryPatternForm) {
     TraceTools::DbgTraceInfo(83, pattern, u"sdb");
     TraceTools::DbgTraceError(83, pattern, 7);
   };
-  check(narrow, false), check(std::string_view(narrow), false);
-  check(u"disk {0}", true), check(std::u16string_view(u"disk {0}"), true), check(Str(u"disk {0}"), true);
-  check(static_cast<const unsigned short*>(wide), true);
-  ASSERT_EQ(12u, every.texts.size());
+  check("disk {0}", false), check(narrow, false), check(static_cast<const char*>(narrow), false);
+  check(std::string(narrow), false), check(std::string_view(narrow), false);
+  check(u"disk {0}", true), check(static_cast<const char16_t*>(u"disk {0}"), true);
+  check(std::u16string(u"disk {0}"), true), check(std::u16string_view(u"disk {0}"), true);
+  check(Str(u"disk {0}"), true), check(wide, true), check(static_cast<const unsigned short*>(wide), true);
+  ASSERT_EQ(24u, every.texts.size());
   for (size_t i = 0; i < every.texts.size(); ++i) EXPECT_EQ(i % 2 ? "1 83 disk 7" : "1 83 disk sdb", every.texts[i]);
 }
 
