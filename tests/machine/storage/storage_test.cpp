@@ -105,6 +105,7 @@ TEST(Storages, PreparationRefusesDataAndStopsAtTheFirstFailure) {
   // fails; the error's codes; the writing tools that ran. A refused disk stays as it was.
   const std::tuple<std::string, std::string, std::string> cases[] = {
       {"/dev/sdc1 /mnt/local_storages/x", "0x720021@440", ""},
+      {"/dev/sdc1 /tmp/elsewhere", "0x720021@440", ""},
       {"/dev/sdc /tmp/whole", "0x720021@440", ""},
       {"no descriptors", "0x720022@452>0x40010>0xFFF1(" + std::to_string(EMFILE) + ")", ""},  // no mount table
       {"storage", "0x720022@447>0x72004A@448", ""},  // unmounted, but data all the same
