@@ -48,8 +48,6 @@ STEPS = [
      (None, {}, ["sdb", "sdc", "sdd"])),
     (lambda: st.disk_attributes(str(SDC)), TypeError),
     (lambda: dev("sdb").partitions[0].mount(5), TypeError),
-    (lambda: (st.__version__, st.identity()["library"], st.identity()["registry_dir"]),
-     ("18.0.38811", "18.0.38811", "/etc/Zemlora")),
 ]
 
 

@@ -211,8 +211,8 @@ TEST(Subsystem, TheLockIsHeldWhileItsHolderLives) {
   EXPECT_FALSE(held());
 }
 
-// Each failure names what failed and leaves the list alone; each level of its cause chain
-// has its code and line; only an operation left by an exception traces its time.
+// Each failure leaves the list alone; each level of its cause chain has its code and the
+// place support tooling knows (0: any); only an operation left by an exception traces its time.
 TEST(Subsystem, Failures) {
   SCSI::Disk unknown{0, 9, 0, Common::Str(u"sdz"), {}, false};
   std::vector<SCSI::Disk> disks;
@@ -232,25 +232,24 @@ TEST(Subsystem, Failures) {
   const struct {
     const char* removed;  // a file taken away first
     std::function<Common::Error()> call;
-    std::vector<std::pair<uint32_t, int>> chain;  // code, line (0: any)
-    const char* mentions;                        // in the texts of the chain
-    bool timed;                                  // traces how long it took
-    bool directory = false;                      // put where the file was
+    std::vector<std::pair<uint32_t, int>> chain;  // code, place's line
+    bool timed;             // traces how long it took
+    bool directory = false;  // put where the file was
   } cases[] = {
       {"/sys/class/scsi_host/host1/scan", [&] { return subsystem()->Refresh(); },
-       {{0x530040, 366}, {0x530040, 137}, {0x5300C6, 0}}, "- - -\n' to file '/sys/class/scsi_host/host1/scan'", false},
+       {{0x530040, 366}, {0x530040, 137}, {0x5300C6, 0}}, false},
       {"/sys/block/sda/device/state", [&] { return subsystem()->Enumerate(disks); }, {{0x530040, 430}, {0x530123, 0}},
-       "'/sys/block/sda/device/state'", false},
+       false},
       {"/sys/block/sda/device/state", [&] { return subsystem()->Enumerate(disks); }, {{0x530040, 430}, {0x530124, 0}},
-       "'/sys/block/sda/device/state'", false, true},
-      {nullptr, starved, {{0x530040, 430}, {0x530113, 499}}, "'/dev/sda'", false},
+       false, true},
+      {nullptr, starved, {{0x530040, 430}, {0x530113, 499}}, false},
       {nullptr, [&] { return subsystem()->AddDisk(unknown, unknown.name); },
-       {{0x530040, 456}, {0x530040, 137}, {0x5300C6, 0}}, "host9/scan", true},
-      {nullptr, [&] { return subsystem()->RemoveDisk(unknown); }, {{0x530040, 490}, {0x530040, 474}}, "sdz", false},
-      {"/sys/dev/block", [] { return Thrown([] { SCSI::CreateDiskSubsystem(); }); }, {{0x530040, 333}}, "", false},
+       {{0x530040, 456}, {0x530040, 137}, {0x5300C6, 0}}, true},
+      {nullptr, [&] { return subsystem()->RemoveDisk(unknown); }, {{0x530040, 490}, {0x530040, 474}}, false},
+      {"/sys/dev/block", [] { return Thrown([] { SCSI::CreateDiskSubsystem(); }); }, {{0x530040, 333}}, false},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.chain.front().second);
+    SCOPED_TRACE(&c - cases);
     AS_FAKE_MACHINE(m);
     Reports reports;
     m.Host(1, "ahci\n");
@@ -261,14 +260,11 @@ TEST(Subsystem, Failures) {
     disks.assign(3, SCSI::Disk());
     Common::Error e = c.call();
     EXPECT_EQ(3u, disks.size());
-    std::string texts;
     for (const auto& [code, line] : c.chain) {
       EXPECT_EQ(code, e.GetCode());
       EXPECT_EQ(line ? line : e.GetLocation().line, e.GetLocation().line);
-      texts += Common::ToUtf8(e.GetText());
       e = e.GetCause();
     }
-    EXPECT_NE(std::string::npos, texts.find(c.mentions)) << texts;
     EXPECT_EQ(c.timed ? 1u : 0u, reports.Count("trace", "DiskSubsystemImpl::"));
   }
 }
@@ -389,7 +385,6 @@ TEST(DiskAttributes, HowRecordsRead) {
     const bool fails = c.record && !c.value;
     EXPECT_EQ(fails ? 0x530040u : 0u, e.GetCode());
     EXPECT_EQ(fails ? 131 : 0, e.GetLocation().line);
-    EXPECT_EQ(fails, Common::ToUtf8(e.GetText()).find("'" + kDisk.ToString() + "'") != std::string::npos);
     EXPECT_EQ(c.expected, attributes);
     EXPECT_EQ(c.assertion ? 1u : 0u, reports.Count("assert"));
     EXPECT_EQ(reports.Count("assert"), reports.Count("assert", c.assertion ? c.assertion : ""));

@@ -2,16 +2,51 @@
 // What an appliance VM disk holds, as blkid reads it from the devices and as the library
 // reports it, in one form: "gpt 1:ext4:ZLM" (the disk's partition table, then each
 // partition that carries a signature, by number: type and label).
-#include <cstdio>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
 #include <string>
 
 #include "core/common/unicode.h"
+#include "../../support/error_text.h"
 #include "../../support/shell.h"
+#include "virtualization/common/storage/storage_config.h"
 #include "virtualization/common/storage/storage_manager.h"
 
 namespace VmTest {
 
+using TestSupport::ChainCodes;
 using TestSupport::Output;
+using Device = std::shared_ptr<Virtualization::Appliance::BlockDevice>;
+
+inline std::string Read(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+inline std::vector<Device> List(bool rescan = false) try {
+  return Virtualization::Appliance::StoragesManager().GetBlockDevices(rescan);
+} catch (const Common::Error& e) {
+  ADD_FAILURE() << TestSupport::ChainText(e);
+  return {};
+}
+
+inline std::string Prepare(const Device& disk) try {
+  return ChainCodes(disk->CreateBackupPartition());
+} catch (const Common::Error& e) {
+  return ChainCodes(e);
+}
+
+// "mount point label|" for each storage listed, or the error's codes.
+inline std::string Storages() {
+  std::vector<MigrationManagement::StorageConfig::Storage> list;
+  if (Common::Error e = MigrationManagement::StorageConfig::GetCurrentStorageConfig()->GetStoragesList(list))
+    return ChainCodes(e);
+  std::string text;
+  for (const auto& s : list) text += Common::ToUtf8(s.MountPoint) + " " + Common::ToUtf8(s.Label) + "|";
+  return text;
+}
 
 inline std::string Words(std::string lines) {
   while (!lines.empty() && lines.back() == '\n') lines.pop_back();

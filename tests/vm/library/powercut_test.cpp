@@ -10,19 +10,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
-#include "../../support/error_text.h"
-#include "core/common/unicode.h"
 #include "disk_view.h"
-#include "virtualization/common/storage/storage_config.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using Common::FromUtf8, Common::ToUtf8, TestSupport::ChainCodes;
-using Device = std::shared_ptr<Virtualization::Appliance::BlockDevice>;
+using Common::FromUtf8, Common::ToUtf8;
+using namespace VmTest;
 const std::string kRoot = "/mnt/local_storages/", kBin = "/tmp/cut_bin";
 
 // The guest's cut: the marker first (the run share reaches the host at once), then a
@@ -48,10 +43,6 @@ const struct Point {
     {"right after success", "", "", "gpt 1:ext4:ZLM", 1},
 };
 
-std::string Read(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
 // Written so that a power cut keeps it.
 bool WriteDurably(const std::string& path, const std::string& text) {
   const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -60,25 +51,6 @@ bool WriteDurably(const std::string& path, const std::string& text) {
                   fsync(fd) == 0 && fsync(dir) == 0;
   close(fd), close(dir);
   return ok;
-}
-std::vector<Device> List() try {
-  return Virtualization::Appliance::StoragesManager().GetBlockDevices(false);
-} catch (const Common::Error& e) {
-  ADD_FAILURE() << TestSupport::ChainText(e);
-  return {};
-}
-std::string Prepare(const Device& disk) try {
-  return ChainCodes(disk->CreateBackupPartition());
-} catch (const Common::Error& e) {
-  return ChainCodes(e);
-}
-std::string Mounted() {
-  std::vector<MigrationManagement::StorageConfig::Storage> list;
-  if (Common::Error e = MigrationManagement::StorageConfig::GetCurrentStorageConfig()->GetStoragesList(list))
-    return ChainCodes(e);
-  std::string names;
-  for (const auto& s : list) names += ToUtf8(s.MountPoint) + ",";
-  return names;
 }
 // Cuts the power, now or inside the preparation of `disk`.
 void CutAt(const Point& point, const Device& disk) {
@@ -119,7 +91,7 @@ TEST(PowerCut, APreparationCutAtAnyPointLeavesADiskThatComesIntoUse) {
   ASSERT_EQ(1u, a->GetPartitions().size());
   ASSERT_EQ("ok", ChainCodes(a->GetPartitions()[0]->Mount(FromUtf8("a"))));
   EXPECT_EQ("kept", Read(kRoot + "a/kept"));
-  EXPECT_EQ("a,", Mounted());  // the half-prepared disk does not stop listings
+  EXPECT_EQ("a |", Storages());  // the half-prepared disk does not stop listings
 
   EXPECT_EQ(cut.found, VmTest::Blkid(name));
   EXPECT_EQ(cut.found, VmTest::Signatures(*b));
@@ -140,7 +112,7 @@ TEST(PowerCut, APreparationCutAtAnyPointLeavesADiskThatComesIntoUse) {
   ASSERT_EQ("ok", ChainCodes(partition->Mount(FromUtf8("b"))));
   std::ofstream(kRoot + "b/new") << "new";
   EXPECT_EQ("new", Read(kRoot + "b/new"));
-  EXPECT_EQ("a,b,", Mounted());
+  EXPECT_EQ("a |b |", Storages());
   ASSERT_EQ("ok", ChainCodes(partition->Unmount()));
   EXPECT_EQ("ok", ChainCodes(b->WipeSignatures()));
   EXPECT_EQ("", VmTest::Blkid(name));

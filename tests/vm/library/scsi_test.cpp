@@ -11,23 +11,21 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <regex>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "../../support/error_text.h"
 #include "core/common/unicode.h"
 #include "core/linex/linux_misc.h"
 #include "disk_view.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/disk.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/disk_text.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/unit_serial.h"
-#include "virtualization/common/storage/storage_config.h"
-#include "virtualization/common/storage/storage_manager.h"
 
 namespace {
+
+using VmTest::Read;
 
 std::vector<SCSI::Disk> List(SCSI::DiskSubsystem& disks) {
   std::vector<SCSI::Disk> list;
@@ -36,10 +34,6 @@ std::vector<SCSI::Disk> List(SCSI::DiskSubsystem& disks) {
   return list;
 }
 
-std::string Read(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 // The identifier made from scsi_id's ID_SCSI_SERIAL; zero without one.
 GUID ScsiIdGuid(const std::string& out) {
@@ -187,11 +181,7 @@ TEST(RealKernel, ListingSaysWhatTheToolsPrint) {
     const std::string scsiId = VmTest::Output("scsi_id --whitelisted --export --device=/dev/" + name);
     facts.push_back({name, "disk id", ScsiIdGuid(scsiId).ToString(), disk->GetDiskId().ToString()});
   }
-  std::vector<MigrationManagement::StorageConfig::Storage> list;
-  ASSERT_FALSE(MigrationManagement::StorageConfig::GetCurrentStorageConfig()->GetStoragesList(list));
-  std::string listedStorages;
-  for (const auto& s : list) listedStorages += ToUtf8(s.MountPoint) + " " + ToUtf8(s.Label) + "|";
-  facts.push_back({"all", "storages", storages, listedStorages});
+  facts.push_back({"all", "storages", storages, VmTest::Storages()});
   EXPECT_EQ(8 * 2 + 15 * 4 + 1, facts.size());  // every partition made is listed
   for (const Fact& f : facts) EXPECT_EQ(f.tools, f.library) << f.device << ": " << f.field;
 }

@@ -7,39 +7,18 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string_view>
 
-#include "../../support/error_text.h"
-#include "core/common/unicode.h"
 #include "core/linex/linux_misc.h"
 #include "disk_view.h"
-#include "virtualization/common/storage/storage_config.h"
-#include "virtualization/common/storage/storage_manager.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using Common::FromUtf8, Common::ToUtf8;
-using Device = std::shared_ptr<Virtualization::Appliance::BlockDevice>;
+using namespace VmTest;
 const std::string kSt1 = "/mnt/local_storages/st1";
 
-testing::AssertionResult Ok(Common::Error e) {
-  return testing::AssertionResult(!e) << TestSupport::ChainText(e);
-}
-std::string Read(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-// What blkid finds on the device, through the library's launcher.
-std::string Probe(const std::string& field, const std::string& device) {
-  std::string out;
-  FILE* stream = POpen("blkid -p -o value -s " + field + " /dev/" + device, "rt");
-  for (int c; stream && (c = std::fgetc(stream)) != EOF;) out += static_cast<char>(c);
-  if (stream) PClose(stream);
-  return out;
-}
 // The kernel's name of the disk with serial ...0n, from its inquiry page 0x80.
 std::string KernelName(int n) {
   const std::string serial = "5a4c4d" + std::string(25, '0') + std::to_string(n);
@@ -69,33 +48,19 @@ size_t Digest(const std::string& name, uint64_t size) {
   if (fd >= 0) close(fd);
   return hash;
 }
-std::vector<Device> List(bool rescan) try {
-  return Virtualization::Appliance::StoragesManager().GetBlockDevices(rescan);
-} catch (const Common::Error& e) {
-  ADD_FAILURE() << Ok(e).message();
-  return {};
-}
-Common::Error Prepare(const Device& disk) try {
-  return disk->CreateBackupPartition();
-} catch (const Common::Error& e) {
-  return e;
-}
 TEST(RealKernel, APreparedStorageSurvivesARescan) {
   const std::string name = KernelName(1), part = name + "1";
-  const Device disk = List(false).at(0);
-  ASSERT_TRUE(Ok(Prepare(disk)));
-  EXPECT_EQ("gpt\n" "ext4\n" "ZLM\n", Probe("PTTYPE", name) + Probe("TYPE", part) + Probe("LABEL", part));
+  const Device disk = List().at(0);
+  ASSERT_EQ("ok", Prepare(disk));
+  EXPECT_EQ("gpt 1:ext4:ZLM", Blkid(name));
   const auto partition = disk->GetPartitions().at(0);
-  ASSERT_TRUE(Ok(partition->Mount(FromUtf8("st1"))));
+  ASSERT_EQ("ok", ChainCodes(partition->Mount(FromUtf8("st1"))));
   EXPECT_TRUE(MountedAt(part, kSt1));
-  ASSERT_TRUE(Ok(partition->SetLabel(FromUtf8("data"))));
-  EXPECT_EQ("ZLMdata\n", Probe("LABEL", part));
-  std::vector<MigrationManagement::StorageConfig::Storage> list;
-  ASSERT_TRUE(Ok(MigrationManagement::StorageConfig::GetCurrentStorageConfig()->GetStoragesList(list)));
-  ASSERT_EQ(1u, list.size());
-  EXPECT_EQ("st1 data", ToUtf8(list[0].MountPoint) + " " + ToUtf8(list[0].Label));
+  ASSERT_EQ("ok", ChainCodes(partition->SetLabel(FromUtf8("data"))));
+  EXPECT_EQ("gpt 1:ext4:ZLMdata", Blkid(name));
+  EXPECT_EQ("st1 data|", Storages());
   std::ofstream(kSt1 + "/kept") << "intact";
-  ASSERT_TRUE(Ok(partition->Unmount()));
+  ASSERT_EQ("ok", ChainCodes(partition->Unmount()));
   EXPECT_EQ(std::string::npos, Read("/proc/mounts").find("/dev/" + part + " "));
   EXPECT_FALSE(fs::exists(kSt1));
   struct stat before {}, after {};  // a disk that left the kernel and came back has a new kernfs node
@@ -104,7 +69,7 @@ TEST(RealKernel, APreparedStorageSurvivesARescan) {
   ASSERT_EQ(6u, devices.size());
   ASSERT_EQ(0, lstat(("/sys/block/" + KernelName(1)).c_str(), &after));
   EXPECT_NE(before.st_ino, after.st_ino);
-  ASSERT_TRUE(Ok(devices[0]->GetPartitions().at(0)->Mount(FromUtf8("st1"))));
+  ASSERT_EQ("ok", ChainCodes(devices[0]->GetPartitions().at(0)->Mount(FromUtf8("st1"))));
   EXPECT_EQ("intact", Read(kSt1 + "/kept"));  // the new directory, the old file system
 }
 
@@ -120,11 +85,8 @@ TEST(RealKernel, DisksOfOtherSystemsAreLeftAsTheyAre) {
       {6, "echo ,,83 | sfdisk -q -X dos $D && mke2fs -q -t ext3 ${D}1", "dos 1:ext3:", refused},
   };
   for (const auto& c : cases) ASSERT_EQ(0, RunCommand("D=/dev/" + KernelName(c.serial) + " && " + c.setup)) << c.setup;
-  std::vector<MigrationManagement::StorageConfig::Storage> list;
-  ASSERT_TRUE(Ok(MigrationManagement::StorageConfig::GetCurrentStorageConfig()->GetStoragesList(list)));
-  ASSERT_EQ(1u, list.size());
-  EXPECT_EQ("st1", ToUtf8(list[0].MountPoint));
-  const std::vector<Device> devices = List(false);
+  EXPECT_EQ("st1 data|", Storages());
+  const std::vector<Device> devices = List();
   ASSERT_EQ(6u, devices.size());
   for (const auto& c : cases) {
     const Device disk = devices[c.serial - 1];
@@ -133,10 +95,10 @@ TEST(RealKernel, DisksOfOtherSystemsAreLeftAsTheyAre) {
     ASSERT_EQ(KernelName(c.serial), name);
     ASSERT_EQ(1u, disk->GetPartitions().size());
     EXPECT_FALSE(disk->GetPartitions()[0]->IsSupported());
-    EXPECT_EQ(c.found, VmTest::Signatures(*disk));
+    EXPECT_EQ(c.found, Signatures(*disk));
     const size_t before = Digest(name, disk->GetSize());
-    EXPECT_EQ(c.prepared, TestSupport::ChainCodes(Prepare(disk)));
-    EXPECT_EQ(c.prepared == "ok" ? "gpt 1:ext4:ZLM" : c.found, VmTest::Blkid(name));
+    EXPECT_EQ(c.prepared, Prepare(disk));
+    EXPECT_EQ(c.prepared == "ok" ? "gpt 1:ext4:ZLM" : c.found, Blkid(name));
     if (c.prepared == "ok") continue;
     EXPECT_EQ(before, Digest(name, disk->GetSize())) << "a refused disk changed";
   }
