@@ -110,6 +110,7 @@ TEST(Storages, PreparationRefusesDataAndStopsAtTheFirstFailure) {
       {"no descriptors", "0x720022@452>0x40010>0xFFF1(" + std::to_string(EMFILE) + ")", ""},  // no mount table
       {"storage", "0x720022@447>0x72004A@448", ""},  // unmounted, but data all the same
       {"mkswap -q /dev/sdc1", "0x720022@447>0x72004A@448", ""},
+      {"echo 2048,8192,83 | sfdisk -q /dev/sdc1", "0x720022@447>0x72004A@448", ""},  // a disk image in sdc1
       {"mke2fs -q -F /dev/sdc", "0x720022@447>0x72004A@448", ""},  // no table, a file system on the disk
       {"sgdisk -Z -n 1:2048:+1G -n 2:0:+1G /dev/sdc", "0x720022@447>0x72004A@448", ""},
       // A DOS table the kernel does not show, with a file system in its partition.

@@ -31,15 +31,16 @@ void Add(std::vector<BlockDevice::Signature>& list, BlockDevice::Signature s) {
   if (std::none_of(list.begin(), list.end(), same)) list.push_back(std::move(s));
 }
 
-// Every signature of one area, erased one by one when `wipe`; partition tables too
-// when `tables` (the whole disk).
-void Scan(const Probe& probe, const String& where, bool tables, bool wipe, DiskContents& out) {
+// Every signature of one area, erased one by one when `wipe`. `disk`: the area is the
+// whole disk, whose partition table is its own; in a partition, a table is data (a disk
+// image written into it).
+void Scan(const Probe& probe, const String& where, bool disk, bool wipe, DiskContents& out) {
   blkid_probe_enable_superblocks(probe, 1);
   // A damaged checksum may still guard data.
   blkid_probe_set_superblocks_flags(probe, BLKID_SUBLKS_TYPE | BLKID_SUBLKS_LABEL | BLKID_SUBLKS_MAGIC |
                                                BLKID_SUBLKS_BADCSUM);
-  blkid_probe_enable_partitions(probe, tables ? 1 : 0);
-  if (tables) blkid_probe_set_partitions_flags(probe, BLKID_PARTS_MAGIC | BLKID_PARTS_FORCE_GPT);
+  blkid_probe_enable_partitions(probe, 1);
+  blkid_probe_set_partitions_flags(probe, BLKID_PARTS_MAGIC | (disk ? BLKID_PARTS_FORCE_GPT : 0));
   for (int found = 0; found < kMaxSignatures; ++found) {
     errno = 0;
     const int rc = blkid_do_probe(probe);
@@ -50,7 +51,7 @@ void Scan(const Probe& probe, const String& where, bool tables, bool wipe, DiskC
       Add(out.data, {where, type, probe.Value("LABEL")});
     } else {
       type = probe.Value("PTTYPE");
-      Add(out.tables, {where, type.empty() ? "unknown" : type, {}});
+      Add(disk ? out.tables : out.data, {where, type.empty() ? "unknown" : type, {}});
     }
     errno = 0;
     if (wipe && blkid_do_wipe(probe, 0) != 0) FailOn(probe.path());
