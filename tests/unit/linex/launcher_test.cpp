@@ -91,7 +91,7 @@ bool SetLimit(decltype(RLIMIT_AS) resource, rlim_t value) {
 }
 
 // A private mount namespace (root only) with `path` hidden under an empty tmpfs.
-bool Hide(const char* path) {
+[[maybe_unused]] bool Hide(const char* path) {
   return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
          mount("tmpfs", path, "tmpfs", 0, nullptr) == 0;
 }
