@@ -213,6 +213,10 @@ TEST(Storages, WhichDisksAreOfferedListedAndRescanned) {
     const std::string got = List(config);
     EXPECT_TRUE(got == "ok[b=same;e=same;]" || got.rfind("0x72001F@577>", 0) == 0) << spare << ": " << got;
   }
+  // A partition that the kernel shows and that cannot be read fails the listing.
+  fs::remove("/sys/block/sdb/sdb1/size");
+  fs::create_directory("/sys/block/sdb/sdb1/size");
+  EXPECT_EQ("0x72001F@577>0x40011>0xFFF1(" + std::to_string(EISDIR) + ")", List(config));
   ExpectNothingLeft(TestSupport::CountOwnFds());
 }
 
