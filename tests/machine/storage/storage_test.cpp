@@ -233,6 +233,7 @@ TEST(Storages, PartitionMountStateSizeAndLabel) {
       {2 * k5GiB, "ZLMa", "/mnt/local_storages/st1;/tmp/boot", "|/tmp/boot|0|a"},
       {2 * k5GiB, "ZLMa", "/mnt/local_storages2/x", "/mnt/local_storages|2/x|1|a"},
       {2 * k5GiB, "ZLMa", "/mnt/local_storages", "/mnt/local_storages||1|a"},
+      {2 * k5GiB, "ZLMa", "bind", "/mnt/local_storages|st1|1|a"},  // only a subdirectory of it is mounted
       {2 * k5GiB, "ZLMa", "iso9660", "/mnt/local_storages||0|a"},
       {2 * k5GiB, "ZLMa", "dropped", "/mnt/local_storages||0|a"},
       {2 * k5GiB, "ZLMa", "no node", "/mnt/local_storages||0|"},
@@ -256,6 +257,11 @@ TEST(Storages, PartitionMountStateSizeAndLabel) {
       std::fstream("/dev/sdb1", std::ios::in | std::ios::out | std::ios::binary).seekp(32768) << "\1CD001\1";
     if (std::string(mounted) == "dropped") fs::remove("/sys/block/sdb/sdb1/partition");  // read after the size
     if (std::string(mounted) == "no node") fs::remove("/dev/sdb1");
+    if (std::string(mounted) == "bind") {
+      m.Mount("/dev/sdb1", "/tmp/whole");
+      fs::create_directories("/tmp/whole/sub"), fs::create_directories(kRoot + "/st1");
+      ::mount("/tmp/whole/sub", (kRoot + "/st1").c_str(), nullptr, MS_BIND, nullptr), ::umount2("/tmp/whole", MNT_DETACH);
+    }
     std::istringstream dirs(*mounted == '/' ? mounted : "");
     for (std::string dir; std::getline(dirs, dir, ';');) m.Mount("/dev/sdb1", dir);
     const auto p = StoragesManager().GetBlockDevices(false).at(0)->GetPartitions().at(0);
