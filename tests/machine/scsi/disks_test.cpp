@@ -121,6 +121,7 @@ TEST(Enumerate, ScsiIdCallsAndAnswers) {
       "ID_SCSI_SERIAL=6000c29a1b2c3d4e5f60718293a4b5c6\n",
       "ID_SCSI=1\nID_SCSI_SERIAL=6000C29A-1B2C-3D4E-5F60-718293A4B5C6\nID_SCSI_SERIAL=0\n",
       "ID_SCSI_SERIAL=6000c29a1b2c3d4e5f60718293a4b5c6",
+      "ID_SCSI_SERIAL=6000C29A-1B2C-3D4E-5F60-718293A4B5C6",   // 36 with dashes, no feed
       "ID_SCSI_SERIAL=6000c29a1b2c3d4e5f60718293a4b5c\n",      // 31 digits: the feed makes 32
       "ID_SCSI_SERIAL=6000c29a1b2c3d4e5f60718293a4b5c",        // 31 digits
       "ID_SCSI_SERIAL=6000C29A-1B2C-3D4E-5F60-718293A4B5C\n",  // 35 with dashes
@@ -133,7 +134,7 @@ TEST(Enumerate, ScsiIdCallsAndAnswers) {
   std::string ids;
   for (const SCSI::Disk& d : List())
     ids += d.id.ToString() == "6000C29A-1B2C-3D4E-5F60-718293A4B5C6" ? "id " : d.id.IsNull() ? "none " : "other ";
-  EXPECT_EQ("id id id none none none none none ", ids);
+  EXPECT_EQ("id id id id none none none none none ", ids);
 
   const std::string path = "/dev/sd'b' $(touch /tmp/ran)";
   GUID id = GUID::FromBytes({1});
