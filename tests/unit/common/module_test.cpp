@@ -94,6 +94,7 @@ TEST_F(MessageFiles, BrokenFilesFallBackAndShortOnesKeepTheRestBuiltIn) {
       {"unterminated text", With(12, n - 14).replace(n - 2, 2, "x\0", 2), "text runs past"},
       {"no messages", Words({12, 1636, 0}), nullptr},
       {"one message", Words({20, 1636, 1, 4, '0'}), nullptr, Common::Str(u"0")},
+      {"five sharing one text", Words({36, 1636, 5, 20, 16, 12, 8, 4, '0'}), nullptr, Common::Str(u"0")},  // fills it
   };
   const String builtIn0 = Text({0});
   for (const auto& c : cases) {
