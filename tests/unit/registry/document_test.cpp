@@ -101,6 +101,8 @@ TEST(RegistryDocument, RefusesWhatALaterWriteWouldLose) {
     EXPECT_EQ(error.GetCause().GetCode(), Registry::kErrorFileFormat);
     EXPECT_EQ(root.children.count(Str(u"untouched")), 1u);
   }
+  KeyNode root;  // as deep as a key path may go is read
+  EXPECT_FALSE(Parse("<registry>" + deep.substr(14, deep.size() - 20) + "</registry>", root));
 }
 
 TEST(RegistryTextCodec, EscapesWhatXmlCannotHold) {
