@@ -116,6 +116,9 @@ TEST(Storages, PreparationRefusesDataAndStopsAtTheFirstFailure) {
       // A DOS table the kernel does not show, with a file system in its partition.
       {"sgdisk -Z /dev/sdc && echo 2048,2097152,83 | sfdisk -q /dev/sdc && "
        "mke2fs -q -F -E offset=1048576 /dev/sdc 262144", "0x720022@447>0x72004A@448", ""},
+      {"sgdisk -Z /dev/sdc && echo 2048,2097152,83 | sfdisk -q /dev/sdc && truncate -s 4M /tmp/image && "
+       "echo 2048,4096,83 | sfdisk -q /tmp/image && /usr/bin/dd status=none if=/tmp/image of=/dev/sdc bs=512 seek=2048 count=1 conv=notrunc",
+       "0x720022@447>0x72004A@448", ""},  // and a disk image in that partition
       // What an interrupted preparation leaves is prepared again.
       {"sgdisk -Z -n 1:2048:0 /dev/sdc", "ok", "dd gdisk mke2fs "},
       {"sgdisk -Z -o /dev/sdc", "ok", "dd gdisk mke2fs "},
