@@ -51,6 +51,7 @@ TEST(Format, Narrow) {
       {FormatString("[{0}]", none), "[]"},
       {FormatString(unterminated, "x"), "x!x?"},  // an array is read no further than its end
       {FormatString(std::string_view("x{0}", 3), 7), "x{0"},
+      {FormatString(std::string_view("x{12}", 3), 7), "x{1"},  // the digit past its end is not read
   };
   for (const auto& [got, want] : cases) EXPECT_EQ(want, got);
 }
