@@ -96,6 +96,9 @@ TEST(Storages, ABlankDiskIsPreparedMountedListedAndUnmounted) {
   EXPECT_EQ("0x720023@277>0x40013>0xFFF1(" + std::to_string(ENOTDIR) + ")", Codes(partition->Mount(Str(u"file"))));
   EXPECT_EQ(entries, ListDir(kRoot));
   EXPECT_EQ(mounts, m.Calls("mount"));
+  WriteText(kRoot + "/zz/left", "");  // under the mount: the directory stays, and says why
+  ASSERT_FALSE(partition->Mount(Str(u"zz")));
+  EXPECT_EQ("0x720024@299>0x40016>0xFFF1(" + std::to_string(ENOTEMPTY) + ")", Codes(partition->Unmount()));
   fs::current_path(cwd);
   ExpectNothingLeft(fds);
 }
