@@ -41,7 +41,6 @@ void Check(const Common::Error& e) {
   if (e) throw e;
 }
 
-// The chain as storagectl prints it, one line per node, causes indented.
 py::object OrNone(const char* text) { return text ? py::object(py::str(text)) : py::object(py::none()); }
 
 py::object ToPython(const Common::Error& e) {
