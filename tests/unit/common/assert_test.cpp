@@ -1,6 +1,5 @@
-// The handler reads its settings once per process: every case that needs them runs in
-// a forked child. No assertion looks up a message text, so this program's one lookup
-// is its process's first: that one subscribes to language changes and must keep errno.
+// The handler reads its settings once per process: each case runs in a forked child. No assertion
+// looks up a text, so this program's one lookup is the first, which subscribes and must keep errno.
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -18,13 +17,10 @@ namespace {
 
 using namespace Common::Detail;
 
-TEST(FirstLookup, KeepsErrno) {
+TEST(AssertMode, ParsedFromHexAndWordsAfterAFirstLookupThatKeepsErrno) {
   errno = 12345;
   const unsigned short* text = GetTextFromMessageFile(Messages::DiskIsFull);
   EXPECT_TRUE(errno == 12345 && text != nullptr && text[0] == 'T');
-}
-
-TEST(AssertMode, ParsedFromHexAndWords) {
   const std::string pad124(124, ' ');  // only the first 127 characters are read
   const struct { std::string value; /* "unset": no variable */ uint32_t mode; } cases[] = {
       {"unset", 0}, {"", 0}, {"0x24", kAssertLog | kAssertAbort}, {"0X24", kAssertLog | kAssertAbort},
@@ -87,8 +83,7 @@ TEST(AssertHandler, WhatEachModeDoes) {
     const std::string logged{std::istreambuf_iterator<char>(in), {}};
     EXPECT_EQ(c.log, c.stack ? logged.substr(0, c.log.size()) : logged);
     if (!c.stack) continue;
-    // Without the handler's own two frames (how many of the library's remain depends on
-    // inlining); the executable's function is named through /proc/self/exe, with an offset.
+    // Without the handler's own two frames; the executable's function is named, with an offset.
     const std::string stack = logged.substr(c.log.size());
     EXPECT_TRUE(std::regex_search(stack, std::regex("^.*Common::.*\n(.*\n)*.*FailingCheck.* \\+ 0x"))) << stack;
     // The C library's frames are named after its exported symbols, with an offset, never after ours.

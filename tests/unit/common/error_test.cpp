@@ -7,8 +7,7 @@
 #include "core/common/message_text.h"
 #include "core/common/unicode.h"
 
-// Error nodes come from the nothrow operator new: counting (and failing) it shows what
-// each kind of error costs.
+// Error nodes come from the nothrow operator new: counting and failing it shows their cost.
 namespace {
 thread_local int gNothrowAllocations = 0;
 thread_local bool gFailNothrow = false;
@@ -51,19 +50,16 @@ TEST(Error, AllocationsEmptinessAndTexts) {
   EXPECT_TRUE(made[3].GetTextAddress() == shared && made[3].GetText() == shared);
 }
 
-// What formatting shows of the fields (unit_format) is not repeated here.
-TEST(Error, KindsAnswerTheirFields) {
+// Fields answer by their exact names and survive a clone (their text is unit_format's); a cause
+// replaces the earlier one, on the head itself while no other handle shares it.
+TEST(Error, FieldsAndCauses) {
   const Error fielded(6, Str(u"lock failed"), AS_HERE, {{"token", "SCSILocker"}, {"count", int64_t{3}}});
-  EXPECT_TRUE(!fielded.GetStringField("$Module") && !fielded.GetNumericField("Count"));  // exact, case-sensitive
-  const Error copy = Error(fielded).AddPosixError(EIO, AS_HERE);  // a clone keeps its fields
+  EXPECT_TRUE(!fielded.GetStringField("$Module") && !fielded.GetNumericField("Count"));
+  const Error copy = Error(fielded).AddPosixError(EIO, AS_HERE);
   EXPECT_STREQ("SCSILocker", copy.GetStringField("token"));
   EXPECT_STREQ("token,count,$module", copy.GetFieldNames());
   EXPECT_TRUE(copy.GetCause().GetNumericField("code") == EIO && !copy.GetCause().GetNumericField("Code"));
   EXPECT_NE((AS_LOCATION("f", 1).tag), (AS_LOCATION("f", 2).tag));
-}
-
-// A cause replaces the earlier one: on the head itself while no other handle shares it.
-TEST(Error, CausesReplaceInPlaceOrOnACopy) {
   Error a(0x530123, "open", AS_HERE);
   a.SetCause(Error(2, "first cause", AS_HERE).AddPosixError(EPERM, AS_HERE));
   const void* own = a.GetNode();
@@ -84,21 +80,19 @@ TEST(Error, CausesReplaceInPlaceOrOnACopy) {
   EXPECT_EQ(2u, chain.GetCause().GetCode());
   chain = Error();  // released recursively, this would overflow the stack
   EXPECT_FALSE(chain);
-}
-
-TEST(Error, OutOfMemoryGivesTheSharedNode) {
+  // Out of memory every error is one shared node, which never changes in place.
   gFailNothrow = true;
-  Error a(0x530040, "no memory for me", AS_HERE), b(0x720022, Str(u"nor for me"), AS_HERE);
-  Error c = Error().AddPosixError(EIO, AS_HERE);
+  Error x(0x530040, "no memory for me", AS_HERE), y(0x720022, Str(u"nor for me"), AS_HERE);
+  Error z = Error().AddPosixError(EIO, AS_HERE);
   gFailNothrow = false;
-  EXPECT_TRUE(a.GetNode() == b.GetNode() && a.GetNode() == c.GetNode());
-  EXPECT_TRUE(a.GetCode() == Error::kPosixCode && a.GetNumericField("code") == ENOMEM);
-  a.AddPosixError(EPERM, AS_HERE);  // the shared node never changes in place
-  EXPECT_TRUE(b.GetNode() != a.GetNode() && !b.GetCause() && a.GetCause().GetNumericField("code") == EPERM);
+  EXPECT_TRUE(x.GetNode() == y.GetNode() && x.GetNode() == z.GetNode());
+  EXPECT_TRUE(x.GetCode() == Error::kPosixCode && x.GetNumericField("code") == ENOMEM);
+  x.AddPosixError(EPERM, AS_HERE);
+  EXPECT_TRUE(y.GetNode() != x.GetNode() && !y.GetCause() && x.GetCause().GetNumericField("code") == EPERM);
   gFailNothrow = true;
-  b.AddPosixError(EPERM, AS_HERE);  // no memory even for the copy: unchanged
+  y.AddPosixError(EPERM, AS_HERE);  // no memory even for the copy: unchanged
   gFailNothrow = false;
-  EXPECT_TRUE(c.GetNode() == b.GetNode() && !b.GetCause());
+  EXPECT_TRUE(z.GetNode() == y.GetNode() && !y.GetCause());
 }
 
 using Common::GUID;

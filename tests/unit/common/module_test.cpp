@@ -18,12 +18,10 @@ namespace {
 String Text(TextFromMessageFile id) { return GetTextFromMessageFile(id); }  // never null here
 std::string Words(std::vector<uint32_t> w) { return {reinterpret_cast<char*>(w.data()), 4 * w.size()}; }
 
-// A refused file is logged; the log copies its lines to standard error only when
-// asked before its first line.
+// A refused file is logged; the log copies its lines to standard error only if asked before its first.
 const bool kLogToStandardError = setenv("ZEMLORA_LOG_STDERR", "1", 1) == 0;
 
-// Message files of a made-up language "xx", in a resource directory of the test's own;
-// the library's log lines about them are kept.
+// Message files of a made-up language "xx" in a resource directory of the test's own, with the log lines about them.
 class MessageFiles : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -62,7 +60,10 @@ class MessageFiles : public ::testing::Test {
   std::vector<std::string> logged_;
 };
 
-TEST_F(MessageFiles, ASwitchChangesTheTextOfTheNextErrorOnly) {
+// A switch changes the text of the next error only. Damaged files fall back to the built-in
+// texts; a valid file with fewer messages than the library knows (even none) keeps the rest built in.
+TEST_F(MessageFiles, SwitchesBrokenFilesAndShortOnes) {
+  const String builtIn0 = Text({0});
   EXPECT_TRUE(EveryTextInTable());
   Install(russian_);
   const void* russianTable = TextsFromMessageFileBase;
@@ -75,28 +76,19 @@ TEST_F(MessageFiles, ASwitchChangesTheTextOfTheNextErrorOnly) {
   Install(russian_);
   EXPECT_EQ(russianTable, TextsFromMessageFileBase);  // the same file again costs no memory
   EXPECT_TRUE(logged_.empty());
-}
-
-// Damaged files fall back to the built-in texts; a valid file with fewer messages than
-// the library knows (even none) keeps the missing ones built in.
-TEST_F(MessageFiles, BrokenFilesFallBackAndShortOnesKeepTheRestBuiltIn) {
   const uint32_t n = static_cast<uint32_t>(russian_.size());
   // why: a part of the one log line of a refused file; null for a file accepted.
   const struct { const char* what; std::string bytes; const char* why; String first = {}; } cases[] = {
       {"shorter than two words", Words({6, 1636}).substr(0, 6), "shorter than"},
-      {"only two words", Words({8, 1636}), "no message count"},
-      {"size word too big", With(0, n + 4), "size word"},
-      {"size word too small", With(0, n - 4), "size word"},
-      {"wrong magic", With(4, 1637), "magic word"},
-      {"count beyond the file", With(8, n), "table runs past"},
-      {"entry beyond the file", With(12, n), "outside the file"},
+      {"only two words", Words({8, 1636}), "no message count"}, {"wrong magic", With(4, 1637), "magic word"},
+      {"size word too big", With(0, n + 4), "size word"}, {"size word too small", With(0, n - 4), "size word"},
+      {"count beyond the file", With(8, n), "table runs past"}, {"entry beyond", With(12, n), "outside the file"},
       {"entry at an odd offset", With(12, 5), "outside the file"},
       {"unterminated text", With(12, n - 14).replace(n - 2, 2, "x\0", 2), "text runs past"},
       {"no messages", Words({12, 1636, 0}), nullptr},
       {"one message", Words({20, 1636, 1, 4, '0'}), nullptr, Common::Str(u"0")},
       {"five sharing one text", Words({36, 1636, 5, 20, 16, 12, 8, 4, '0'}), nullptr, Common::Str(u"0")},  // fills it
   };
-  const String builtIn0 = Text({0});
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     Install(c.bytes);

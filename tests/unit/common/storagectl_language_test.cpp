@@ -10,9 +10,8 @@ namespace {
 
 using FakeMachineTesting::operator""_GiB;
 
-// storagectl's standard error for `prepare sdb`, refused for its two partitions, with only
-// the given locale variables (VAR=value words) set. The build tree's storagectl finds the
-// catalogues built beside it.
+// storagectl's standard error for `prepare sdb` (refused: it has partitions) with only the given
+// locale variables set; the build tree's storagectl finds the catalogues built beside it.
 std::string PrepareUnreadable(const std::string& locale) {
   const std::string command = "env -u LC_ALL -u LC_MESSAGES -u LANG -u LANGUAGE -u ZEMLORA_RESOURCE_DIR " + locale +
                               " " STORAGECTL " prepare sdb --yes 2>/tmp/e";
