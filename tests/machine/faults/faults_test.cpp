@@ -1,5 +1,5 @@
-// Faults on the faked machine (tools missing, registry and lock directory unusable, a tool
-// that hangs) and a load of nine processes: what the library answers; nothing left behind.
+// Faults on the faked machine (tools missing, registry or lock directory unusable, a tool that hangs)
+// and a load of nine processes: what the library answers; nothing left behind.
 #include <sys/mount.h>
 
 #include <gtest/gtest.h>
@@ -8,8 +8,8 @@
 #include <fstream>
 #include <future>
 #include <iterator>
-#include <iostream>
 #include <map>
+#include <regex>
 
 #include "../storage/storage_checks.h"
 #include "child.h"
@@ -19,7 +19,6 @@
 namespace {
 
 using namespace StorageChecks;
-const std::string kLock = "SCSISubsystemLocker";
 
 // Disks of 12 GiB on host 2 at targets 1, 2...; the first with a storage labelled "old".
 void Disks(FakeMachine& m, const std::vector<std::string>& names) {
@@ -51,13 +50,12 @@ void CoverTmp(const std::string& options, bool readOnly) {
 }
 
 TEST(Faults, ToolsMissingRegistryOrLockDirectoryUnusable) {
-  const std::string file = "/etc/Zemlora/HKEY_LOCAL_MACHINE.xml", rofs = "0xFFF1(" + std::to_string(EROFS) + ")";
+  const std::string rofs = "0xFFF1(" + std::to_string(EROFS) + ")";
   const std::string badTable = "0x72001F@577>0x40011>0xFFF1(" + std::to_string(EBADMSG) + ")";
   const std::string ownTable = "/proc/" + std::to_string(::getpid()) + "/mountinfo";  // /proc/self/mountinfo to all threads
   const std::string lockRofs = "0x72001F@577>0x6>" + rofs, noInode = "0x72001F@577>0x6>0xFFF1(" + std::to_string(ENOSPC) + ")";
-  // A tool missing from PATH, the mount table cut short, sdb1's file system gone, the registry or /tmp unusable; what
-  // listing disks (sdc is temporary), storages, preparing sdc, mounting sdb1 at st, labelling it new, listing,
-  // unmounting, giving sdb an attribute gave; the directories left in the mount root.
+  // The fault; what listing disks (sdc is temporary), storages, preparing sdc, mounting sdb1 at st, labelling it new,
+  // listing, unmounting, giving sdb an attribute gave; the directories left in the mount root.
   const std::pair<std::string, std::string> cases[] = {
       {"", "sdb; ok[] ok ok ok ok[st=new;] ok ok 0"},
       {"mount table broken", badTable + " " + badTable + " 0x720022@452>" + badTable.substr(13) + " ok ok " + badTable +
@@ -93,7 +91,7 @@ TEST(Faults, ToolsMissingRegistryOrLockDirectoryUnusable) {
       m.WriteFile("/tmp/mountinfo", "1 0 8:1 / / rw - ext4 /dev/sda1 rw\n2 1 8:17 /mnt/x\n");
       ::mount("/tmp/mountinfo", ownTable.c_str(), nullptr, MS_BIND, nullptr);
     }
-    if (fault == "registry corrupt") m.WriteFile(file, "<registry><key name='x'>\x01\xff");
+    if (fault == "registry corrupt") m.WriteFile("/etc/Zemlora/HKEY_LOCAL_MACHINE.xml", "<registry><key name='x'>\x01\xff");
     if (lockDirectory) CoverTmp(fault.find("inodes") != std::string::npos ? "size=64k,nr_inodes=2" : "size=64k", readOnly);
     if (!fault.empty() && fault.find(' ') == std::string::npos) ::setenv("PATH", PathWithout(fault).c_str(), 1);
     std::ostringstream got;  // the operands of << run in order
@@ -111,10 +109,8 @@ TEST(Faults, ToolsMissingRegistryOrLockDirectoryUnusable) {
 
 // A thread of this process blocks in flock(): a line "N: -> FLOCK ADVISORY WRITE PID MAJ:MIN:INODE 0 EOF".
 bool WaitingForAFileLock() {
-  for (const std::string& line : ReadLines("/proc/locks"))
-    if (line.find("-> FLOCK") != std::string::npos && line.find(" " + std::to_string(::getpid()) + " ") != std::string::npos)
-      return true;
-  return false;
+  std::string locks;
+  return ReadText("/proc/locks", locks) && std::regex_search(locks, std::regex("-> FLOCK .* " + std::to_string(::getpid()) + " "));
 }
 
 // No time-outs: a hanging tool holds up its caller, and other threads only if they wait for its lock.
@@ -129,7 +125,7 @@ TEST(Faults, AToolThatHangsHoldsUpOnlyWhatWaitsForTheSubsystemLock) {
   auto first = std::async(std::launch::async, Listed);
   while (m.Calls("scsi_id").size() == calls) ::usleep(10000);
   EXPECT_EQ("old", ToUtf8(p->GetLabel()));  // a partition's query takes no lock
-  EXPECT_TRUE(TestSupport::FileLockHeld(kLock));
+  EXPECT_TRUE(TestSupport::FileLockHeld("SCSISubsystemLocker"));
   auto second = std::async(std::launch::async, Listed);
   while (!WaitingForAFileLock()) ::usleep(10000);  // the one that the first holds
   fs::remove(kState + "/hang/scsi_id");
@@ -150,8 +146,7 @@ const std::string kRecord = "/tmp/load.record", kStop = "/tmp/load.stop";
 void Note(const std::string& line) {  // one write() in append mode: the lines of processes do not mix
   std::ofstream(kRecord, std::ios::app) << std::to_string(::getpid()) + " " + line + "\n";
 }
-// The disk sdz (state unknown, size unreadable) marks a stretch inside the subsystem lock:
-// the enumeration traces its state, then its device is the second one made.
+// sdz (state unknown, size unreadable) marks a stretch inside the subsystem lock: its state traced, then its device made.
 struct LockHolders : TraceTools::TraceSubscriber {
   bool WantsEveryEvent() const override { return false; }
   void OnTraceEvent(const TraceTools::TraceEvent& e) override {
@@ -191,7 +186,7 @@ TEST(Load, EightListersAndOnePreparer) {
     const auto device = StoragesManager().GetBlockDevices(false).at(round % 2 + 1);  // sdd, sdb, sdc: sdz is small
     EXPECT_EQ("ok", Outcome([&] { return device->CreateBackupPartition(); }));
     const auto p = device->GetPartitions().at(0);
-    std::ostringstream steps;
+    std::ostringstream steps;  // the operands of << run in order
     steps << Codes(p->Mount(Common::FromUtf8("st" + n))) << Codes(p->SetLabel(Common::FromUtf8(n))) << Codes(p->Unmount());
     EXPECT_EQ("okokok", steps.str());
     Note("prepared");
@@ -209,8 +204,6 @@ TEST(Load, EightListersAndOnePreparer) {
     if (what == "leave") counts["overlaps"] += std::exchange(inside, 0) != pid;
     ++counts[what];
   }
-  std::cout << "8 listers, 60 s; preparer: before " << before << ", after " << Resources() << "\n";
-  for (const auto& [what, count] : counts) std::cout << "  " << what << ": " << count << "\n";
   EXPECT_TRUE(counts["listed"] > 0 && counts["prepared"] > 0 && counts["leave"] > 0);
   EXPECT_EQ(0, counts["overlaps"] + counts["wrong"]);
   // Listings meet partitions not yet formatted, or gone before their size was read: no error.

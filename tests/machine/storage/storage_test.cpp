@@ -1,9 +1,7 @@
-// Storages on the faked machine: a blank disk prepared, mounted, listed and unmounted,
-// names and labels that stay data; the disks and partitions that count as storages.
+// Storages on the faked machine: a disk prepared, mounted, listed, unmounted; which disks and partitions count.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <future>
@@ -13,7 +11,6 @@
 #include <tuple>
 
 #include "core/common/assert.h"
-#include "core/linex/run_tool.h"
 #include "../../support/shell.h"
 #include "lx_supp.h"
 #include "quillenmark/raw/common/scsi_disk_helpers/impl/notification.h"
@@ -25,28 +22,22 @@ using namespace StorageChecks;
 using MigrationManagement::StorageConfig;
 
 using TestSupport::Output;
+constexpr auto npos = std::string::npos;
 
 void Format(const std::string& partition, const std::string& label) {
   ASSERT_EQ("", Output("/sbin/mke2fs -q -F -t ext4 -L '" + label + "' /dev/" + partition + " 2>&1"));
 }
 
-// /bin/sh fails while this lives, so that whatever needs a shell fails too (the fake tools
-// are bash scripts). Where /bin/sh is bash itself nothing is changed.
+// /bin/sh fails while this lives (unless it is bash, which the fake tools need), and so whatever needs a shell.
 struct NoShell {
-  NoShell() : path(fs::canonical("/bin/sh")) {
-    bound = path.filename() != "bash" && ::mount("/bin/false", path.c_str(), nullptr, MS_BIND, nullptr) == 0;
-  }
-  ~NoShell() {
-    if (bound) ::umount2(path.c_str(), MNT_DETACH);
-  }
-  const fs::path path;
-  bool bound;
+  const fs::path path = fs::canonical("/bin/sh");
+  const bool bound = path.filename() != "bash" && ::mount("/bin/false", path.c_str(), nullptr, MS_BIND, nullptr) == 0;
+  ~NoShell() { if (bound) ::umount2(path.c_str(), MNT_DETACH); }
 };
 
 std::string Ran(const FakeMachine& m) {  // the tools that write to a disk that ran
   std::string ran;
-  for (const std::string tool : {"dd", "gdisk", "mke2fs"})
-    if (!m.Calls(tool).empty()) ran += tool + " ";
+  for (const std::string tool : {"dd", "gdisk", "mke2fs"}) ran += m.Calls(tool).empty() ? "" : tool + " ";
   return ran;
 }
 
@@ -73,8 +64,7 @@ TEST(Storages, ABlankDiskIsPreparedMountedListedAndUnmounted) {
                                       "mke2fs -t ext4 -L ZLM /dev/sdc1", "mount -t auto /dev/sdc1 /mnt/local_storages/st1",
                                       "umount /dev/sdc1"}),
             m.Calls());  // tune2fs is the real one, and a listing runs none
-  // Labels and names are data, never shell code, and only single directory names. The
-  // tools run in /tmp, where an injection would create the file c.
+  // Labels and names are data, never shell code, and only single directory names (an injection would make /tmp/c).
   WriteText(kRoot + "/file", "");
   fs::create_directories(kRoot + "/zz");  // for a glob to match
   const fs::path cwd = fs::current_path();
@@ -85,8 +75,7 @@ TEST(Storages, ABlankDiskIsPreparedMountedListedAndUnmounted) {
     ASSERT_FALSE(partition->SetLabel(Common::FromUtf8(text)));
     EXPECT_EQ(std::string("ZLM") + text + "\n", LinuxEx::RunTool({"e2label", "/dev/sdc1"}).output);
     ASSERT_FALSE(partition->Mount(Common::FromUtf8(text)));
-    // A listing finds it there, the mount table's escapes undone.
-    EXPECT_EQ(text, ToUtf8(StoragesManager().GetBlockDevices(false).at(0)->GetPartitions().at(0)->GetMountPoint()));
+    EXPECT_EQ(text, ToUtf8(StoragesManager().GetBlockDevices(false).at(0)->GetPartitions().at(0)->GetMountPoint()));  // unescaped
     ASSERT_FALSE(partition->Unmount());
     EXPECT_FALSE(m.Exists("/tmp/c"));
   }
@@ -104,8 +93,7 @@ TEST(Storages, ABlankDiskIsPreparedMountedListedAndUnmounted) {
 }
 
 TEST(Storages, PreparationRefusesDataAndStopsAtTheFirstFailure) {
-  // What sdc holds (a storage on sdc1 by default), where it is mounted, or the tool that
-  // fails; the error's codes; the writing tools that ran. A refused disk stays as it was.
+  // What sdc holds or where it is mounted, or the tool that fails; codes; writing tools run. A refused disk stays as it was.
   const std::tuple<std::string, std::string, std::string> cases[] = {
       {"/dev/sdc1 /mnt/local_storages/x", "0x720021@440", ""},
       {"/dev/sdc1 /tmp/elsewhere", "0x720021@440", ""},
@@ -122,8 +110,7 @@ TEST(Storages, PreparationRefusesDataAndStopsAtTheFirstFailure) {
       {"sgdisk -Z /dev/sdc && echo 2048,2097152,83 | sfdisk -q /dev/sdc && truncate -s 4M /tmp/image && "
        "echo 2048,4096,83 | sfdisk -q /tmp/image && /usr/bin/dd status=none if=/tmp/image of=/dev/sdc bs=512 seek=2048 count=1 conv=notrunc",
        "0x720022@447>0x72004A@448", ""},  // and a disk image in that partition
-      // What an interrupted preparation leaves is prepared again.
-      {"sgdisk -Z -n 1:2048:0 /dev/sdc", "ok", "dd gdisk mke2fs "},
+      {"sgdisk -Z -n 1:2048:0 /dev/sdc", "ok", "dd gdisk mke2fs "},  // what an interrupted preparation leaves
       {"sgdisk -Z -o /dev/sdc", "ok", "dd gdisk mke2fs "},
       {"dd", "0x720022@474>0x720004(3)@474", "dd "},
       {"gdisk", "0x720022@481>0x720004(3)@481", "dd gdisk "},
@@ -134,18 +121,12 @@ TEST(Storages, PreparationRefusesDataAndStopsAtTheFirstFailure) {
     AS_FAKE_MACHINE(m);
     AddDisk(m, "sdc").Partition(1, 2048, 2097152);
     m.Build();
-    if (setup[0] == '/') {
-      Format("sdc1", "ZLMx");
-      m.Mount(setup.substr(0, setup.find(' ')), setup.substr(setup.find(' ') + 1));
-    } else if (setup == "storage" || setup == "no descriptors") {
-      Format("sdc1", "ZLMx");
-    } else if (setup.find(' ') != std::string::npos) {
-      ASSERT_EQ("", Output("PATH=/usr/sbin:/sbin:$PATH; (" + setup + ") 2>&1 >/dev/null"));
-      if (setup[0] == 's') RereadPartitionTable("sdc");
-    } else {
-      fs::resize_file("/dev/sdc1", 0);  // a partition without a file system
-      m.WriteFile(kState + "/fail/" + setup, "3\n");
-    }
+    const bool shell = setup.find(" /dev/sdc") != npos, fails = setup.find(' ') == npos && setup != "storage";
+    if (!shell && !fails) Format("sdc1", "ZLMx");
+    if (setup[0] == '/') m.Mount(setup.substr(0, setup.find(' ')), setup.substr(setup.find(' ') + 1));
+    if (shell) { ASSERT_EQ("", Output("PATH=/usr/sbin:/sbin:$PATH; (" + setup + ") 2>&1 >/dev/null")); }
+    if (shell && setup[0] == 's') RereadPartitionTable("sdc");
+    if (fails) fs::resize_file("/dev/sdc1", 0), m.WriteFile(kState + "/fail/" + setup, "3\n");  // no file system there yet
     // Every writing tool touches the first or the last megabytes of what it writes.
     const std::string image = "for d in /dev/sdc /dev/sdc1; do ({ head -c 4M; tail -c 1M; } < $d) 2>&1 | md5sum; done";
     const std::string before = Output(image);
@@ -189,10 +170,8 @@ TEST(Storages, WhichDisksAreOfferedListedAndRescanned) {
   while (result.wait_for(std::chrono::milliseconds(10)) != std::future_status::ready) proxy->Deliver(batch);
   const Devices devices = result.get();
   EXPECT_EQ("sdb;sde;sdg;", Codes(devices));
-  std::string deleted;
   for (const std::string d : {"sda", "sdb", "sdc", "sde", "sdg"})
-    deleted += d + ":" + m.ReadFile("/sys/block/" + d + "/device/delete");
-  EXPECT_EQ("sda:sdb:sdc:sde:sdg:1\n", deleted);
+    EXPECT_EQ(d == "sdg" ? "1\n" : "", m.ReadFile("/sys/block/" + d + "/device/delete")) << d;
   // A reload keeps the old partition objects first.
   const auto old = devices[1]->GetPartitions();
   AddPartition("sde", {3, 14682112, 2097152});
@@ -228,14 +207,12 @@ TEST(Storages, WhichDisksAreOfferedListedAndRescanned) {
 
 TEST(Storages, PartitionMountStateSizeAndLabel) {
   const uint64_t k5GiB = 10485760;  // sectors
-  // sectors, label, where mounted in turn ("": not) or what else befalls the partition
-  // ("iso9660": a CD's signature too, that only blkid minds; "dropped": the kernel drops it
-  // midway; "no node": its /dev node gone); mount root|point|supported|label shown
+  // sectors, label, where mounted in turn ("": not) or what befalls the partition ("iso9660": a CD's signature
+  // too; "dropped": the kernel drops it midway; "no node": its /dev node gone); root|point|supported|label shown
   const std::tuple<uint64_t, const char*, const char*, const char*> cases[] = {
       {2 * k5GiB, "ZLMa", "/tmp/boot", "|/tmp/boot|0|a"},
       {2 * k5GiB, "ZLMa", "/mnt/local_storages//st1", "/mnt/local_storages|st1|1|a"},
-      // Mounted twice: the later mount, as lsblk shows it.
-      {2 * k5GiB, "ZLMa", "/tmp/boot;/mnt/local_storages/st1", "/mnt/local_storages|st1|1|a"},
+      {2 * k5GiB, "ZLMa", "/tmp/boot;/mnt/local_storages/st1", "/mnt/local_storages|st1|1|a"},  // the later mount, as lsblk
       {2 * k5GiB, "ZLMa", "/mnt/local_storages/st1;/tmp/boot", "|/tmp/boot|0|a"},
       {2 * k5GiB, "ZLMa", "/mnt/local_storages2/x", "/mnt/local_storages|2/x|1|a"},
       {2 * k5GiB, "ZLMa", "/mnt/local_storages", "/mnt/local_storages||1|a"},

@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <future>
 #include <regex>
 #include <utility>
@@ -23,6 +22,7 @@ using FakeMachineTesting::FakeMachine;
 using FakeMachineTesting::operator""_GiB;
 using Json = nlohmann::json;
 using Names = std::vector<std::string>;
+constexpr auto npos = std::string::npos;
 
 struct Result {
   int code;
@@ -32,16 +32,14 @@ struct Result {
 
 // storagectl with `args` (plain words), standard input not a terminal; `env` as VAR=value words.
 Result Ctl(const std::string& args, const std::string& env = "") {
-  const std::string command = env + " " STORAGECTL " " + args + " </dev/null >/tmp/ctl.out 2>/tmp/ctl.err";
-  const int status = std::system(command.c_str());
+  const int status = std::system((env + " " STORAGECTL " " + args + " </dev/null >/tmp/ctl.out 2>/tmp/ctl.err").c_str());
   Result r{WIFEXITED(status) ? WEXITSTATUS(status) : -1, "", ""};
   FakeMachineTesting::ReadText("/tmp/ctl.out", r.out);
   FakeMachineTesting::ReadText("/tmp/ctl.err", r.err);
   return r;
 }
 
-// sda holds "/", sdb a mounted storage, sdc is blank, sdd too small to be offered, sdaa
-// holds data: a GPT and an ext4 file system labelled "backup".
+// sda holds "/", sdb a mounted storage, sdc is blank, sdd too small, sdaa a GPT and ext4 labelled "backup".
 void Build(FakeMachine& m) {
   m.Host(0, "ata_piix\n").Host(2, "virtio_scsi\n");
   m.Disk("sda").At(0, 0, 0, 0).Size(20_GiB).Serial("6000c2900000000000000000000000a0").Partition(1, 2048, 2097152);
@@ -50,80 +48,44 @@ void Build(FakeMachine& m) {
   m.Disk("sdd").At(2, 0, 3, 0).Size(1_GiB).Serial("6000c2900000000000000000000000d0");
   m.Disk("sdaa").At(2, 0, 0, 0).Size(12_GiB).Serial("6000c2900000000000000000000000e0").Partition(1, 2048, 131072);
   m.Build();
-  ASSERT_EQ(0, std::system("/usr/sbin/mke2fs -q -F -t ext4 -L ZLMdata /dev/sda1 && "
-                           "/usr/sbin/mke2fs -q -F -t ext4 -L ZLMdata /dev/sdb1 && "
-                           "/usr/sbin/sgdisk -n 1:2048:133119 /dev/sdaa >/dev/null && "
-                           "/usr/sbin/mke2fs -q -F -t ext4 -L backup /dev/sdaa1"));
+  ASSERT_EQ(0, std::system("PATH=/usr/sbin; for p in sda1 sdb1; do mke2fs -q -F -t ext4 -L ZLMdata /dev/$p; done && "
+                           "sgdisk -n 1:2048:133119 /dev/sdaa >/dev/null && mke2fs -q -F -t ext4 -L backup /dev/sdaa1"));
   m.Mount("/dev/sda1", "/");
   m.Mount("/dev/sdb1", "/mnt/local_storages/st1");
 }
 
-// What the terminal shows next; "" at its end or after 30 s of silence.
-std::string Next(int terminal) {
-  pollfd wait{terminal, POLLIN, 0};
-  char buffer[4096];
-  const ssize_t n = poll(&wait, 1, 30000) == 1 ? read(terminal, buffer, sizeof buffer) : -1;
-  return n > 0 ? std::string(buffer, n) : "";
-}
-
-// A pseudo-terminal, opened before the machine: the machine's /dev has no terminals.
+// A pseudo-terminal, opened before the machine (whose /dev has none), controlling one command run by sh.
 struct Terminal {
   int master = -1, slave = -1;
+  pid_t pid = -1;
   Terminal() {
     openpty(&master, &slave, nullptr, nullptr, nullptr);
     for (int fd : {master, slave}) fcntl(fd, F_SETFD, FD_CLOEXEC);
   }
-  ~Terminal() {
-    for (int fd : {master, slave})
-      if (fd >= 0) close(fd);
+  ~Terminal() { for (int fd : {master, slave}) if (fd >= 0) close(fd); }
+  void Run(const std::string& command) {
+    if ((pid = fork()) == 0) login_tty(slave), execl("/bin/sh", "sh", "-c", command.c_str(), nullptr), _exit(127);
+    close(std::exchange(slave, -1));  // else the terminal never ends
   }
+  // Types `keys`; what the terminal then shows up to `awaited`, its end or 30 s of silence.
+  std::string Type(const std::string& keys, const std::string& awaited) {
+    std::string shown;
+    char buffer[4096];
+    pollfd wait{master, POLLIN, 0};
+    if (write(master, keys.data(), keys.size()) < 0) return shown;
+    for (ssize_t n; shown.find(awaited) == npos && poll(&wait, 1, 30000) == 1 && (n = read(master, buffer, sizeof buffer)) > 0;)
+      shown.append(buffer, n);
+    return shown;
+  }
+  int End() { return close(std::exchange(master, -1)), TestSupport::ExitCode(TestSupport::WaitChild(pid)); }
 };
 
-// `command` run by sh on terminal `t`, as its controlling terminal.
-pid_t OnTerminal(Terminal& t, const std::string& command) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    login_tty(t.slave);
-    execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-    _exit(127);
-  }
-  close(std::exchange(t.slave, -1));  // else the terminal never ends
-  return pid;
-}
-
-// storagectl with `args` on terminal `t` that types `answer` at its question, or hangs
-// up there when `answer` is null; `out` is all the terminal showed.
-Result OnTerminal(Terminal& t, const std::string& args, const char* answer) {
-  const pid_t pid = OnTerminal(t, "exec " STORAGECTL " " + args);
-  Result r{-1, "", ""};
-  for (std::string s; r.out.find("to go on: ") == std::string::npos && !(s = Next(t.master)).empty();) r.out += s;
-  if (answer && write(t.master, answer, std::strlen(answer)) >= 0)
-    for (std::string s; !(s = Next(t.master)).empty();) r.out += s;
-  close(std::exchange(t.master, -1));
-  r.code = TestSupport::ExitCode(TestSupport::WaitChild(pid));
-  return r;
-}
-
-// The disks' images as sizes and data extents: the same bytes, and no write even of zeros.
+// The first and last megabytes of every disk, where preparing and wiping write.
 std::string Images() {
+  std::system("for d in /dev/sd*; do ({ head -c 4M; tail -c 1M; } <$d) 2>&1 | md5sum; done >/tmp/images");
   std::string all;
-  for (const std::string& name : FakeMachineTesting::ListDir("/dev")) {
-    const int fd = name.rfind("sd", 0) == 0 ? open(("/dev/" + name).c_str(), O_RDONLY) : -1;
-    if (fd < 0) continue;
-    all += name + " " + std::to_string(lseek(fd, 0, SEEK_END));
-    for (off_t data = 0, hole; (data = lseek(fd, data, SEEK_DATA)) >= 0; data = hole) {
-      hole = lseek(fd, data, SEEK_HOLE);
-      std::string bytes(hole - data, '\0');
-      bytes.resize(std::max<ssize_t>(0, pread(fd, bytes.data(), bytes.size(), data)));
-      all += " @" + std::to_string(data) + ":" + std::to_string(std::hash<std::string>()(bytes));
-    }
-    close(fd);
-  }
+  FakeMachineTesting::ReadText("/tmp/images", all);
   return all;
-}
-
-size_t Writes(const FakeMachine& m) {
-  return m.Calls("dd").size() + m.Calls("gdisk").size() + m.Calls("mke2fs").size();
 }
 
 Names Column(const Json& list, const char* key = "name") {
@@ -132,7 +94,8 @@ Names Column(const Json& list, const char* key = "name") {
   return names;
 }
 
-TEST(Storagectl, ShowsTheDisksAndStoragesTheLibraryOffers) {
+// In turn: what storagectl shows, what it refuses changing nothing, a storage's steps, attributes, doctor, rescan.
+TEST(Storagectl, ShowsRefusesPreparesAndRescans) {
   AS_FAKE_MACHINE(m);
   Build(m);
   const Result devices = Ctl("--json devices");
@@ -147,28 +110,12 @@ TEST(Storagectl, ShowsTheDisksAndStoragesTheLibraryOffers) {
                   {"label", "data"}, {"mountpoint", "st1"}, {"supported", true}}));
   EXPECT_EQ(Ctl("list --json").json(),
             (Json{{"root", "/mnt/local_storages"}, {"storages", {{{"mountpoint", "st1"}, {"label", "data"}}}}}));
-  // Administrators read the table by its columns: name, size, controller, address.
+  // Administrators read the table by its columns: name, size, controller, address; no system disk.
   const std::string table = Ctl("devices").out;
   EXPECT_TRUE(std::regex_search(table, std::regex("\nsdb +12\\.0 GiB +virtio_scsi +2:0:1:0 .*\n  sdb1 .*\nsdc "))) << table;
-  EXPECT_EQ(table.find("sda "), std::string::npos);  // the system disk
-  // A rescan names the disks that came and went meanwhile (the kernel's scan is when the
-  // host's scan file is written).
-  auto rescan = std::async(std::launch::async, [] { return Ctl("--json rescan"); });
-  for (int i = 0; i < 3000 && m.ReadFile("/sys/class/scsi_host/host2/scan").empty(); ++i) ::usleep(10000);
-  m.Disk("sde").At(2, 0, 4, 0).Size(12_GiB);
-  m.Build();
-  m.RemoveDisk("sdd");
-  const Json rescanned = rescan.get().json();
-  EXPECT_EQ(rescanned["added"], Json{"sde"});
-  EXPECT_EQ(rescanned["removed"], Json{"sdd"});
-}
-
-TEST(Storagectl, RefusesBadInputAndReportsErrorsChangingNothing) {
-  AS_FAKE_MACHINE(m);
-  Build(m);
-  const std::string before = Ctl("--json devices").out;
+  EXPECT_EQ(table.find("sda "), npos);
   // arguments, exit code, part of the message's first line
-  const std::tuple<const char*, int, const char*> cases[] = {
+  const std::tuple<const char*, int, const char*> refused[] = {
       {"frob", 2, "frob"},
       {"prepare", 2, "DEVICE"},
       {"prepare sdc", 2, "--yes"},
@@ -180,70 +127,23 @@ TEST(Storagectl, RefusesBadInputAndReportsErrorsChangingNothing) {
       {"attributes set sdb Temporary", 2, "DISK NAME VALUE"},
       {"attributes get sdz", 1, "'sdz'"},
   };
-  for (const auto& [args, code, firstLine] : cases) {
+  for (const auto& [args, code, firstLine] : refused) {
     SCOPED_TRACE(args);
     const Result r = Ctl(args);
     EXPECT_EQ(r.code, code);
-    EXPECT_NE(r.err.substr(0, r.err.find('\n')).find(firstLine), std::string::npos) << r.err;
-    EXPECT_EQ(r.err.find("Usage: storagectl") != std::string::npos, code == 2) << r.err;
+    EXPECT_NE(r.err.substr(0, r.err.find('\n')).find(firstLine), npos) << r.err;
+    EXPECT_EQ(r.err.find("Usage: storagectl") != npos, code == 2) << r.err;
     // Only a disk that may hold data earns the hint, after the library's chain, with the command to run.
     const size_t hint = r.err.find("hint: ");
-    EXPECT_EQ(hint != std::string::npos, std::string(args) == "prepare sdaa --yes") << r.err;
-    if (hint != std::string::npos) {
-      EXPECT_LT(r.err.find(" 0x72004A: "), r.err.find("'storagectl prepare --wipe sdaa'", hint)) << r.err;
-    }
+    EXPECT_EQ(hint != npos, std::string(args) == "prepare sdaa --yes") << r.err;
+    if (hint != npos) { EXPECT_LT(r.err.find(" 0x72004A: "), r.err.find("'storagectl prepare --wipe sdaa'", hint)) << r.err; }
   }
-  EXPECT_EQ(Ctl("--json devices").out, before);
+  EXPECT_EQ(Ctl("--json devices").out, devices.out);
   EXPECT_TRUE(m.Calls("gdisk").empty() && m.Calls("mount").empty());
-  m.WriteFile(FakeMachine::StateDir() + "/fail/umount", "32");
-  const Result failed = Ctl("--json unmount sdb1");
-  EXPECT_EQ(failed.code, 1);
-  EXPECT_EQ(failed.json()["error"]["cause"]["code"], "0x720004");
-  EXPECT_NE(failed.err.find("\n  cause 0x720004: "), std::string::npos) << failed.err;
-}
-
-TEST(Storagectl, PreparesOnATerminalOnlyAfterYes) {
-  // arguments, what is typed (null: the terminal hangs up), what the question names
-  const std::tuple<const char*, const char*, const char*> cases[] = {
-      {"prepare sdc", "no\n", "/dev/sdc"},
-      {"prepare sdc", "y\n", "/dev/sdc"},
-      {"prepare sdc", "YES\n", "/dev/sdc"},
-      {"prepare sdc", "yes please\n", "/dev/sdc"},
-      {"prepare sdc", "\n", "/dev/sdc"},  // no default answer
-      {"prepare sdc", "\x04", "/dev/sdc"},  // Ctrl-D: end of input
-      {"prepare sdc", nullptr, "/dev/sdc"},
-      {"prepare --wipe sdaa", "no\n", "\n  sdaa: gpt\r\n  sdaa1: ext4 'backup'\r\n"},
-      {"prepare --wipe sdaa", "yes\n", "\n  sdaa: gpt\r\n  sdaa1: ext4 'backup'\r\n"},
-      {"prepare sdc", "yes\n", "/dev/sdc"},
-  };
-  std::vector<Terminal> terminals(std::size(cases));
-  AS_FAKE_MACHINE(m);
-  Build(m);
-  Terminal* terminal = terminals.data();
-  for (const auto& [args, answer, named] : cases) {
-    SCOPED_TRACE(std::string(args) + " <- " + (answer ? answer : "hang-up"));
-    const std::string images = Images();
-    const size_t writes = Writes(m);
-    const Result r = OnTerminal(*terminal++, args, answer);
-    const std::string question = r.out.substr(0, r.out.find("to go on: "));
-    EXPECT_NE(question.find(named), std::string::npos) << r.out;
-    const bool yes = answer && std::string(answer) == "yes\n";
-    EXPECT_EQ(r.code == 0, yes) << r.out;
-    // On a terminal each step shows the seconds since the start.
-    EXPECT_EQ(yes, std::regex_search(r.out, std::regex("\n +[0-9]+\\.[0-9] s  Formatting /dev/sd[a-z]+\r\n[\\s\\S]* s    "
-                                                       "Writing inode tables: done\r\n"))) << r.out;
-    EXPECT_EQ(Images() == images, !yes);
-    EXPECT_EQ(Writes(m) == writes, !yes);
-  }
-}
-
-TEST(Storagectl, PreparesMountsLabelsAndMarksADisk) {
-  AS_FAKE_MACHINE(m);
-  Build(m);
   const Result prepared = Ctl("--trace prepare sdc --yes --json");
   ASSERT_EQ(prepared.code, 0) << prepared.err;
   EXPECT_EQ(prepared.json()["steps"].size(), 5u) << prepared.out;  // the trace lines that are steps
-  EXPECT_NE(prepared.err.find("+CreateBackupPartition"), std::string::npos);
+  EXPECT_NE(prepared.err.find("+CreateBackupPartition"), npos);
   EXPECT_EQ(Column(prepared.json()["device"]["partitions"]), Names{"sdc1"});
   const Result wiped = Ctl("prepare /dev/sdaa --wipe --yes --json");
   ASSERT_EQ(wiped.code, 0) << wiped.err;
@@ -264,56 +164,83 @@ TEST(Storagectl, PreparesMountsLabelsAndMarksADisk) {
   EXPECT_EQ(Ctl("--json attributes remove sdc Temporary").json()["attributes"], (Json{{"Bay", "4"}}));
   EXPECT_EQ(Ctl("attributes get sdc Temporary").code, 1);
   EXPECT_EQ(Column(Ctl("--json devices").json()["devices"]), (Names{"sdb", "sdc", "sdaa"}));
-}
-
-// The manual page escapes what roff would take for requests and hyphens; completion with
-// no word yet offers the commands.
-TEST(Storagectl, DoctorManualAndFirstWord) {
-  AS_FAKE_MACHINE(m);
-  EXPECT_NE(Ctl("man").out.find("\n.TP\n\\fB\\-\\-yes\\fR\n"), std::string::npos);
-  EXPECT_NE(Ctl("complete").out.find("\nprepare\n"), std::string::npos);
+  m.WriteFile(FakeMachine::StateDir() + "/fail/umount", "32");
+  const Result failed = Ctl("--json unmount sdb1");
+  EXPECT_EQ(failed.code, 1);
+  EXPECT_EQ(failed.json()["error"]["cause"]["code"], "0x720004");
+  EXPECT_NE(failed.err.find("\n  cause 0x720004: "), npos) << failed.err;
+  // The manual page escapes what roff would take for requests and hyphens.
+  EXPECT_NE(Ctl("man").out.find("\n.TP\n\\fB\\-\\-yes\\fR\n"), npos);
   EXPECT_EQ(Ctl("doctor").code, 0);
   const Result bad = Ctl("--json doctor", "PATH=/none");
   EXPECT_EQ(bad.code, 1);
-  std::string failed;
-  const Json doctor = bad.json();  // kept: the loop refers into it
-  for (const Json& check : doctor["checks"]) failed += check["ok"] ? "" : check["check"].get<std::string>() + ";";
-  for (const char* check : {"gdisk;", "scsi_id;"})
-    EXPECT_NE(failed.find(check), std::string::npos) << failed;
-  EXPECT_EQ(failed.find("registry"), std::string::npos) << failed;
+  const Json doctor = bad.json();  // named: the loop refers into it
+  std::string missing;
+  for (const Json& check : doctor["checks"]) missing += check["ok"] ? "" : check["check"].get<std::string>() + ";";
+  EXPECT_TRUE(missing.find("gdisk;") != npos && missing.find("scsi_id;") != npos && missing.find("registry") == npos) << missing;
+  // A rescan names the disks that came and went meanwhile (the kernel scans when the host's scan file is written).
+  auto rescan = std::async(std::launch::async, [] { return Ctl("--json rescan"); });
+  for (int i = 0; i < 3000 && m.ReadFile("/sys/class/scsi_host/host2/scan").empty(); ++i) ::usleep(10000);
+  m.Disk("sde").At(2, 0, 4, 0).Size(12_GiB);
+  m.Build();
+  m.RemoveDisk("sdd");
+  const Json rescanned = rescan.get().json();
+  EXPECT_EQ(rescanned["added"], Json{"sde"});
+  EXPECT_EQ(rescanned["removed"], Json{"sdd"});
 }
 
-// A new user's bash with the installed completion: commands, options, and the names of the
-// disks and partitions the library lists now.
-TEST(Storagectl, BashCompletesCommandsOptionsAndNames) {
-  Terminal t;
+// On a terminal: a new user's bash completing commands, options and names listed now; preparing only after "yes".
+TEST(Storagectl, OnATerminal) {
+  // arguments, what is typed (null: the terminal hangs up), what the question names
+  const std::tuple<const char*, const char*, const char*> cases[] = {
+      {"prepare sdc", "no\n", "/dev/sdc"},
+      {"prepare sdc", "y\n", "/dev/sdc"},
+      {"prepare sdc", "YES\n", "/dev/sdc"},
+      {"prepare sdc", "yes please\n", "/dev/sdc"},
+      {"prepare sdc", "\n", "/dev/sdc"},  // no default answer
+      {"prepare sdc", "\x04", "/dev/sdc"},  // Ctrl-D: end of input
+      {"prepare sdc", nullptr, "/dev/sdc"},
+      {"prepare --wipe sdaa", "no\n", "\n  sdaa: gpt\r\n  sdaa1: ext4 'backup'\r\n"},
+      {"prepare --wipe sdaa", "yes\n", "\n  sdaa: gpt\r\n  sdaa1: ext4 'backup'\r\n"},
+      {"prepare sdc", "yes\n", "/dev/sdc"},
+  };
+  std::vector<Terminal> terminals(std::size(cases) + 1);
   AS_FAKE_MACHINE(m);
   Build(m);
+  Terminal& bash = terminals.back();
   const std::string dir = std::string(STORAGECTL).substr(0, std::string(STORAGECTL).rfind('/'));
-  const pid_t pid = OnTerminal(t, "PATH=" + dir + ":$PATH PS1='$ ' exec bash --norc --noprofile -i");
-  const auto type = [&](const std::string& keys, const std::string& awaited) {
-    std::string shown;
-    if (write(t.master, keys.data(), keys.size()) < 0) return shown;
-    for (std::string s; shown.find(awaited) == std::string::npos && !(s = Next(t.master)).empty();) shown += s;
-    return shown;
-  };
-  type("source " STORAGECTL_COMPLETION "; echo ready\n", "ready\r\n");
+  bash.Run("PATH=" + dir + ":$PATH PS1='$ ' exec bash --norc --noprofile -i");
+  bash.Type("source " STORAGECTL_COMPLETION "; echo ready\n", "ready\r\n");
   // keys typed, what the terminal must then show
-  const std::pair<const char*, const char*> cases[] = {
+  const std::pair<const char*, const char*> completions[] = {
       {"storagectl pre\t", "storagectl prepare "},
       {"\t\t", "--wipe"},
       {"--wipe sda\t", "--wipe sdaa "},  // an option is no operand
       {"\x15storagectl --json mount \t\t", "sdb1"},
       {"\x15storagectl attributes r\t", "attributes remove "},
   };
-  for (const auto& [keys, awaited] : cases) {
+  for (const auto& [keys, awaited] : completions) {
     SCOPED_TRACE(keys);
-    const std::string shown = type(keys, awaited);
-    EXPECT_NE(shown.find(awaited), std::string::npos) << shown;
+    EXPECT_NE(bash.Type(keys, awaited).find(awaited), npos);
   }
-  type("\x15" "exit\n", "(the end)");  // shown never: read to the end of the terminal
-  close(std::exchange(t.master, -1));
-  EXPECT_EQ(0, TestSupport::ExitCode(TestSupport::WaitChild(pid)));
+  bash.Type("\x15" "exit\n", "(the end)");  // shown never: read to the end of the terminal
+  EXPECT_EQ(0, bash.End());
+  Terminal* terminal = terminals.data();
+  for (const auto& [args, answer, named] : cases) {
+    SCOPED_TRACE(std::string(args) + " <- " + (answer ? answer : "hang-up"));
+    const std::string images = Images();
+    const size_t writes = m.Calls("dd").size() + m.Calls("gdisk").size() + m.Calls("mke2fs").size();
+    terminal->Run("exec " STORAGECTL " " + std::string(args));
+    const std::string question = terminal->Type("", "to go on: ");
+    const std::string out = question + (answer ? terminal->Type(answer, "(the end)") : "");
+    EXPECT_NE(question.find(named), npos) << out;
+    const bool yes = answer && std::string(answer) == "yes\n";
+    EXPECT_EQ(terminal++->End() == 0, yes) << out;
+    EXPECT_EQ(yes, std::regex_search(out, std::regex("\n +[0-9]+\\.[0-9] s  Formatting /dev/sd[a-z]+\r\n[\\s\\S]* s    "
+                                                     "Writing inode tables: done\r\n"))) << out;  // steps timed
+    EXPECT_EQ(Images() == images, !yes);
+    EXPECT_EQ(m.Calls("dd").size() + m.Calls("gdisk").size() + m.Calls("mke2fs").size() == writes, !yes);
+  }
 }
 
 }  // namespace
