@@ -1,13 +1,11 @@
 // Runs a command (pytest) on a faked machine: sdb holds the storage "st1" labelled
 // "data", sdc is blank, sdd has no serial. Exit status 77 when the machine cannot be
 // made here (not root, no mount namespace), with the reason.
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
+#include "child.h"
 #include "fake_machine.h"
 
 using namespace FakeMachineTesting;
@@ -28,13 +26,5 @@ int main(int argc, char** argv) {
   if (std::system("/usr/sbin/mke2fs -q -F -t ext4 -L ZLMdata /dev/sdb1") != 0) return 1;
   m.Mount("/dev/sdb1", "/mnt/local_storages/st1");
   // A child, so that the machine is torn down after it.
-  const pid_t pid = fork();
-  if (pid == 0) {
-    execvp(argv[1], argv + 1);
-    std::perror(argv[1]);
-    _exit(127);
-  }
-  int status = 0;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid) return 1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return TestSupport::RunInChild([&] { return execvp(argv[1], argv + 1), std::perror(argv[1]), 127; });
 }

@@ -1,5 +1,4 @@
-// A client of the installed library: identity, a message text, an error and the
-// storage interface.
+// A client of the installed library: identity, a message text, an error, the storage interface.
 #include <core/common/error.h>
 #include <core/common/message_ids.h>
 #include <core/common/message_text.h>

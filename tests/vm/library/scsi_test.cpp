@@ -1,8 +1,5 @@
-// The disk subsystem on a real kernel: the appliance VM boots with one disk on each
-// controller kind the library knows (see ../CMakeLists.txt), and this program runs
-// inside it. Removing and adding a disk waits for the kernel's uevents, so this also
-// shows that the notifications arrive. Last, the storage listing of those disks is held to
-// what the tools print of them.
+// The disk subsystem on a real kernel, one disk on each controller kind (../CMakeLists.txt);
+// last, the storage listing of those disks is held to what the tools print of them.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <unistd.h>
@@ -33,8 +30,6 @@ std::vector<SCSI::Disk> List(SCSI::DiskSubsystem& disks) {
   EXPECT_FALSE(e) << TestSupport::ChainText(e);
   return list;
 }
-
-
 // The identifier made from scsi_id's ID_SCSI_SERIAL; zero without one.
 GUID ScsiIdGuid(const std::string& out) {
   GUID id;
@@ -42,10 +37,10 @@ GUID ScsiIdGuid(const std::string& out) {
   return id;
 }
 
-// The identifier is the one that scsi_id's ID_SCSI_SERIAL gave, taken from the kernel's copy
-// of the unit serial number page and, with those copies hidden, from an INQUIRY of the disk,
-// without running scsi_id. The ide disk's short serial comes padded with spaces.
-TEST(RealKernel, SerialsAreScsiIdsWithoutScsiId) {
+// Identifiers are scsi_id's, from the kernel's copy of the serial page, then from an INQUIRY,
+// never running scsi_id (ATA pads short serials). Each driver takes its disk off the bus and
+// brings it back with a host scan, the kernel's uevents ending the library's waits.
+TEST(RealKernel, IdentifiesRemovesAndAddsTheDiskOfEveryControllerKind) {
   const std::string calls = "/tmp/zl_scsi_id.calls", empty = "/tmp/zl_empty", path = std::getenv("PATH");
   std::filesystem::create_directories("/tmp/zl_bin");
   std::ofstream("/tmp/zl_bin/scsi_id") << "#!/bin/sh\necho \"$*\" >> " << calls << "\nPATH=${PATH#*:}\nexec scsi_id \"$@\"\n";
@@ -53,13 +48,16 @@ TEST(RealKernel, SerialsAreScsiIdsWithoutScsiId) {
   std::ofstream{empty};
   ASSERT_EQ(0, setenv("PATH", ("/tmp/zl_bin:" + path).c_str(), 1));
   auto disks = SCSI::CreateDiskSubsystem();
+  auto lock = disks->Lock();
+  ASSERT_FALSE(disks->Refresh());
+  std::vector<SCSI::Disk> before;
   for (const bool hidden : {false, true}) {
     SCOPED_TRACE(hidden ? "INQUIRY" : "sysfs");
-    const std::vector<SCSI::Disk> list = List(*disks);
-    ASSERT_EQ(8u, list.size());
+    before = List(*disks);
+    ASSERT_EQ(8u, before.size());  // no controller kind left out
     EXPECT_EQ("", Read(calls));
     size_t identified = 0;
-    for (const SCSI::Disk& disk : list) {
+    for (const SCSI::Disk& disk : before) {
       const std::string name = Common::ToUtf8(disk.name), page = "/sys/block/" + name + "/device/vpd_pg80";
       SCOPED_TRACE(name);
       const std::string out = VmTest::Output("scsi_id --page=0x83 --export --whitelisted --device=/dev/" + name);
@@ -75,19 +73,9 @@ TEST(RealKernel, SerialsAreScsiIdsWithoutScsiId) {
     EXPECT_EQ(6u, identified);  // the ATA serials are too short
     std::remove(calls.c_str());
   }
-  for (const SCSI::Disk& disk : List(*disks))
+  for (const SCSI::Disk& disk : before)
     umount2(("/sys/block/" + Common::ToUtf8(disk.name) + "/device/vpd_pg80").c_str(), MNT_DETACH);
   ASSERT_EQ(0, setenv("PATH", path.c_str(), 1));
-}
-
-// Each driver takes its disk off the bus and brings it back with a host scan, and the
-// kernel's remove and add uevents end the library's waits.
-TEST(RealKernel, RemovesAndAddsTheDiskOfEveryControllerKind) {
-  auto disks = SCSI::CreateDiskSubsystem();
-  auto lock = disks->Lock();
-  ASSERT_FALSE(disks->Refresh());
-  const std::vector<SCSI::Disk> before = List(*disks);
-  ASSERT_EQ(8u, before.size());  // no controller kind left out
   std::vector<String> names(before.size());
   for (size_t i = 0; i < before.size(); ++i) {
     const SCSI::Disk& disk = before[i];
@@ -112,11 +100,9 @@ TEST(RealKernel, RemovesAndAddsTheDiskOfEveryControllerKind) {
   }
 }
 
-// What the listing says of each disk and partition is what the tools print, on disks of every
-// controller kind holding storages, foreign and blank partitions, hostile labels (16 bytes, ext4's
-// most) and mount paths. Runs last: it leaves them mounted.
+// The listing of every disk and partition says what the tools print: storages, foreign and blank
+// partitions, hostile labels (16 bytes, ext4's most) and mount paths. Last: it leaves them mounted.
 TEST(RealKernel, ListingSaysWhatTheToolsPrint) {
-  using Virtualization::Appliance::StoragesManager;
   using Common::ToUtf8;
   const std::pair<const char*, const char*> hostile[] = {
       {"L1", "ZLM$(id);`x`|&'\""}, {"L2", "ZLMa b \"q\" \x7fzz!!"}, {"L3", "\xd0\x94\xd0\xb0 unicode\xe2\x9c\x93!"},
@@ -137,18 +123,16 @@ TEST(RealKernel, ListingSaysWhatTheToolsPrint) {
       " m ${D}2 /mnt/local_storages/st2",
       "p ',64M\\n,64M\\n' && f ext4 -L \"$L5\" ${D}1 && mkswap -q ${D}2",
       "p ',64M\\n' && f ext4 ${D}1 && m ${D}1 /mnt/plain"};
-  const auto devices = StoragesManager().GetBlockDevices(false);
+  const auto devices = VmTest::List();
   ASSERT_EQ(std::size(setups), devices.size());
   for (size_t i = 0; i < devices.size(); ++i)
     ASSERT_EQ(0, RunCommand("D=/dev/" + ToUtf8(devices[i]->GetName()) + "; " + tools + setups[i])) << setups[i];
   const auto line = [](const std::string& text, size_t at = 0) { return text.substr(at, text.find('\n', at) - at); };
   const std::string root = "/mnt/local_storages/";
-  struct Fact {
-    std::string device, field, tools, library;
-  };
+  struct Fact { std::string device, field, tools, library; };
   std::vector<Fact> facts;
   std::string storages;  // as GetStoragesList should give them
-  for (const auto& disk : StoragesManager().GetBlockDevices(false)) {
+  for (const auto& disk : VmTest::List()) {
     const std::string name = ToUtf8(disk->GetName());
     std::set<std::string> kernel, listed;
     for (const auto& entry : std::filesystem::directory_iterator("/sys/block/" + name))
