@@ -37,8 +37,7 @@ std::string ReadAll(int fd) {
   return text;
 }
 
-// What the probe child sees with 100 descriptors open here, half of them inheritable:
-// sorted "<fd> <target>", "?" for a number above 2 but `input`, "kept" for an inherited one.
+// The probe's sorted "<fd> <target>" with 100 descriptors open here, half inheritable ("?": above 2, not `input`).
 Strings ChildDescriptors(bool keepStdFds, int input = -1) {
   std::vector<int> fds;
   for (int i = 0; i < 100; ++i) fds.push_back(memfd_create("parent", i % 2 ? MFD_CLOEXEC : 0));
@@ -63,14 +62,6 @@ Strings ChildDescriptors(bool keepStdFds, int input = -1) {
   return seen;
 }
 
-TEST(Launcher, ChildSeesOnlyStandardAndRedirectedDescriptors) {
-  // The "/dev/null" that served 0 and 2 stays open.
-  EXPECT_EQ(ChildDescriptors(true), (Strings{"0 kept", "1 pipe", "2 kept"}));
-  EXPECT_EQ(ChildDescriptors(false, 7),
-            (Strings{"0 /dev/null", "1 pipe", "2 /dev/null", "7 pipe", "? /dev/null"}));
-  EXPECT_EQ(ChildDescriptors(false, 0), (Strings{"0 pipe", "1 pipe", "2 /dev/null", "? /dev/null"}));
-}
-
 // close_range() refused, as by an older kernel.
 bool RefuseCloseRange() {
   sock_filter filter[] = {
@@ -90,15 +81,8 @@ bool SetLimit(decltype(RLIMIT_AS) resource, rlim_t value) {
   return setrlimit(resource, &limit) == 0;
 }
 
-// A private mount namespace (root only) with `path` hidden under an empty tmpfs.
-[[maybe_unused]] bool Hide(const char* path) {
-  return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-         mount("tmpfs", path, "tmpfs", 0, nullptr) == 0;
-}
-
-// Starts "true" with its output on `target` (from the lowest free number) once only
-// `spare` descriptors are left, or with no room for a child's stack when `spare` is 0:
-// 0 when the start fails leaving nothing behind, 1 when the child runs.
+// Starts "true" with output on `target` (from the lowest free number) with `spare` descriptors
+// left (0: no room for a child's stack): 0 failed leaving nothing behind, 1 ran.
 int StartUnder(int spare, int target) {
   const int lowest = dup(0);
   close(lowest);
@@ -114,9 +98,13 @@ int StartUnder(int spare, int target) {
   return out == -1 && TestSupport::CountOwnFds() == before ? 0 : -1;
 }
 
-// Each row runs in a forked copy of the test; exit code 2 means the kernel or our rights
-// do not allow the setting.
-TEST(Launcher, FallbacksAndLimitsInForkedCopies) {
+// The child sees 0, 1, 2 and its redirections only, also where close_range is refused. The
+// rows run in forked copies; exit code 2: the kernel or our rights do not allow the setting.
+TEST(Launcher, ChildDescriptorsFallbacksAndLimits) {
+  // The "/dev/null" that served 0 and 2 stays open.
+  EXPECT_EQ(ChildDescriptors(true), (Strings{"0 kept", "1 pipe", "2 kept"}));
+  EXPECT_EQ(ChildDescriptors(false, 7), (Strings{"0 /dev/null", "1 pipe", "2 /dev/null", "7 pipe", "? /dev/null"}));
+  EXPECT_EQ(ChildDescriptors(false, 0), (Strings{"0 pipe", "1 pipe", "2 /dev/null", "? /dev/null"}));
   const auto onlyStdFds = [] { return ChildDescriptors(true).size() == 3; };
   const struct { const char* name; std::function<bool()> check, setUp = nullptr; } cases[] = {
       // An inheritable descriptor above a lowered limit: a loop up to the limit misses it.
@@ -125,7 +113,10 @@ TEST(Launcher, FallbacksAndLimitsInForkedCopies) {
                 SetLimit(RLIMIT_NOFILE, 512);
        }},
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // a sanitized probe needs /proc
-      {"loop", onlyStdFds, [] { return Hide("/proc") && RefuseCloseRange(); }},
+      {"loop", onlyStdFds, [] {  // /proc hidden in a private mount namespace (root only)
+         return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                mount("tmpfs", "/proc", "tmpfs", 0, nullptr) == 0 && RefuseCloseRange();
+       }},
       // Sanitizers reserve the address space.
       {"no room for the child's stack", [] { return StartUnder(0, -1) == 0; }},
 #endif
@@ -141,15 +132,13 @@ TEST(Launcher, FallbacksAndLimitsInForkedCopies) {
   }
 }
 
-// Set here: every signal blocked, SIGPIPE ignored, LD_PRELOAD, a report file and a not
-// executable "true" first in PATH. Each row's exact output (stderr joins it) and status.
+// Set here: all signals blocked, SIGPIPE ignored, LD_PRELOAD, a report file, a "true" not executable first in PATH.
 TEST(Launcher, ChildRunsAsAskedOrExits127) {
   const TestSupport::TempDir dir;
   close(open((dir / "true").c_str(), O_CREAT | O_WRONLY, 0644));
   const std::string savedPath = getenv("PATH") ? getenv("PATH") : "";
   setenv("PATH", (dir.path() + ":/bin:/usr/bin").c_str(), 1);
-  setenv("LD_PRELOAD", "", 1);
-  setenv("ZEMLORA_ERROR_REPORT_FILE", "/tmp/parent", 1);
+  setenv("LD_PRELOAD", "", 1), setenv("ZEMLORA_ERROR_REPORT_FILE", "/tmp/parent", 1);
   sigset_t all, previous;
   sigfillset(&all);
   ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &all, &previous), 0);
@@ -193,11 +182,10 @@ TEST(Launcher, ChildRunsAsAskedOrExits127) {
 
 TEST(Launcher, ChildEnvironmentRules) {
   struct { Strings parent; bool inherit; Strings overrides, expected; } cases[] = {
-      {{"A=1", "B=2", "C=3"}, true, {"B=x"}, {"A=1", "B=x", "C=3"}},
-      {{"A=1"}, true, {"Z=9", "NOPE"}, {"A=1", "Z=9"}},  {{"A=1", "BROKEN", "C=3"}, true, {}, {"A=1", "C=3"}},
-      {{"A=1"}, true, {"A=2", "A"}, {}},                 {{"A=1"}, true, {"A", "A=3"}, {"A=3"}},
-      {{"A=1", "A=2"}, true, {"A=x"}, {"A=x", "A=2"}},   {{"AB=1"}, true, {"A=2"}, {"AB=1", "A=2"}},
-      {{"A=1"}, true, {"", "=x", "=", "A="}, {"A="}},
+      {{"A=1", "B=2", "C=3"}, true, {"B=x"}, {"A=1", "B=x", "C=3"}}, {{"A=1"}, true, {"Z=9", "NOPE"}, {"A=1", "Z=9"}},
+      {{"A=1", "BROKEN", "C=3"}, true, {}, {"A=1", "C=3"}}, {{"A=1"}, true, {"A=2", "A"}, {}},
+      {{"A=1"}, true, {"A", "A=3"}, {"A=3"}}, {{"A=1", "A=2"}, true, {"A=x"}, {"A=x", "A=2"}},
+      {{"AB=1"}, true, {"A=2"}, {"AB=1", "A=2"}}, {{"A=1"}, true, {"", "=x", "=", "A="}, {"A="}},
       {{"=odd", "A=1"}, true, {"=x", "A=5"}, {"=x", "A=5"}}, {{"=odd", "A=1"}, true, {"=x", ""}, {"A=1"}},
       {{"A=1", "B=2"}, false, {"B=3", "C", "D=4"}, {"B=3", "D=4"}},
   };
@@ -211,7 +199,8 @@ TEST(Launcher, ChildEnvironmentRules) {
   EXPECT_EQ(LinuxEx::Detail::BuildChildEnvironment(nullptr, true, {"A=1"}), Strings{"A=1"});
 }
 
-TEST(Launcher, ExecSearchPathFailuresReturnWithErrno) {
+// The PATH walk of exec and of FindProgram: a failure is -1 with errno, and no program found.
+TEST(Launcher, PathSearchFailures) {
   const TestSupport::TempDir dir;
   close(open((dir / "plain").c_str(), O_CREAT | O_WRONLY, 0644));  // not executable
   ASSERT_EQ(0, symlink("loop", (dir / "loop").c_str()));
@@ -221,6 +210,7 @@ TEST(Launcher, ExecSearchPathFailuresReturnWithErrno) {
       {"/bin", "", ENOENT}, {"/no/such:/also/missing", "zl-missing", ENOENT}, {"/bin", "/no/such/prog", ENOENT},
       {dir.path() + ":/no/such", "plain", EACCES}, {dir.path() + ":/no/such", "loop", ELOOP},  // the search stops
       {"/bin", std::string(5000, 'y'), ENAMETOOLONG}, {std::string(4095, 'd') + ":/bin", "true", ENAMETOOLONG},
+      {"/bin", "/", EACCES},  // a directory is no program
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.path.substr(0, 20) + " " + c.file.substr(0, 20));
@@ -228,29 +218,29 @@ TEST(Launcher, ExecSearchPathFailuresReturnWithErrno) {
     errno = 0;
     EXPECT_EQ(ChildProcess::ExecSearchPath(c.file.c_str(), argv, environ), -1);
     EXPECT_EQ(errno, c.err);
+    EXPECT_EQ("", ChildProcess::FindProgram(c.file));
   }
   setenv("PATH", savedPath.c_str(), 1);
+  EXPECT_EQ("/bin/true", ChildProcess::FindProgram("/bin/true"));
+  EXPECT_EQ(LinuxEx::RunTool({"sh", "-c", "command -v ls"}).output, ChildProcess::FindProgram("ls") + "\n");
 }
 
 bool NoChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
 
-// The shell services: exit statuses, loader variables (POpen always strips them), pipes
-// that leak neither descriptors nor children.
-TEST(Shell, StatusesLoaderVariablesAndPipes) {
+// Shell services and tools: statuses, loader variables (POpen strips them), pipes; no descriptor or child leaks.
+TEST(Shell, StatusesLoaderVariablesPipesAndTools) {
   const int before = TestSupport::CountOwnFds();
   setenv("LD_LIBRARY_PATH", "/zl-libs", 1);
   const char* const mine[] = {"LD_LIBRARY_PATH=/mine", "ZL_EXTRA=1", nullptr};
   const struct { const char* command; int status; bool strip = false; const char* const* env = {}; } cases[] = {
-      {"exit 255", 255}, {"kill -9 $$", -1}, {"", -1}, {"zl-no-such-command", 127},
-      {"test \"$LD_LIBRARY_PATH\" = /zl-libs", 0}, {"test -z \"${LD_LIBRARY_PATH+set}\"", 0, true},
-      {"test \"$LD_LIBRARY_PATH$ZL_EXTRA\" = /mine1", 0, true, mine},
+      {"exit 255", 255}, {"", -1}, {"test \"$LD_LIBRARY_PATH\" = /zl-libs", 0},
+      {"test -z \"${LD_LIBRARY_PATH+set}\"", 0, true}, {"test \"$LD_LIBRARY_PATH$ZL_EXTRA\" = /mine1", 0, true, mine},
   };
   for (const auto& c : cases) EXPECT_EQ(RunCommand(c.command, c.strip, c.env), c.status) << c.command;
   FILE* stream = POpen("echo x; echo \"[$LD_LIBRARY_PATH]\"", "rt");
   unsetenv("LD_LIBRARY_PATH");
   char text[16] = {};
-  EXPECT_EQ(std::fread(text, 1, sizeof text - 1, stream), 5u);
-  EXPECT_STREQ(text, "x\n[]\n");
+  EXPECT_STREQ((std::fread(text, 1, sizeof text - 1, stream), text), "x\n[]\n");
   EXPECT_EQ(PClose(stream), 0);
   stream = POpen("exec yes", "r");  // the reader goes away early: SIGPIPE ends the writer
   EXPECT_EQ(std::fgetc(stream), 'y');
@@ -263,27 +253,38 @@ TEST(Shell, StatusesLoaderVariablesAndPipes) {
   close(in);
   EXPECT_EQ(ReadAll(out), "got hello\n");
   EXPECT_EQ(ChildProcess::WaitProcess(pid), 0);
+  // A tool by argument vector: input, output, status; the command text quotes so a shell gives back the words.
+  const std::string big(1 << 20, 'x');  // more than a pipe holds, for a tool that never reads
+  const struct { Strings argv; std::string input; int status; std::string output; } tools[] = {
+      {{"sh", "-c", "cat; exit 3"}, "n\n1\n", 3, "n\n1\n"}, {{"true"}, big, 0, ""},
+      {{"sh", "-c", "echo half; kill -9 $$"}, "", -1, "half\n"},
+  };
+  for (const auto& c : tools) {
+    SCOPED_TRACE(c.argv.back());
+    const LinuxEx::ToolRun run = LinuxEx::RunTool(c.argv, c.input);
+    EXPECT_TRUE(run.started && run.status == c.status && run.output == c.output) << run.status << " " << run.output;
+  }
+  const Strings words = {"tune2fs", "-L", "ZLM$(id) 'x'`y`\\z\n%", "/dev/sdb1"};
+  EXPECT_EQ("tune2fs -L 'ZLM$(id) '\\''x'\\''`y`\\z\n%' /dev/sdb1", LinuxEx::CommandText(words));
+  EXPECT_EQ("printf 'n\\n1\\n%%\\\\' | gdisk /dev/sdb", LinuxEx::CommandText({"gdisk", "/dev/sdb"}, "n\n1\n%\\"));
+  const auto echoed = LinuxEx::RunTool({"sh", "-c", "printf '%s|' " + LinuxEx::CommandText(words)});
+  EXPECT_EQ("tune2fs|-L|ZLM$(id) 'x'`y`\\z\n%|/dev/sdb1|", echoed.output);
   EXPECT_EQ(TestSupport::CountOwnFds(), before);
   EXPECT_TRUE(NoChildren());
 }
 
 std::string gPlaces;
 
-// Runs in a fresh copy of this program (the handler reads its mode once): exits 0 when
-// every misuse is refused and reported at its place, which support tooling matches on.
+// In a fresh copy of this program (the handler reads its mode once): exit 0 when every misuse
+// is refused and reported at its place, which support tooling matches on.
 [[noreturn]] void Misuses() {
   setenv("ZEMLORA_SAFE_ASSERT", "event", 1);
   Common::SetAssertEventCallback([](int, int, int, const char* text) {
     const char* place = std::strstr(text, ", file core/linex/");
     gPlaces += std::string(place ? place + 18 : text) + "\n";
   });
-  bool refused = true;
-  // Each check that fails says which, in the output the death test matches.
-  const auto refuse = [&](bool ok, const char* check) {
-    if (!ok) std::fprintf(stderr, "not refused: %s\n", check);
-    refused = refused && ok;
-  };
-#define AS_REFUSED(check) refuse(check, #check)
+  bool refused = true;  // a check that fails names itself in the output the death test matches
+#define AS_REFUSED(check) if (!(check)) refused = false, std::fprintf(stderr, "not refused: %s\n", #check)
   {
     ChildProcess c;
     int fd = 9;
@@ -351,33 +352,6 @@ TEST(SafeClose, PolicyDecidesWhatABadCloseDoes) {
   int fds[2];
   ASSERT_EQ(pipe(fds), 0);
   EXPECT_TRUE(ChildProcess::SafeClose(fds[0]) == 0 && ChildProcess::SafeFclose(fdopen(fds[1], "w")) == 0);
-}
-
-// A tool by argument vector: its input, output and status as three separate outcomes;
-// the command text quotes so that a shell gives back the very words.
-TEST(Launcher, RunToolAndItsCommandText) {
-  const std::string big(1 << 20, 'x');  // more than a pipe holds, for a tool that never reads
-  const struct { Strings argv; std::string input; int status; std::string output; } cases[] = {
-      {{"sh", "-c", "cat; exit 3"}, "n\n1\n", 3, "n\n1\n"},
-      {{"true"}, big, 0, ""},
-      {{"as-no-such-tool"}, "", 127, ""},
-      {{"sh", "-c", "echo half; kill -9 $$"}, "", -1, "half\n"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.argv.back());
-    const LinuxEx::ToolRun run = LinuxEx::RunTool(c.argv, c.input);
-    EXPECT_TRUE(run.started && run.status == c.status && run.output == c.output) << run.status << " " << run.output;
-  }
-  const Strings words = {"tune2fs", "-L", "ZLM$(id) 'x'`y`\\z\n%", "/dev/sdb1"};
-  EXPECT_EQ("tune2fs -L 'ZLM$(id) '\\''x'\\''`y`\\z\n%' /dev/sdb1", LinuxEx::CommandText(words));
-  EXPECT_EQ("printf 'n\\n1\\n%%\\\\' | gdisk /dev/sdb", LinuxEx::CommandText({"gdisk", "/dev/sdb"}, "n\n1\n%\\"));
-  const auto echoed = LinuxEx::RunTool({"sh", "-c", "printf '%s|' " + LinuxEx::CommandText(words)});
-  EXPECT_EQ("tune2fs|-L|ZLM$(id) 'x'`y`\\z\n%|/dev/sdb1|", echoed.output);
-  // Where a run would find a program: a directory of that name is none.
-  EXPECT_EQ("/bin/true", ChildProcess::FindProgram("/bin/true"));
-  EXPECT_EQ(LinuxEx::RunTool({"sh", "-c", "command -v ls"}).output, ChildProcess::FindProgram("ls") + "\n");
-  EXPECT_EQ("", ChildProcess::FindProgram("as-no-such-tool"));
-  EXPECT_EQ("", ChildProcess::FindProgram("/"));
 }
 
 }  // namespace

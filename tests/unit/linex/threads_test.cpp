@@ -7,9 +7,8 @@
 
 namespace {
 
-// Children started at once from many threads: each sees only its own pipe (the probe
-// prints one line a descriptor: 0, 1, 2 and the "/dev/null" that served 0 and 2) and
-// each stream is closed with its own child.
+// Children started at once from many threads: each sees only its own pipe (the probe's lines:
+// 0, 1, 2 and the "/dev/null" that served 0 and 2) and each stream is closed with its own child.
 TEST(LauncherThreads, ConcurrentSpawnsKeepTheirDescriptors) {
   std::atomic<int> failures{0};
   std::vector<std::thread> threads;

@@ -13,20 +13,17 @@
 
 namespace {
 
-TEST(RecursiveMutex, OwnerRelocksOthersWait) {
-  Common::RecursiveMutex mutex;
-  mutex.Lock();
-  EXPECT_TRUE(mutex.TryLock());
+// A recursive mutex: the owner relocks, others wait. Threads of one process share one shared mutex object.
+TEST(MutexThreads, OwnerRelocksOthersWaitAndSerialise) {
+  Common::RecursiveMutex recursive;
+  recursive.Lock();
+  EXPECT_TRUE(recursive.TryLock());
   bool otherGotIt = true;
-  std::thread([&] { otherGotIt = mutex.TryLock(); }).join();
+  std::thread([&] { otherGotIt = recursive.TryLock(); }).join();
   EXPECT_FALSE(otherGotIt);
-  mutex.Unlock(), mutex.Unlock();
-  std::thread([&] { if ((otherGotIt = mutex.TryLock())) mutex.Unlock(); }).join();
+  recursive.Unlock(), recursive.Unlock();
+  std::thread([&] { if ((otherGotIt = recursive.TryLock())) recursive.Unlock(); }).join();
   EXPECT_TRUE(otherGotIt);
-}
-
-// Threads of one process share one object.
-TEST(SharedMutexThreads, ThreadsSerialise) {
   const std::string name = TestSupport::UniqueName("threads");
   auto mutex = Common::SharedMutex::Create(name.c_str());
   int counter = 0;
@@ -44,8 +41,8 @@ TEST(SharedMutexThreads, ThreadsSerialise) {
   unlink(TestSupport::LockPath(name).c_str());
 }
 
-TEST(Event, SignalStateWithoutWaiters) {
-  // For each row, Wait(0), Wait(1), Set, Wait(0), Wait(0), Reset, Wait(0): 1 when it returned true.
+TEST(Event, SignalStateAndWaiters) {
+  // Without waiters, per row: Wait(0), Wait(1), Set, Wait(0), Wait(0), Reset, Wait(0); 1: it returned true.
   const struct { bool manual, initially; const char* waits; } cases[] = {
       {false, true, "10-10-0"}, {false, false, "00-10-0"}, {true, true, "11-11-0"}, {true, false, "00-11-0"}};
   for (const auto& c : cases) {
@@ -56,11 +53,8 @@ TEST(Event, SignalStateWithoutWaiters) {
                                                             : event.Wait(*op - '0') ? '1' : '0';
     EXPECT_EQ(c.waits, waits) << c.manual << c.initially;
   }
-}
-
-// An auto-reset event wakes one waiter per Set, even when the Sets come faster than the
-// woken leave, and the signal is spent; a manual-reset one wakes all and stays signalled.
-TEST(Event, SetWakesOneWaiterOrAll) {
+  // With waiters: auto-reset wakes one per Set, even when Sets come faster than the woken leave,
+  // and the signal is spent; manual-reset wakes all and stays signalled.
   for (bool manual : {false, true}) {
     SCOPED_TRACE(manual ? "manual" : "auto");
     Common::Event event(manual, false);
@@ -82,8 +76,7 @@ TEST(Event, SetWakesOneWaiterOrAll) {
   }
 }
 
-// Handles to one chain copied, wrapped and dropped on many threads: the counts must stay
-// exact (no leak, no double free under the sanitizers).
+// Handles to one chain copied, wrapped and dropped on many threads: exact counts (no leak, no double free).
 TEST(ErrorThreads, ConcurrentCopiesOfOneChain) {
   Common::Error shared(0x530040, "shared head", AS_HERE);
   shared.AddPosixError(EIO, AS_HERE);

@@ -19,12 +19,14 @@ namespace {
 
 using TestSupport::FileLockHeld;
 
-// The lock file is private and outlives the object; recursion holds the file lock until
-// the last Unlock; one Unlock too many is only reported. Another object (here in another
-// process) waits for the holder.
-TEST(SharedMutex, LockFileRecursionAndAnotherHolder) {
+// The lock file is private and outlives the object; recursion holds it until the last Unlock;
+// one Unlock too many is only reported; another object (in another process) waits for the holder.
+// A file lock that cannot be released (its descriptor swapped for one flock refuses) leaves
+// nothing held: Unlock reports it, another thread gets the mutex, the next Lock opens the file anew.
+TEST(SharedMutex, LockFileRecursionHoldersAndFailedUnlock) {
   const std::string name = TestSupport::UniqueName("mutex"), path = TestSupport::LockPath(name);
-  const int before = TestSupport::CountOwnFds();
+  const int before = TestSupport::CountOwnFds(), lockFd = dup(0);  // the lowest free number: the mutex's
+  close(lockFd);
   Common::SharedMutex::Create(name.c_str()).reset();
   struct stat st {};
   ASSERT_EQ(stat(path.c_str(), &st), 0);
@@ -55,6 +57,25 @@ TEST(SharedMutex, LockFileRecursionAndAnotherHolder) {
   EXPECT_EQ(poll(&got, 1, 0), 1);
   close(done[0]), close(done[1]);
   EXPECT_FALSE(FileLockHeld(name));
+  mutex->Lock();
+  char target[256] = {};
+  ASSERT_GT(readlink(("/proc/self/fd/" + std::to_string(lockFd)).c_str(), target, sizeof target - 1), 0);
+  ASSERT_EQ(path, target);
+  const int pathOnly = open(path.c_str(), O_PATH | O_CLOEXEC);
+  ASSERT_EQ(dup3(pathOnly, lockFd, O_CLOEXEC), lockFd);
+  close(pathOnly);
+  try {
+    mutex->Unlock();
+    ADD_FAILURE() << "Unlock reported nothing";
+  } catch (const Common::Error& e) {
+    EXPECT_EQ(e.GetCode(), 8u);
+    EXPECT_EQ(e.GetCause().GetNumericField("code"), EBADF);
+  }
+  std::thread([&] { mutex->Lock(), mutex->Unlock(); }).join();
+  mutex->Lock();
+  EXPECT_TRUE(FileLockHeld(name));
+  mutex->Unlock();
+  EXPECT_FALSE(FileLockHeld(name));
   unlink(path.c_str());
 }
 
@@ -81,38 +102,6 @@ TEST(SharedMutex, CreateFailuresNameTheMutexAndErrno) {
       return 1;
     }));
   }
-}
-
-// A file lock that cannot be released (its descriptor swapped for one flock refuses)
-// leaves nothing held: Unlock reports it, another thread gets the mutex, and the next
-// Lock opens the file anew and holds it.
-TEST(SharedMutex, FailedUnlockLeavesNothingHeld) {
-  const std::string name = TestSupport::UniqueName("unlock"), path = TestSupport::LockPath(name);
-  auto mutex = Common::SharedMutex::Create(name.c_str());
-  mutex->Lock();
-  int lockFd = -1;
-  for (int fd = 0; fd < 1024 && lockFd < 0; ++fd) {
-    char target[256] = {};
-    if (readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof target - 1) > 0 && path == target)
-      lockFd = fd;
-  }
-  ASSERT_GE(lockFd, 0);
-  const int pathOnly = open(path.c_str(), O_PATH | O_CLOEXEC);
-  ASSERT_EQ(dup3(pathOnly, lockFd, O_CLOEXEC), lockFd);
-  close(pathOnly);
-  try {
-    mutex->Unlock();
-    ADD_FAILURE() << "Unlock reported nothing";
-  } catch (const Common::Error& e) {
-    EXPECT_EQ(e.GetCode(), 8u);
-    EXPECT_EQ(e.GetCause().GetNumericField("code"), EBADF);
-  }
-  std::thread([&] { mutex->Lock(), mutex->Unlock(); }).join();
-  mutex->Lock();
-  EXPECT_TRUE(FileLockHeld(name));
-  mutex->Unlock();
-  EXPECT_FALSE(FileLockHeld(name));
-  unlink(path.c_str());
 }
 
 }  // namespace

@@ -71,13 +71,6 @@ TEST(Trace, EveryPatternForm) {
   for (size_t i = 0; i < every.texts.size(); ++i) EXPECT_EQ(i % 2 ? "1 83 disk 7" : "1 83 disk sdb", every.texts[i]);
 }
 
-TEST(Trace, TraceErrorJoinsContextAndErrorText) {
-  Recorder every(true);
-  const Common::Error e(0xBD08B0, Str(u"File is not found."), AS_LOCATION_AT("x/y", "GetDeviceSize", 10));
-  TraceTools::TraceError(215, e, Str(u"Getting size of 'sdé'").c_str());
-  EXPECT_EQ(Texts{"4 215 Getting size of 'sdé'\n" + Core::FormatString("{0}", e)}, every.texts);
-}
-
 TEST(Trace, EventPairMarksExceptionalExit) {
   Recorder every(true);
   using Pair = TraceTools::EventPair<Common::EventLevelDebug>;
@@ -108,16 +101,18 @@ TEST(Trace, EventPairMarksExceptionalExit) {
   EXPECT_EQ("1 215 after", every.texts.back());  // tracing went on
 }
 
-// Unloading raises the minimum level to 6, then ends the formatting singletons;
-// formatting still works afterwards.
-TEST(Trace, UnloadRaisesTheMinimumLevel) {
+// Unloading raises the minimum level to 6, then ends the formatting singletons; formatting
+// still works afterwards. An error's event joins the context and the error's text.
+TEST(Trace, UnloadRaisesTheMinimumLevelErrorsStillReachEveryEvent) {
   EXPECT_EXIT(
       {
         Recorder every(true);
         Recorder filtered(false);
         TraceTools::BeginUnload();
-        TraceTools::TraceError(215, Common::Error(1, AS_HERE), Str(u"late"));
-        const bool ok = TraceTools::GetMinimumLevel() == 6 && filtered.texts.empty() && every.texts.size() == 1;
+        const Common::Error e(0xBD08B0, Str(u"File is not found."), AS_LOCATION_AT("x/y", "GetDeviceSize", 10));
+        TraceTools::TraceError(215, e, Str(u"Getting size of 'sdé'").c_str());
+        const Texts joined{"4 215 Getting size of 'sdé'\n" + Core::FormatString("{0}", e)};
+        const bool ok = TraceTools::GetMinimumLevel() == 6 && filtered.texts.empty() && every.texts == joined;
         std::exit(ok && Core::FormatString(u"{0,number,hex}", 255) == Str(u"FF") ? 0 : 1);
       },
       ::testing::ExitedWithCode(0), "");

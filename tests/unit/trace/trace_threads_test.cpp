@@ -16,8 +16,7 @@ struct Counter : TraceTools::TraceSubscriber {
   std::atomic<int> count{0};
 };
 
-// Tracing from several threads while subscribers come and go; the events are
-// formatted by the shared engine and its cached ICU formatters.
+// Tracing from several threads while subscribers come and go, formatted by the shared cached ICU formatters.
 TEST(TraceThreads, TracingWhileRegistering) {
   Counter stays;
   TraceTools::Subscribe(&stays);
