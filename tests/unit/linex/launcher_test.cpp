@@ -230,13 +230,15 @@ bool NoChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHIL
 // Shell services and tools: statuses, loader variables (POpen strips them), pipes; no descriptor or child leaks.
 TEST(Shell, StatusesLoaderVariablesPipesAndTools) {
   const int before = TestSupport::CountOwnFds();
-  setenv("LD_LIBRARY_PATH", "/zl-libs", 1);
+  setenv("LD_LIBRARY_PATH", "/zl-libs", 1), setenv("ZEMLORA_ERROR_REPORT_FILE", "/tmp/parent", 1);
   const char* const mine[] = {"LD_LIBRARY_PATH=/mine", "ZL_EXTRA=1", nullptr};
   const struct { const char* command; int status; bool strip = false; const char* const* env = {}; } cases[] = {
       {"exit 255", 255}, {"", -1}, {"test \"$LD_LIBRARY_PATH\" = /zl-libs", 0},
       {"test -z \"${LD_LIBRARY_PATH+set}\"", 0, true}, {"test \"$LD_LIBRARY_PATH$ZL_EXTRA\" = /mine1", 0, true, mine},
+      {"test -z \"${ZEMLORA_ERROR_REPORT_FILE+set}\"", 0},  // a shell command writes no report
   };
   for (const auto& c : cases) EXPECT_EQ(RunCommand(c.command, c.strip, c.env), c.status) << c.command;
+  unsetenv("ZEMLORA_ERROR_REPORT_FILE");
   FILE* stream = POpen("echo x; echo \"[$LD_LIBRARY_PATH]\"", "rt");
   unsetenv("LD_LIBRARY_PATH");
   char text[16] = {};
