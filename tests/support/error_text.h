@@ -1,18 +1,12 @@
 #pragma once
-// An error's text and its causes', a line each: the message of a failed check.
+// An error chain in short, for comparisons; Common::ErrorChainText for a failed check's message.
 #include <sstream>
 #include <string>
 
 #include "core/common/error.h"
-#include "core/common/unicode.h"
+#include "core/common/error_chain.h"
 
 namespace TestSupport {
-
-inline std::string ChainText(Common::Error e) {
-  std::string text;
-  for (; e; e = e.GetCause()) text += Common::ToUtf8(e.GetText()) + "\n";
-  return text;
-}
 
 // "0x720023@370>0x720004(127)@371": the chain's codes, the storage code's lines, an outside
 // call's exit status or an errno; "ok" for no error.

@@ -27,7 +27,7 @@ inline std::string Read(const std::string& path) {
 inline std::vector<Device> List(bool rescan = false) try {
   return Virtualization::Appliance::StoragesManager().GetBlockDevices(rescan);
 } catch (const Common::Error& e) {
-  ADD_FAILURE() << TestSupport::ChainText(e);
+  ADD_FAILURE() << Common::ErrorChainText(e);
   return {};
 }
 

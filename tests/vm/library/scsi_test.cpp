@@ -27,7 +27,7 @@ using VmTest::Read;
 std::vector<SCSI::Disk> List(SCSI::DiskSubsystem& disks) {
   std::vector<SCSI::Disk> list;
   const Common::Error e = disks.Enumerate(list);
-  EXPECT_FALSE(e) << TestSupport::ChainText(e);
+  EXPECT_FALSE(e) << Common::ErrorChainText(e);
   return list;
 }
 // The identifier made from scsi_id's ID_SCSI_SERIAL; zero without one.
@@ -84,10 +84,10 @@ TEST(RealKernel, IdentifiesRemovesAndAddsTheDiskOfEveryControllerKind) {
     const std::string sysfs = "/sys/block/" + Common::ToUtf8(disk.name);
     EXPECT_EQ(0, access(sysfs.c_str(), F_OK));
     Common::Error e = disks->RemoveDisk(disk);
-    ASSERT_FALSE(e) << TestSupport::ChainText(e);
+    ASSERT_FALSE(e) << Common::ErrorChainText(e);
     EXPECT_NE(0, access(sysfs.c_str(), F_OK));
     e = disks->AddDisk(disk, names[i]);
-    ASSERT_FALSE(e) << TestSupport::ChainText(e);
+    ASSERT_FALSE(e) << Common::ErrorChainText(e);
   }
   // Back at the same addresses, under the names AddDisk gave.
   const std::vector<SCSI::Disk> after = List(*disks);
