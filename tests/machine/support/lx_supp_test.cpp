@@ -39,17 +39,16 @@ struct Seen {
   }
 };
 
+// Notifies under the lock: the waiter may destroy `seen` as soon as it has the lock again.
 void Record(const LinuxEx::snap_message* messages, void* context) {
   Seen& seen = *static_cast<Seen*>(context);
-  {
-    std::lock_guard<std::mutex> lock(seen.mutex);
-    int i = 0;
-    for (; messages[i].kind != LinuxEx::snap_end && i < 1000; ++i) {
-      seen.malformed |= messages[i].kind != LinuxEx::snap_disk_updated;
-      seen.devices.insert(makedev(messages[i].major, messages[i].minor));
-    }
-    seen.malformed |= i == 0 || i == 1000;
+  std::lock_guard<std::mutex> lock(seen.mutex);
+  int i = 0;
+  for (; messages[i].kind != LinuxEx::snap_end && i < 1000; ++i) {
+    seen.malformed |= messages[i].kind != LinuxEx::snap_disk_updated;
+    seen.devices.insert(makedev(messages[i].major, messages[i].minor));
   }
+  seen.malformed |= i == 0 || i == 1000;
   seen.changed.notify_all();
 }
 
