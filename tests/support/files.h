@@ -18,6 +18,8 @@ void SparseFile(const std::string& path, uint64_t bytes);
 std::vector<std::string> ListDir(const std::string& path);   // sorted; none when unreadable
 std::vector<std::string> ReadLines(const std::string& path);  // without line feeds
 std::string FirstLine(const std::string& path);              // "" when unreadable
+// What every writing tool touches of a device, its first 4 MiB and last 1 MiB, hashed.
+std::string EdgeDigest(const std::string& path);
 
 struct GptPartition {
   unsigned number = 0;

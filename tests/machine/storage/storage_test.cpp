@@ -127,9 +127,8 @@ TEST(Storages, PreparationRefusesDataAndStopsAtTheFirstFailure) {
     if (shell) { ASSERT_EQ("", Output("PATH=/usr/sbin:/sbin:$PATH; (" + setup + ") 2>&1 >/dev/null")); }
     if (shell && setup[0] == 's') RereadPartitionTable("sdc");
     if (fails) fs::resize_file("/dev/sdc1", 0), m.WriteFile(kState + "/fail/" + setup, "3\n");  // no file system there yet
-    // Every writing tool touches the first or the last megabytes of what it writes.
-    const std::string image = "for d in /dev/sdc /dev/sdc1; do ({ head -c 4M; tail -c 1M; } < $d) 2>&1 | md5sum; done";
-    const std::string before = Output(image);
+    const auto image = [] { return EdgeDigest("/dev/sdc") + " " + EdgeDigest("/dev/sdc1"); };
+    const std::string before = image();
     const int fds = TestSupport::CountOwnFds();
     const auto device = StoragesManager().GetBlockDevices(false).at(0);
     std::optional<TestSupport::DescriptorBudget> budget;
@@ -137,7 +136,7 @@ TEST(Storages, PreparationRefusesDataAndStopsAtTheFirstFailure) {
     EXPECT_EQ(codes, Outcome([&] { return device->CreateBackupPartition(); }));
     budget.reset();
     EXPECT_EQ(ran, Ran(m));
-    if (ran.empty()) { EXPECT_EQ(before, Output(image)); }
+    if (ran.empty()) { EXPECT_EQ(before, image()); }
     if (codes == "ok") { EXPECT_EQ("ZLM ext4\n", Output("blkid -p -o value -s TYPE -s LABEL /dev/sdc1 | xargs")); }
     ExpectNothingLeft(fds);
   }
